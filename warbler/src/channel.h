@@ -1,0 +1,55 @@
+// The half of a client that any thread may use: stanzas to write and IQs that wait for an answer. It is open while a session is up.
+#pragma once
+
+#include <warbler/dom.h>
+
+#include <mutex>
+#include <string>
+
+#include "iq_table.h"
+#include "loop_gate.h"
+
+namespace wb {
+
+class Channel {
+ public:
+  // wanted runs on the loop, once for all bytes that came since it last ran; expired runs there with each IQ whose time is over.
+  Channel(event_base *base, const std::shared_ptr<LoopGate> &gate, std::function<void()> wanted);
+
+  // On the loop. stanza_bytes_max is the server's limit, 0 for none.
+  void open(std::string own_jid, size_t stanza_bytes_max, size_t queue_bytes_max);
+  // Refuses everything from here on and drops what waits; returns the IQs that will never be answered, for the caller to call back.
+  std::vector<TrackedIq> close();
+
+  // Any thread; consume one reference of the stanza's context.
+  bool send(wb_dom_node *stanza, wb_err *err);
+  bool track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err);
+
+  // On the loop: hands an answer to whom it belongs. False when nobody waits for it.
+  bool answer(wb_dom_node *iq);
+  // On the loop: moves what waits into bytes, which is empty, and tells how much the session has yet to write.
+  void take(std::string &bytes);
+  void set_backlog(size_t bytes);
+
+ private:
+  bool admit_locked(size_t bytes, wb_err *err) const;
+  void append_locked(const std::string &bytes);
+  void on_expiry();
+  void arm_expiry_locked();
+
+  std::mutex mutex_;
+  bool open_ = false;  // all under mutex_
+  std::string own_jid_;
+  size_t stanza_bytes_max_ = 0;
+  size_t queue_bytes_max_ = 0;
+  size_t backlog_ = 0;
+  std::string bytes_;
+  bool wanted_scheduled_ = false;
+  IqTable iqs_;
+  IqTable::Clock::time_point expiry_armed_ = IqTable::Clock::time_point::max();
+
+  LoopEvent wanted_;
+  LoopEvent expiry_;
+};
+
+}  // namespace wb

@@ -1,0 +1,215 @@
+#include "client_core.h"
+
+#include <warbler/log.h>
+
+#include <cstring>
+
+#include "guard.h"
+#include "log_context.h"
+#include "xmpp_names.h"
+
+namespace wb {
+
+namespace {
+
+// What a connect hands to the loop.
+struct ConnectItem {
+  std::weak_ptr<ClientCore> core;
+  std::shared_ptr<LoopGate> gate;
+  std::function<void()> run;
+};
+
+void run_connect_item(void *arg, bool cancelled) {
+  const std::unique_ptr<ConnectItem> item(static_cast<ConnectItem *>(arg));
+  const LoopGate::Pass pass(item->gate);
+  const std::shared_ptr<ClientCore> core = item->core.lock();
+  if (cancelled || !pass || core == nullptr) return;
+  guarded(nullptr, __func__, [&] {
+    item->run();
+    return true;
+  });
+}
+
+const char *attribute(const wb_dom_node *node, const char *name) {
+  const char *value = wb_dom_get_attribute(node, name);
+  return value != nullptr ? value : "";
+}
+
+wb_dom_node *grid_child(const wb_dom_node *iq) {
+  wb_dom_node *child = wb_dom_get_first_child(iq);
+  while (child != nullptr && std::strcmp(wb_dom_get_localname(child), "grid") != 0) child = wb_dom_get_sibling(child);
+  return child;
+}
+
+bool is_ping(const wb_dom_node *iq) {
+  const wb_dom_node *child = wb_dom_get_first_child(iq);
+  return child != nullptr && std::strcmp(wb_dom_get_namespace_uri(child), ns::kPing) == 0 && std::strcmp(attribute(iq, "type"), "get") == 0;
+}
+
+}  // namespace
+
+ClientCore::ClientCore(wb_workq &queue)
+    : queue_(queue),
+      events_{wb_event("clientConnected"),  wb_event("clientDisconnected"), wb_event("reconnectStatusChanged"), wb_event("presenceReceived"),
+              wb_event("messageReceived"), wb_event("iqReceived"),         wb_event("clientDestroyed")},
+      channel_(queue.base(), gate_,
+               [this] {
+                 if (session_ != nullptr) session_->pump();
+               }),
+      countdown_(queue.base(), -1, 0, gate_, [this](short) { on_countdown(); }) {}
+
+ClientCore::~ClientCore() = default;
+
+wb_event *ClientCore::event(const char *name) {
+  for (wb_event &event : events_) {
+    if (std::strcmp(event.name(), name) == 0) return &event;
+  }
+  return nullptr;
+}
+
+bool ClientCore::connect(wb_htable *config, wb_err *err) {
+  auto options = std::make_shared<ClientOptions>();
+  if (!read_client_options(config, *options, err)) return false;
+  auto item = std::make_unique<ConnectItem>();
+  item->core = weak_from_this();
+  item->gate = gate_;
+  item->run = [this, options] { start_session(std::move(*options)); };
+  queue_.put(run_connect_item, item.get());
+  item.release();
+  return true;
+}
+
+void ClientCore::start_session(ClientOptions options) {
+  cancel_countdown();
+  if (session_ != nullptr) session_->end(WB_ERR_NONE, "the application connects anew");
+  if (gate_->is_closed()) return;
+  options_ = std::move(options);
+  wanted_ = true;
+  // The application has been told that the attempt began, so it hears of its end whatever happens.
+  wb_err err{};
+  const bool started = guarded(&err, __func__, [&] {
+    session_ = std::make_shared<Session>(queue_, gate_, options_, *this);
+    session_->start(session_);
+    return true;
+  });
+  if (started) return;
+  wb_log_err(WB_LOG_ERROR, &err, "cannot begin to connect");
+  if (session_ != nullptr) return session_->end(WB_ERR_NO_MEMORY, "cannot begin to connect");
+  raise(kDisconnected, nullptr);
+}
+
+void ClientCore::disconnect(wb_errcode reason) {
+  const LoopGate::Pass pass(gate_);
+  if (!pass) return;
+  wanted_ = false;
+  cancel_countdown();
+  if (session_ != nullptr) session_->close(reason);
+}
+
+void ClientCore::destroy() {
+  const std::shared_ptr<ClientCore> self = shared_from_this();
+  raise(kDestroyed, nullptr);
+  switch (gate_->close()) {
+    case LoopGate::Closed::before:
+      return;
+    case LoopGate::Closed::within_pass:
+      // The objects whose functions are on the stack live until the pass ends.
+      gate_->bury(self);
+      if (session_ != nullptr) session_->abandon();
+      gate_->bury(std::move(session_));
+      break;
+    case LoopGate::Closed::outside_pass:
+      session_.reset();
+      break;
+  }
+  for (const TrackedIq &tracked : channel_.close()) tracked.callback(nullptr, tracked.arg);
+}
+
+void ClientCore::on_session_up(const std::string &jid, size_t stanza_bytes_max) {
+  channel_.open(jid, stanza_bytes_max, options_.queue_bytes_max);
+  raise(kConnected, const_cast<char *>(jid.c_str()));
+}
+
+void ClientCore::on_session_end(wb_errcode reason, wb_dom_node *error) {
+  gate_->bury(std::move(session_));
+  const bool lost = wanted_;
+  for (const TrackedIq &tracked : channel_.close()) tracked.callback(nullptr, tracked.arg);
+  if (gate_->is_closed()) return;
+  raise(kDisconnected, error);
+  if (gate_->is_closed() || session_ != nullptr) return;
+  if (lost && reason != WB_ERR_NONE && reason != WB_ERR_NOT_AUTHORIZED) begin_countdown();
+}
+
+void ClientCore::on_session_stanza(wb_dom_node *stanza) {
+  const char *uri = wb_dom_get_namespace_uri(stanza);
+  const std::string_view name = wb_dom_get_localname(stanza);
+  if (std::strcmp(uri, ns::kClient) != 0) return wb_log(WB_LOG_DEBUG, "dropped an element that is no stanza");
+  if (name == "iq") return on_iq(stanza);
+  if (name == "message") return raise(kMessage, stanza);
+  if (name == "presence") return raise(kPresence, stanza);
+  wb_log(WB_LOG_DEBUG, "dropped an element that is no stanza");
+}
+
+void ClientCore::on_iq(wb_dom_node *iq) {
+  const std::string_view type = attribute(iq, "type");
+  if (type == "result" || type == "error") {
+    if (!channel_.answer(iq)) wb_log(WB_LOG_DEBUG, "dropped an answer that nobody waits for, from %s", attribute(iq, "from"));
+    return;
+  }
+  if (type != "get" && type != "set") return wb_log(WB_LOG_DEBUG, "dropped an IQ of no known type");
+  if (grid_child(iq) != nullptr) return raise(kIq, iq);
+  answer_iq(iq);
+}
+
+// What belongs to XMPP and not to the application.
+void ClientCore::answer_iq(wb_dom_node *iq) {
+  wb_dom_ctx *context = nullptr;
+  wb_dom_node *reply = nullptr;
+  wb_err err{};
+  const bool ping = is_ping(iq);
+  bool built = wb_dom_context_create(&context, &err) && wb_dom_element_create(context, "{jabber:client}iq", &reply, &err) &&
+               wb_dom_set_attribute(reply, "type", ping ? "result" : "error", &err) &&
+               wb_dom_set_attribute(reply, "id", wb_dom_get_attribute(iq, "id"), &err) &&
+               wb_dom_set_attribute(reply, "to", wb_dom_get_attribute(iq, "from"), &err);
+  if (built && !ping) {
+    wb_dom_node *error = nullptr, *condition = nullptr;
+    built = wb_dom_element_create(context, "{jabber:client}error", &error, &err) && wb_dom_set_attribute(error, "type", "cancel", &err) &&
+            wb_dom_element_create(context, "{urn:ietf:params:xml:ns:xmpp-stanzas}service-unavailable", &condition, &err) &&
+            wb_dom_add_child(error, condition, &err) && wb_dom_add_child(reply, error, &err);
+  }
+  if (!built) {
+    wb_dom_context_destroy(context);
+    return wb_log_err(WB_LOG_ERROR, &err, "cannot answer an IQ");
+  }
+  if (!channel_.send(reply, &err)) wb_log_err(WB_LOG_VERBOSE, &err, "cannot answer an IQ");
+}
+
+// ---- The countdown to a new attempt
+
+void ClientCore::raise_reconnect(wb_reconnect_status status) {
+  ReconnectState state{status, status == WB_RECONNECT_PENDING ? options_.reconnect_countdown_seconds : 0};
+  raise(kReconnect, &state);
+}
+
+void ClientCore::begin_countdown() {
+  if (options_.reconnect_countdown_seconds == 0) return;
+  counting_ = true;
+  countdown_.add(std::chrono::seconds(options_.reconnect_countdown_seconds));
+  raise_reconnect(WB_RECONNECT_PENDING);
+}
+
+void ClientCore::on_countdown() {
+  if (!counting_) return;
+  counting_ = false;
+  raise_reconnect(WB_RECONNECT_STARTING);
+  if (!gate_->is_closed() && session_ == nullptr) start_session(options_);
+}
+
+void ClientCore::cancel_countdown() {
+  if (!counting_) return;
+  counting_ = false;
+  countdown_.remove();
+  raise_reconnect(WB_RECONNECT_CANCELED);
+}
+
+}  // namespace wb

@@ -1,0 +1,65 @@
+// The client behind wb_client: events, the session in force, and what any thread may do.
+#pragma once
+
+#include <warbler/client.h>
+
+#include <array>
+#include <memory>
+
+#include "channel.h"
+#include "event.h"
+#include "session.h"
+
+namespace wb {
+
+class ClientCore : public Session::Owner, public std::enable_shared_from_this<ClientCore> {
+ public:
+  explicit ClientCore(wb_workq &queue);
+  ~ClientCore();
+  ClientCore(const ClientCore &) = delete;
+  ClientCore &operator=(const ClientCore &) = delete;
+
+  wb_event *event(const char *name);
+  Channel &channel() { return channel_; }
+
+  // Any thread.
+  bool connect(wb_htable *config, wb_err *err);
+  void destroy();
+  // On the loop.
+  void disconnect(wb_errcode reason);
+
+  struct ReconnectState {
+    wb_reconnect_status status;
+    unsigned seconds;
+  };
+
+ private:
+  enum EventIndex { kConnected, kDisconnected, kReconnect, kPresence, kMessage, kIq, kDestroyed, kEventCount };
+
+  void on_session_up(const std::string &jid, size_t stanza_bytes_max) override;
+  void on_session_end(wb_errcode reason, wb_dom_node *error) override;
+  void on_session_stanza(wb_dom_node *stanza) override;
+  void take_outgoing(std::string &bytes) override { channel_.take(bytes); }
+  void set_backlog(size_t bytes) override { channel_.set_backlog(bytes); }
+
+  void start_session(ClientOptions options);
+  void on_iq(wb_dom_node *iq);
+  void answer_iq(wb_dom_node *iq);
+  void begin_countdown();
+  void on_countdown();
+  void cancel_countdown();
+  void raise_reconnect(wb_reconnect_status status);
+  void raise(EventIndex index, void *data) { events_[index].raise(this, data); }
+
+  wb_workq &queue_;
+  const std::shared_ptr<LoopGate> gate_ = std::make_shared<LoopGate>();
+  std::array<wb_event, kEventCount> events_;
+  Channel channel_;
+  LoopEvent countdown_;
+  bool counting_ = false;
+  bool wanted_ = false;  // the application has asked for a session and not for its end
+  ClientOptions options_;  // of the last connect
+  std::shared_ptr<Session> session_;
+};
+
+}  // namespace wb

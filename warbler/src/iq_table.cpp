@@ -1,0 +1,122 @@
+#include "iq_table.h"
+
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <new>
+
+#include "jid.h"
+
+namespace wb {
+
+namespace {
+
+constexpr size_t kIdBytes = 16;
+constexpr size_t kBucketsKept = 64;
+
+// Whether an answer's sender may speak for the address that the IQ went to. An IQ without address went to the own account.
+bool may_answer(std::string_view to, std::string_view from, std::string_view own_jid) {
+  const std::string_view own_bare = bare_jid(own_jid);
+  if (to.empty() || jid_equal(to, own_bare)) {
+    return from.empty() || jid_equal(from, own_bare) || (to.empty() && jid_equal(from, own_jid));
+  }
+  return jid_equal(to, from);
+}
+
+}  // namespace
+
+std::string IqTable::make_id() {
+  if (randomness_used_ + kIdBytes > randomness_.size()) {
+    // Without randomness there are no safe ids; OpenSSL fails here only when the system has none to give.
+    if (RAND_bytes(randomness_.data(), static_cast<int>(randomness_.size())) != 1) throw std::bad_alloc();
+    randomness_used_ = 0;
+  }
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string id(2 * kIdBytes, '\0');
+  for (size_t i = 0; i < kIdBytes; ++i) {
+    const unsigned char byte = randomness_[randomness_used_ + i];
+    id[2 * i] = kDigits[byte >> 4];
+    id[2 * i + 1] = kDigits[byte & 15];
+  }
+  std::memset(randomness_.data() + randomness_used_, 0, kIdBytes);
+  randomness_used_ += kIdBytes;
+  return id;
+}
+
+bool IqTable::parse_id(std::string_view id, Key &key) {
+  if (id.size() != 2 * kIdBytes) return false;
+  const char *begin = id.data(), *middle = begin + kIdBytes, *end = begin + 2 * kIdBytes;
+  const auto high = std::from_chars(begin, middle, key.high, 16);
+  const auto low = std::from_chars(middle, end, key.low, 16);
+  return high.ec == std::errc() && high.ptr == middle && low.ec == std::errc() && low.ptr == end;
+}
+
+void IqTable::add(const std::string &id, std::string_view to, TrackedIq iq, std::chrono::seconds timeout) {
+  Key key{};
+  parse_id(id, key);
+  const Clock::duration duration = timeout;
+  Queue &queue = queues_[duration.count()];
+  Entry &entry = entries_.try_emplace(key, Entry{iq, std::string(to), Clock::now() + duration, duration, key, queue.last, nullptr}).first->second;
+  (queue.last != nullptr ? queue.last->later : queue.first) = &entry;
+  queue.last = &entry;
+}
+
+TrackedIq IqTable::remove(Entry &entry) {
+  const auto queue = queues_.find(entry.timeout.count());
+  (entry.earlier != nullptr ? entry.earlier->later : queue->second.first) = entry.later;
+  (entry.later != nullptr ? entry.later->earlier : queue->second.last) = entry.earlier;
+  if (queue->second.first == nullptr && queues_.size() > 1) queues_.erase(queue);
+  const TrackedIq iq = entry.iq;
+  entries_.erase(entry.key);
+  return iq;
+}
+
+// A burst of requests leaves no large table behind.
+void IqTable::shrink() {
+  if (entries_.bucket_count() > kBucketsKept && entries_.size() < entries_.bucket_count() / 8) entries_.rehash(kBucketsKept);
+}
+
+bool IqTable::take(std::string_view id, std::string_view from, std::string_view own_jid, TrackedIq &iq) {
+  Key key{};
+  if (!parse_id(id, key)) return false;
+  const auto found = entries_.find(key);
+  if (found == entries_.end() || !may_answer(found->second.to, from, own_jid)) return false;
+  iq = remove(found->second);
+  shrink();
+  return true;
+}
+
+std::vector<TrackedIq> IqTable::take_expired(Clock::time_point now) {
+  std::vector<Entry *> expired;
+  for (const auto &[timeout, queue] : queues_) {
+    for (Entry *entry = queue.first; entry != nullptr && entry->deadline <= now; entry = entry->later) expired.push_back(entry);
+  }
+  std::sort(expired.begin(), expired.end(), [](const Entry *a, const Entry *b) { return a->deadline < b->deadline; });
+  std::vector<TrackedIq> taken;
+  taken.reserve(expired.size());
+  for (Entry *entry : expired) taken.push_back(remove(*entry));
+  shrink();
+  return taken;
+}
+
+std::vector<TrackedIq> IqTable::take_all() {
+  std::vector<TrackedIq> taken;
+  taken.reserve(entries_.size());
+  for (const auto &[key, entry] : entries_) taken.push_back(entry.iq);
+  entries_.clear();
+  queues_.clear();
+  shrink();
+  return taken;
+}
+
+IqTable::Clock::time_point IqTable::next_deadline() const {
+  Clock::time_point next = Clock::time_point::max();
+  for (const auto &[timeout, queue] : queues_) {
+    if (queue.first != nullptr) next = std::min(next, queue.first->deadline);
+  }
+  return next;
+}
+
+}  // namespace wb

@@ -1,0 +1,211 @@
+#include "link.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <openssl/x509_vfy.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+namespace wb {
+
+namespace {
+
+constexpr size_t kInputBytes = 32 * 1024;
+constexpr size_t kOutputBytesKept = 64 * 1024;  // a larger buffer is given back once it is empty
+
+}  // namespace
+
+// OpenSSL's view of a link: it reads and writes the buffers, never the socket.
+struct LinkBio {
+  static Link &link(BIO *bio) { return *static_cast<Link *>(BIO_get_data(bio)); }
+
+  static int read(BIO *bio, char *buffer, int size) {
+    Link &self = link(bio);
+    BIO_clear_retry_flags(bio);
+    if (self.in_begin_ == self.in_end_ && !self.in_closed_) self.fill();
+    const size_t there = self.in_end_ - self.in_begin_;
+    if (there == 0) {
+      if (self.in_closed_) return 0;
+      if (self.socket_error_ != 0) return -1;
+      BIO_set_retry_read(bio);
+      return -1;
+    }
+    const size_t taken = std::min(there, static_cast<size_t>(size));
+    std::memcpy(buffer, self.in_.data() + self.in_begin_, taken);
+    self.in_begin_ += taken;
+    return static_cast<int>(taken);
+  }
+
+  static int write(BIO *bio, const char *bytes, int size) {
+    BIO_clear_retry_flags(bio);
+    try {
+      link(bio).out_.append(bytes, static_cast<size_t>(size));
+      return size;
+    } catch (const std::bad_alloc &) {
+      return -1;
+    }
+  }
+
+  static long control(BIO *, int command, long, void *) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
+
+  static int create(BIO *bio) {
+    BIO_set_init(bio, 1);
+    return 1;
+  }
+
+  static const BIO_METHOD *method() {
+    static BIO_METHOD *const made = [] {
+      BIO_METHOD *fresh = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "link");
+      if (fresh != nullptr) {
+        BIO_meth_set_read(fresh, read);
+        BIO_meth_set_write(fresh, write);
+        BIO_meth_set_ctrl(fresh, control);
+        BIO_meth_set_create(fresh, create);
+      }
+      return fresh;
+    }();
+    return made;
+  }
+};
+
+Link::~Link() {
+  ssl_.reset();
+  close(fd_);
+}
+
+Link::Io Link::fill() {
+  if (in_.empty()) in_.resize(kInputBytes);
+  in_begin_ = in_end_ = 0;
+  for (;;) {
+    const ssize_t got = recv(fd_, in_.data(), in_.size(), 0);
+    if (got > 0) {
+      in_end_ = static_cast<size_t>(got);
+      return Io::done;
+    }
+    if (got == 0) {
+      in_closed_ = true;
+      return Io::closed;
+    }
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return Io::again;
+    socket_error_ = errno;
+    return Io::failed;
+  }
+}
+
+bool Link::start_tls(SslPtr ssl) {
+  BIO *bio = LinkBio::method() != nullptr ? BIO_new(LinkBio::method()) : nullptr;
+  if (bio == nullptr) return false;
+  BIO_set_data(bio, this);
+  SSL_set_bio(ssl.get(), bio, bio);
+  SSL_set_connect_state(ssl.get());
+  ssl_ = std::move(ssl);
+  in_begin_ = in_end_ = 0;
+  return true;
+}
+
+Link::Io Link::tls_result(int result) {
+  switch (SSL_get_error(ssl_.get(), result)) {
+    case SSL_ERROR_WANT_READ:
+    case SSL_ERROR_WANT_WRITE:
+      return Io::again;
+    case SSL_ERROR_ZERO_RETURN:
+      return Io::closed;
+    default:
+      break;
+  }
+  const unsigned long code = ERR_peek_last_error();
+  // A peer that closes the socket without TLS's farewell has closed all the same.
+  if (socket_error_ == 0 && in_closed_ && (code == 0 || ERR_GET_REASON(code) == SSL_R_UNEXPECTED_EOF_WHILE_READING)) {
+    ERR_clear_error();
+    return Io::closed;
+  }
+  const long verified = SSL_get_verify_result(ssl_.get());
+  if (verified != X509_V_OK && ERR_GET_REASON(code) == SSL_R_CERTIFICATE_VERIFY_FAILED) {
+    tls_error_ = std::string("the server's certificate is refused: ") + X509_verify_cert_error_string(verified);
+  } else if (code != 0 && ERR_reason_error_string(code) != nullptr) {
+    tls_error_ = ERR_reason_error_string(code);
+  } else {
+    tls_error_ = "TLS failed";
+  }
+  ERR_clear_error();
+  return Io::failed;
+}
+
+Link::Io Link::handshake() {
+  ERR_clear_error();
+  const int result = SSL_do_handshake(ssl_.get());
+  return result == 1 ? Io::done : tls_result(result);
+}
+
+Link::Io Link::read(char *buffer, size_t size, size_t &got) {
+  got = 0;
+  if (ssl_ != nullptr) {
+    ERR_clear_error();
+    const int result = SSL_read_ex(ssl_.get(), buffer, size, &got);
+    return result == 1 ? Io::done : tls_result(result);
+  }
+  if (in_begin_ == in_end_) {
+    if (const Io filled = fill(); filled != Io::done) return filled;
+  }
+  got = std::min(size, in_end_ - in_begin_);
+  std::memcpy(buffer, in_.data() + in_begin_, got);
+  in_begin_ += got;
+  return Io::done;
+}
+
+Link::Io Link::write(std::string_view bytes) {
+  if (bytes.empty()) return Io::done;
+  if (ssl_ == nullptr) {
+    out_.append(bytes);
+    return Io::done;
+  }
+  ERR_clear_error();
+  size_t written = 0;
+  // The buffer takes everything, so a write is never partial.
+  const int result = SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &written);
+  return result == 1 ? Io::done : tls_result(result);
+}
+
+Link::Io Link::flush() {
+  while (out_begin_ < out_.size()) {
+    const ssize_t sent = send(fd_, out_.data() + out_begin_, out_.size() - out_begin_, MSG_NOSIGNAL);
+    if (sent >= 0) {
+      out_begin_ += static_cast<size_t>(sent);
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return Io::again;
+    socket_error_ = errno;
+    return Io::failed;
+  }
+  out_begin_ = 0;
+  out_.clear();
+  if (out_.capacity() > kOutputBytesKept) out_.shrink_to_fit();
+  return Io::done;
+}
+
+void Link::say_goodbye() {
+  if (ssl_ != nullptr && SSL_is_init_finished(ssl_.get()) == 1) SSL_shutdown(ssl_.get());
+  ERR_clear_error();
+}
+
+void Link::acknowledge_quickly() const {
+  const int on = 1;
+  setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+}
+
+std::string Link::reason() const {
+  if (socket_error_ != 0) {
+    char text[128];
+    return strerror_r(socket_error_, text, sizeof text);
+  }
+  return tls_error_.empty() ? "closed by the peer" : tls_error_;
+}
+
+}  // namespace wb

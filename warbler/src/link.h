@@ -1,0 +1,76 @@
+// A connected socket, plain at first and TLS later, without waiting: bytes are buffered on both sides, so that many stanzas leave in one write and
+// many TLS records arrive in one read.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace wb {
+
+struct SslDeleter {
+  void operator()(SSL *ssl) const { SSL_free(ssl); }
+};
+using SslPtr = std::unique_ptr<SSL, SslDeleter>;
+
+class Link {
+ public:
+  enum class Io {
+    done,     // all that was asked
+    again,    // the socket has to become ready first
+    closed,   // the peer has closed its side
+    failed    // the socket or TLS failed
+  };
+
+  // Takes over a connected, non-blocking socket.
+  explicit Link(int fd) : fd_(fd) {}
+  ~Link();
+  Link(const Link &) = delete;
+  Link &operator=(const Link &) = delete;
+
+  int fd() const { return fd_; }
+  SSL *ssl() const { return ssl_.get(); }
+
+  // From here on bytes are TLS; what the peer sent before and was not read is thrown away. Takes over a client connection without a socket.
+  bool start_tls(SslPtr ssl);
+  // Goes on with the handshake: done when it is complete. Call flush whatever it returns.
+  Io handshake();
+
+  // Reads at most size bytes (size > 0); done with got > 0.
+  Io read(char *buffer, size_t size, size_t &got);
+  // Buffers bytes for the peer; failed when TLS refuses.
+  Io write(std::string_view bytes);
+  // Writes what is buffered to the socket.
+  Io flush();
+  // Bytes that wait in the buffer.
+  size_t waiting() const { return out_.size() - out_begin_; }
+  // Buffers TLS's farewell.
+  void say_goodbye();
+
+  // The acknowledgement of what was read leaves at once: an answer that waits for it would be late by 40 ms.
+  void acknowledge_quickly() const;
+
+  // What went wrong after failed, for a person to read.
+  std::string reason() const;
+
+ private:
+  friend struct LinkBio;
+  Io fill();
+  Io tls_result(int result);
+
+  const int fd_;
+  SslPtr ssl_;
+  std::vector<char> in_;  // what the socket gave and nobody took
+  size_t in_begin_ = 0, in_end_ = 0;
+  bool in_closed_ = false;
+  std::string out_;  // what the socket has not taken yet
+  size_t out_begin_ = 0;
+  int socket_error_ = 0;
+  std::string tls_error_;
+};
+
+}  // namespace wb

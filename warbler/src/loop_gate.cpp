@@ -1,0 +1,67 @@
+#include "loop_gate.h"
+
+#include <new>
+
+#include "guard.h"
+
+namespace wb {
+
+LoopGate::Pass::Pass(std::shared_ptr<LoopGate> gate) : gate_(std::move(gate)) {
+  gate_->mutex_.lock();
+  entered_ = !gate_->closed_;
+  if (entered_) {
+    ++gate_->depth_;
+  } else {
+    gate_->mutex_.unlock();
+  }
+}
+
+LoopGate::Pass::~Pass() {
+  if (!entered_) return;
+  std::vector<std::shared_ptr<void>> buried;
+  if (--gate_->depth_ == 0) buried.swap(gate_->buried_);
+  gate_->mutex_.unlock();
+}
+
+LoopGate::Closed LoopGate::close() {
+  const std::lock_guard lock(mutex_);
+  if (closed_) return Closed::before;
+  closed_ = true;
+  // The mutex is recursive: a pass that is open now is this thread's own.
+  return depth_ > 0 ? Closed::within_pass : Closed::outside_pass;
+}
+
+void LoopGate::bury(std::shared_ptr<void> object) {
+  if (object != nullptr) buried_.push_back(std::move(object));
+}
+
+LoopEvent::LoopEvent(event_base *base, int fd, short what, std::shared_ptr<LoopGate> gate, Function function)
+    : gate_(std::move(gate)), function_(std::move(function)), event_(event_new(base, fd, what, on_event, this)) {
+  if (event_ == nullptr) throw std::bad_alloc();
+}
+
+LoopEvent::~LoopEvent() { event_free(event_); }
+
+void LoopEvent::add() { event_add(event_, nullptr); }
+
+void LoopEvent::add(std::chrono::milliseconds timeout) {
+  const auto rest = std::max(timeout, std::chrono::milliseconds(0)).count();
+  const timeval interval{static_cast<time_t>(rest / 1000), static_cast<suseconds_t>(rest % 1000 * 1000)};
+  event_add(event_, &interval);
+}
+
+void LoopEvent::remove() { event_del(event_); }
+
+void LoopEvent::activate() { event_active(event_, EV_TIMEOUT, 0); }
+
+void LoopEvent::on_event(evutil_socket_t, short what, void *arg) {
+  auto &self = *static_cast<LoopEvent *>(arg);
+  const LoopGate::Pass pass(self.gate_);
+  if (!pass) return;
+  guarded(nullptr, __func__, [&] {
+    self.function_(what);
+    return true;
+  });
+}
+
+}  // namespace wb

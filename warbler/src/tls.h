@@ -1,0 +1,42 @@
+// TLS for a client: the context that the application's hook prepares, and the check of the server's name.
+#pragma once
+
+#include <warbler/tls.h>
+
+#include <functional>
+#include <string>
+
+#include "link.h"
+
+// What the accept hook is asked about.
+struct wb_tls_session {
+  SSL *ssl;
+  std::function<void(bool accept)> answer;
+};
+
+namespace wb {
+
+struct TlsHooks {
+  wb_tls_connect_func connect = nullptr;
+  void *connect_arg = nullptr;
+  wb_tls_accept_func accept = nullptr;
+  void *accept_arg = nullptr;
+};
+
+// Names that the server's certificate may bear: one of them is enough.
+struct ExpectedNames {
+  std::string domain;  // also the server name that the handshake indicates
+  std::string host;    // the name or address that was dialled
+};
+
+// A connection of a context of its own that the hook has prepared: TLS 1.2 or newer; with peer verification on, the certificate has to bear an
+// expected name, unless the context expects names of its own. names must outlive the connection. NULL with error set when OpenSSL refuses.
+SslPtr make_tls(const TlsHooks &hooks, const ExpectedNames &names, std::string &error);
+
+// True when the context that the connection was made of verifies the peer.
+bool verifies_peer(const SSL *ssl);
+
+// "TLSv1.3, TLS_AES_256_GCM_SHA384, CN = ..." of an established connection, for the log.
+std::string describe_tls(const SSL *ssl);
+
+}  // namespace wb
