@@ -59,7 +59,7 @@ bool Channel::admit_locked(size_t bytes, wb_err *err) const {
   return true;
 }
 
-void Channel::append_locked(const std::string &bytes) {
+void Channel::append_locked(std::string_view bytes) {
   bytes_.append(bytes);
   if (wanted_scheduled_) return;
   wanted_scheduled_ = true;
@@ -68,11 +68,11 @@ void Channel::append_locked(const std::string &bytes) {
 
 bool Channel::send(wb_dom_node *stanza, wb_err *err) {
   const ContextRelease release{wb_dom_get_context(stanza)};
-  std::string bytes;
-  if (!serialize(stanza, bytes, kStreamNamespace, err)) return false;
+  ByteBuffer bytes;
+  if (!serialize(stanza, kStreamNamespace, bytes, err)) return false;
   const std::lock_guard lock(mutex_);
   if (!admit_locked(bytes.size(), err)) return false;
-  append_locked(bytes);
+  append_locked(bytes.view());
   return true;
 }
 
@@ -85,15 +85,15 @@ bool Channel::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds tim
     id = iqs_.make_id();
   }
   if (!wb_dom_set_attribute(iq, "id", id.c_str(), err)) return false;
-  std::string bytes;
-  if (!serialize(iq, bytes, kStreamNamespace, err)) return false;
+  ByteBuffer bytes;
+  if (!serialize(iq, kStreamNamespace, bytes, err)) return false;
   const char *to = wb_dom_get_attribute(iq, "to");
   const std::lock_guard lock(mutex_);
   if (!admit_locked(bytes.size(), err)) return false;
   // Room first, so that an IQ is either tracked and written or neither.
   bytes_.reserve(bytes_.size() + bytes.size() > bytes_.capacity() ? 2 * (bytes_.size() + bytes.size()) : 0);
   iqs_.add(id, to != nullptr ? to : "", tracked, timeout);
-  append_locked(bytes);
+  append_locked(bytes.view());
   arm_expiry_locked();
   return true;
 }

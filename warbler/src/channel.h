@@ -33,7 +33,7 @@ class Channel {
 
  private:
   bool admit_locked(size_t bytes, wb_err *err) const;
-  void append_locked(const std::string &bytes);
+  void append_locked(std::string_view bytes);
   void on_expiry();
   void arm_expiry_locked();
 

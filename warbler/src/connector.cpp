@@ -17,7 +17,9 @@ constexpr std::chrono::milliseconds kShareMin{1000};
 std::string in_numbers(const addrinfo &address) {
   char host[NI_MAXHOST] = "?", port[NI_MAXSERV] = "?";
   getnameinfo(address.ai_addr, address.ai_addrlen, host, sizeof host, port, sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
-  return address.ai_family == AF_INET6 ? "[" + std::string(host) + "]:" + port : std::string(host) + ":" + port;
+  std::string text(host);
+  if (address.ai_family == AF_INET6) text.insert(0, 1, '[').push_back(']');
+  return text.append(":").append(port);
 }
 
 std::string error_text(int error) {

@@ -36,7 +36,7 @@ class Session : private StreamParser::Handler {
   };
 
   Session(wb_workq &queue, std::shared_ptr<LoopGate> gate, ClientOptions options, Owner &owner);
-  ~Session() override;
+  ~Session();
   Session(const Session &) = delete;
   Session &operator=(const Session &) = delete;
 

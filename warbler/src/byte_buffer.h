@@ -1,0 +1,75 @@
+// Bytes that are written one after the other, in memory that a C caller can be handed.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+
+namespace wb {
+
+class ByteBuffer {
+ public:
+  ByteBuffer() = default;
+  ~ByteBuffer() { std::free(data_); }
+  ByteBuffer(const ByteBuffer &) = delete;
+  ByteBuffer &operator=(const ByteBuffer &) = delete;
+
+  const char *data() const { return data_; }
+  size_t size() const { return size_; }
+  std::string_view view() const { return {data_, size_}; }
+
+  // Room for that many more bytes. Throws std::bad_alloc.
+  void reserve(size_t more) {
+    if (more > capacity_ - size_) enlarge(more);
+  }
+
+  void append(const char *bytes, size_t length) {
+    reserve(length);
+    append_reserved(bytes, length);
+  }
+  void append(std::string_view bytes) { append(bytes.data(), bytes.size()); }
+  void append(char byte) {
+    reserve(1);
+    data_[size_++] = byte;
+  }
+
+  // For who has reserved the room.
+  void append_reserved(const char *bytes, size_t length) {
+    if (length != 0) std::memcpy(data_ + size_, bytes, length);
+    size_ += length;
+  }
+  void append_reserved(char byte) { data_[size_++] = byte; }
+
+  // Forgets what was written behind that size; the room stays.
+  void truncate(size_t size) { size_ = std::min(size_, size); }
+
+  // The bytes with a zero behind them, to be freed with free(); the buffer is empty afterwards.
+  char *release() {
+    append('\0');
+    char *const bytes = data_;
+    data_ = nullptr;
+    size_ = capacity_ = 0;
+    return bytes;
+  }
+
+ private:
+  void enlarge(size_t more) {
+    if (more > SIZE_MAX / 4 || size_ > SIZE_MAX / 4) throw std::bad_alloc();
+    const size_t capacity = std::max({size_ + more, capacity_ * 2, kSmallest});
+    auto *const memory = static_cast<char *>(std::realloc(data_, capacity));
+    if (memory == nullptr) throw std::bad_alloc();
+    data_ = memory;
+    capacity_ = capacity;
+  }
+
+  static constexpr size_t kSmallest = 1024;
+  char *data_ = nullptr;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+};
+
+}  // namespace wb

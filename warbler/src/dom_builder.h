@@ -1,0 +1,69 @@
+// Turns the events of a parser without namespace support (expat's plain one, which costs far less than its other) into trees, and
+// enforces Namespaces in XML 1.0 on the way.
+//
+// Elements are nested by open and enter, left by close. open builds the element: as a child of the one being built, or as the
+// root of a tree in a context of its own. enter only takes note of its namespace declarations; it is for elements around the
+// trees.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "dom_node.h"
+
+namespace wb {
+
+enum class BuildResult : uint8_t { ok, bad_namespace, too_many_attributes };
+
+class DomBuilder {
+ public:
+  // Throws std::bad_alloc, as do open, enter and text.
+  explicit DomBuilder(size_t attributes_max);
+  ~DomBuilder();
+  DomBuilder(const DomBuilder &) = delete;
+  DomBuilder &operator=(const DomBuilder &) = delete;
+
+  // name and attributes as expat hands them out. What did not go well leaves the builder of no use.
+  BuildResult open(const char *name, const char **attributes);
+  // Not inside a tree.
+  BuildResult enter(const char *name, const char **attributes);
+
+  // Character data of the element being built; it joins the text before it. Outside a tree it is dropped.
+  void text(const char *bytes, size_t length);
+
+  // Leaves the innermost element. When that ends a tree, true is returned and root() and take() tell of it until the next open.
+  bool close();
+
+  // The root of the tree last begun, and the reference to its context.
+  Element *root() const { return root_; }
+  ContextRef take() { return std::move(context_); }
+
+  // Ends the tree being built as it stands; its open elements stay around what follows, like entered ones.
+  void detach() { current_ = nullptr; }
+
+  // The names of the peer take so much memory that the parser and this builder should be replaced by fresh ones.
+  bool is_full() const { return table_->is_full(); }
+
+ private:
+  // What a prefix was bound to outside the element that bound it anew.
+  struct Undo {
+    Prefix *prefix;
+    const Symbol *bound;
+    size_t depth;
+  };
+
+  BuildResult declare(const char **attributes, Declaration **link);
+  bool bind(Prefix &prefix, const Symbol &uri);
+  BuildResult put_attributes(const char **attributes, Element *element);
+
+  const size_t attributes_max_;
+  NameTable *table_;
+  std::vector<Undo> undo_;
+  size_t depth_ = 0;
+  uint64_t elements_ = 0;
+  ContextRef context_;
+  Element *root_ = nullptr;
+  Element *current_ = nullptr;
+};
+
+}  // namespace wb

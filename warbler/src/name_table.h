@@ -1,0 +1,83 @@
+// The names that one parser has met, as they are written on the wire and as they expand, with the namespace bindings in force.
+#pragma once
+
+#include <atomic>
+#include <new>
+
+#include "names.h"
+
+namespace wb {
+
+// A prefix and what it is bound to now; null: nothing.
+struct Prefix {
+  Prefix *next;
+  uint32_t hash;
+  const Symbol *symbol;
+  const Symbol *bound;
+};
+
+// A name as it is written. What it last expanded to is kept: it holds while the prefix is bound as it was then.
+struct QName {
+  QName *next;
+  const char *text;
+  Prefix *prefix;  // null: the name has none
+  const char *local;
+  uint32_t hash;
+  uint32_t length;
+  uint32_t local_length;
+  uint32_t local_hash;
+  const Symbol *element_uri;
+  Name *element_name;
+  Name *attribute_name;
+};
+
+// Contexts that the parser makes hold a reference, since their nodes point at the names. Only the parser changes the table.
+class NameTable {
+ public:
+  static NameTable *create();
+  void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
+  void release();
+
+  // Null when the text is no qualified name; XML has already been checked. Throws std::bad_alloc, as all below.
+  QName *qname(const char *text);
+
+  // The expanded names; null when the prefix is bound to nothing.
+  Name *element_name(QName &name) {
+    const Symbol *const uri = name.prefix != nullptr ? name.prefix->bound : default_.bound;
+    if (uri == name.element_uri && uri != nullptr) return name.element_name;
+    return expand_element(name, uri);
+  }
+  Name *attribute_name(QName &name) {
+    const Symbol *const uri = name.prefix != nullptr ? name.prefix->bound : no_uri_;
+    if (name.attribute_name != nullptr && name.attribute_name->uri == uri) return name.attribute_name;
+    return expand_attribute(name, uri);
+  }
+
+  Prefix *prefix(std::string_view text);
+  const Symbol *uri(std::string_view text) { return store_.symbol(arena_, text); }
+
+  // A peer that never repeats a name has made it so large that it should be replaced.
+  bool is_full() const {
+    return store_.count() + qnames_.count() + prefixes_.count() > kNamesMax || arena_.reserved() > kBytesMax;
+  }
+
+  static constexpr size_t kNamesMax = 4096;
+  static constexpr size_t kBytesMax = 256u << 10;
+
+ private:
+  NameTable(char *begin, char *end);
+  ~NameTable() = default;
+  Name *expand_element(QName &name, const Symbol *uri);
+  Name *expand_attribute(QName &name, const Symbol *uri);
+  QName *make_qname(std::string_view text, uint32_t hash);
+
+  std::atomic<unsigned> references_{1};
+  Arena arena_;
+  NameStore store_;
+  Index<QName> qnames_;
+  Index<Prefix> prefixes_;
+  const Symbol *no_uri_;
+  Prefix default_;
+};
+
+}  // namespace wb

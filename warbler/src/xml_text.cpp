@@ -1,0 +1,85 @@
+#include "xml_text.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+struct Range {
+  char32_t first, last;
+};
+
+// NameStartChar without the colon, sorted.
+constexpr Range kNameStart[] = {
+    {'A', 'Z'},       {'_', '_'},       {'a', 'z'},       {0xC0, 0xD6},     {0xD8, 0xF6},
+    {0xF8, 0x2FF},    {0x370, 0x37D},   {0x37F, 0x1FFF},  {0x200C, 0x200D}, {0x2070, 0x218F},
+    {0x2C00, 0x2FEF}, {0x3001, 0xD7FF}, {0xF900, 0xFDCF}, {0xFDF0, 0xFFFD}, {0x10000, 0xEFFFF},
+};
+
+// What a name may hold besides, after its first character.
+constexpr Range kNameRest[] = {{'-', '.'}, {'0', '9'}, {0xB7, 0xB7}, {0x300, 0x36F}, {0x203F, 0x2040}};
+
+template <size_t Count>
+bool is_in(const Range (&ranges)[Count], char32_t c) {
+  const Range *range =
+      std::lower_bound(std::begin(ranges), std::end(ranges), c, [](const Range &r, char32_t v) { return r.last < v; });
+  return range != std::end(ranges) && c >= range->first;
+}
+
+unsigned char byte_at(const char *at) { return static_cast<unsigned char>(*at); }
+
+}  // namespace
+
+unsigned wb::decode_utf8(const char *at, const char *end, char32_t &out) {
+  if (at >= end) return 0;
+  const unsigned char lead = byte_at(at);
+  if (lead < 0x80) {
+    out = lead;
+    return 1;
+  }
+  const unsigned length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (lead < 0xC2 || lead > 0xF4 || end - at < static_cast<std::ptrdiff_t>(length)) return 0;
+  char32_t c = lead & (0x7Fu >> length);
+  for (unsigned i = 1; i < length; ++i) {
+    const unsigned char next = byte_at(at + i);
+    if ((next & 0xC0) != 0x80) return 0;
+    c = (c << 6) | (next & 0x3Fu);
+  }
+  constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (c < kSmallest[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return 0;
+  out = c;
+  return length;
+}
+
+bool wb::is_xml_char(char32_t c) {
+  if (c < 0x20) return c == '\t' || c == '\n' || c == '\r';
+  return c <= 0xD7FF || (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+bool wb::is_xml_text(std::string_view text) {
+  const char *const end = text.data() + text.size();
+  for (const char *at = text.data(); at != end;) {
+    char32_t c = 0;
+    const unsigned length = decode_utf8(at, end, c);
+    if (length == 0 || !is_xml_char(c)) return false;
+    at += length;
+  }
+  return true;
+}
+
+bool wb::begins_name(std::string_view text) {
+  char32_t c = 0;
+  return decode_utf8(text.data(), text.data() + text.size(), c) != 0 && is_in(kNameStart, c);
+}
+
+bool wb::is_ncname(std::string_view text) {
+  if (!begins_name(text)) return false;
+  const char *const end = text.data() + text.size();
+  for (const char *at = text.data(); at != end;) {
+    char32_t c = 0;
+    const unsigned length = decode_utf8(at, end, c);
+    if (length == 0 || !(is_in(kNameStart, c) || is_in(kNameRest, c))) return false;
+    at += length;
+  }
+  return true;
+}
