@@ -1,4 +1,23 @@
-/* libqlk: joins an application to a message grid. */
+/* libqlk: joins an application to a message grid.
+ *
+ * What holds for every function, unless its own comment says otherwise:
+ *
+ * Arguments   are borrowed until the call returns: texts are copied, and the caller keeps what it passed.
+ *             Texts are zero-terminated UTF-8.
+ * Results     that are pointers belong to the object they were asked of and live, unchanged, until it is changed or destroyed.
+ *             An object that a create function stores through its out argument is the caller's, who ends it with the destroy
+ *             function of its type; when create fails, the out argument holds NULL. Destroying NULL is harmless. String and
+ *             list destroy take the address of the caller's pointer and clear it; the others take the pointer itself.
+ * Statuses    QUILLON_STATUS_OK is success. A missing required argument is QUILLON_STATUS_INVALID_ARGS, exhausted memory
+ *             QUILLON_STATUS_MALLOC_ERROR: both can come from every function that returns a status, and are written at a
+ *             function only where there is more to say. A call that fails leaves the object as it was.
+ * Threads     Objects are not locked: one thread at a time, or a lock of the caller's. Connections, capabilities, monitors and
+ *             queues may be used by several threads at once. Nothing blocks but what says so. No function may be called from
+ *             a signal handler.
+ * Exceptions  None leaves the library, and none may leave a callback into it.
+ * Logging     Failures are logged with their cause. Where nothing is set, the records up to QUILLON_LOG_INFO go to standard
+ *             error without a newline: an application that wants to read them installs a function of its own with
+ *             quillon_log_set_callback before it makes its first configuration. Pass phrases and tokens are never logged. */
 #ifndef QUILLON_H
 #define QUILLON_H
 
@@ -23,49 +42,56 @@ extern "C" {
 /* ---- Status codes ------------------------------------------------------------------------------------------- */
 
 typedef enum QUILLON_STATUS {
-  QUILLON_STATUS_OK = 0,
-  QUILLON_STATUS_MALLOC_ERROR = 1,
-  QUILLON_STATUS_XML_ERROR = 2,
-  QUILLON_STATUS_WB_ERROR = 3,
-  QUILLON_STATUS_EVENT_ERROR = 4,
-  QUILLON_STATUS_XMPP_ERROR = 5,
-  QUILLON_STATUS_REST_ERROR = 6,
-  QUILLON_STATUS_QUILLON_ERROR = 7,
-  QUILLON_STATUS_PTHREAD_ERROR = 8,
-  QUILLON_STATUS_CONNECTION_ERROR = 9,
-  QUILLON_STATUS_CONNECTION_TIMEOUT = 10,
-  QUILLON_STATUS_CONNECTION_DENIED = 11,
-  QUILLON_STATUS_ACCOUNT_PENDING = 12,
-  QUILLON_STATUS_ACCOUNT_ENABLED = 13,
-  QUILLON_STATUS_ACCOUNT_DISABLED = 14,
-  QUILLON_STATUS_ACCOUNT_DELETED = 15,
-  QUILLON_STATUS_ACCOUNT_AUTHORIZATION_CHANGED = 16,
-  QUILLON_STATUS_SEND_ERROR = 17,
-  QUILLON_STATUS_SEND_TIMEOUT = 18,
-  QUILLON_STATUS_CAPABILITY_NOT_FOUND = 19,
-  QUILLON_STATUS_NOT_AUTHORIZED = 20,
-  QUILLON_STATUS_NOT_SUPPORTED = 21,
-  QUILLON_STATUS_UNKNOWN = 22,
-  QUILLON_STATUS_INVALID_ARGS = 23,
-  QUILLON_STATUS_REST_INIT_ERROR = 24,
-  QUILLON_STATUS_CONNECTION_ERROR_HOST = 25,
-  QUILLON_STATUS_CONNECTION_ERROR_CLIENT = 26,
-  QUILLON_STATUS_CONNECTION_ERROR_SERVER = 27,
-  QUILLON_STATUS_CONNECTION_ERROR_AUTOREGOFF = 28,
-  QUILLON_STATUS_CONNECTION_ERROR_REMOTE_CONNECTION_FAILURE = 29,
-  QUILLON_STATUS_CONNECTION_ERROR_NOT_AUTHORIZED = 30,
-  QUILLON_STATUS_CONNECTION_ERROR_XMPP = 31,
-  QUILLON_STATUS_PROPOSE_CAPABILITY_ERROR = 32,
-  QUILLON_STATUS_MODIFY_CAPABILITY_ERROR = 33,
-  QUILLON_STATUS_NO_CONNECTION = 34,
-  QUILLON_STATUS_MAX = 35
+  QUILLON_STATUS_OK = 0,                             /* success */
+  QUILLON_STATUS_MALLOC_ERROR = 1,                   /* memory is exhausted */
+  QUILLON_STATUS_XML_ERROR = 2,                      /* a stanza or another XML tree could not be built or read */
+  QUILLON_STATUS_WB_ERROR = 3,                       /* a call of the XMPP layer failed */
+  QUILLON_STATUS_EVENT_ERROR = 4,                    /* the event loop could not be set up or woken */
+  QUILLON_STATUS_XMPP_ERROR = 5,                     /* the server or the peer refused the request */
+  QUILLON_STATUS_REST_ERROR = 6,                     /* the HTTPS transfer of a bulk download failed */
+  QUILLON_STATUS_QUILLON_ERROR = 7,                  /* the grid, or the peer, did not answer as it should */
+  QUILLON_STATUS_PTHREAD_ERROR = 8,                  /* a thread could not be started or joined */
+  QUILLON_STATUS_CONNECTION_ERROR = 9,               /* the connect failed for a reason that has no status of its own */
+  QUILLON_STATUS_CONNECTION_TIMEOUT = 10,            /* no XMPP session in time */
+  QUILLON_STATUS_CONNECTION_DENIED = 11,             /* the controller denied the connect */
+  QUILLON_STATUS_ACCOUNT_PENDING = 12,               /* the account waits for an administrator */
+  QUILLON_STATUS_ACCOUNT_ENABLED = 13,               /* the account was enabled */
+  QUILLON_STATUS_ACCOUNT_DISABLED = 14,              /* the account is disabled */
+  QUILLON_STATUS_ACCOUNT_DELETED = 15,               /* the account is deleted */
+  QUILLON_STATUS_ACCOUNT_AUTHORIZATION_CHANGED = 16, /* what the account may do has changed */
+  QUILLON_STATUS_SEND_ERROR = 17,                    /* the stanza could not be handed to the event loop */
+  QUILLON_STATUS_SEND_TIMEOUT = 18,                  /* no reply in time; the peer may still have seen the request */
+  QUILLON_STATUS_CAPABILITY_NOT_FOUND = 19,          /* no publisher of the capability is known */
+  QUILLON_STATUS_NOT_AUTHORIZED = 20,                /* the grid does not allow it */
+  QUILLON_STATUS_NOT_SUPPORTED = 21,                 /* the grid, or the peer, cannot do it */
+  QUILLON_STATUS_UNKNOWN = 22,                       /* failed for a reason that has no status of its own */
+  QUILLON_STATUS_INVALID_ARGS = 23,                  /* an argument is missing or outside its range */
+  QUILLON_STATUS_REST_INIT_ERROR = 24,               /* the HTTPS transfer could not be set up */
+  QUILLON_STATUS_CONNECTION_ERROR_HOST = 25,         /* the host cannot be resolved or does not answer */
+  QUILLON_STATUS_CONNECTION_ERROR_CLIENT = 26,       /* the client's certificate or key was refused */
+  QUILLON_STATUS_CONNECTION_ERROR_SERVER = 27,       /* the server's certificate was refused */
+  QUILLON_STATUS_CONNECTION_ERROR_AUTOREGOFF = 28,   /* the account is unknown and may not register itself */
+  QUILLON_STATUS_CONNECTION_ERROR_REMOTE_CONNECTION_FAILURE = 29, /* the server cannot reach the controller */
+  QUILLON_STATUS_CONNECTION_ERROR_NOT_AUTHORIZED = 30,            /* the server does not let this client reach the controller */
+  QUILLON_STATUS_CONNECTION_ERROR_XMPP = 31,                      /* another XMPP error answered the connect request */
+  QUILLON_STATUS_PROPOSE_CAPABILITY_ERROR = 32,                   /* the proposal of a capability failed */
+  QUILLON_STATUS_MODIFY_CAPABILITY_ERROR = 33,                    /* the change of a capability failed */
+  QUILLON_STATUS_NO_CONNECTION = 34,                              /* not connected to the grid; nothing was sent */
+  QUILLON_STATUS_MAX = 35                                         /* the end of the range, no status */
 } QUILLON_STATUS;
 
+/* The text of a status, constant and never freed; NULL for QUILLON_STATUS_NO_CONNECTION, QUILLON_STATUS_MAX and whatever is no
+ * status. Thread: any. */
 QUILLON_API const char *quillon_status_get_message(QUILLON_STATUS status);
+
+/* What an XMPP error element means: its first child's text decides.
+ * Returns: QUILLON_STATUS_NOT_AUTHORIZED  the text begins with "not authorized", in this case of letters
+ *          QUILLON_STATUS_QUILLON_ERROR   everything else, NULL too */
 QUILLON_API QUILLON_STATUS quillon_status_get_from_error(wb_dom_node *error);
 
 /* ---- Logging ------------------------------------------------------------------------------------------------ */
 
+/* Which records pass: those of the level and of all above it in this list. */
 typedef enum QUILLON_LOG_LEVEL {
   QUILLON_LOG_NONE = 0,
   QUILLON_LOG_ERROR = 1,
@@ -75,54 +101,122 @@ typedef enum QUILLON_LOG_LEVEL {
   QUILLON_LOG_DEBUG = 5
 } QUILLON_LOG_LEVEL;
 
+/* A size of buffer, in bytes, that holds every record but those with a large stanza. */
 enum { QUILLON_LOG_BUFFER_SIZE = 32768 };
 
+/* Receives each record that passes, as format and arguments: nothing is added, no time, no level, no newline. It runs on
+ * whichever thread logs, on several at once, may not log itself and should return soon. Its result goes unused. */
 typedef int (*quillon_log_cb)(const char *format, va_list args);
 
+/* The settings of the logger; change them through the functions below. */
 typedef struct _quillon_log {
   quillon_log_cb log_cb;
   QUILLON_LOG_LEVEL loglevel;
 } quillon_log;
 
+/* The settings in force: at first standard error and QUILLON_LOG_INFO. */
 QUILLON_API extern quillon_log qlnlog;
 
-QUILLON_API int quillon_log_callback(FILE *stream, const char *format, va_list args);
+/* The function that quillon_log_initialize installs into the XMPP layer's logger: passes the record to the log function in force
+ * and returns its result; stream is not looked at. Thread: any. */
+QUILLON_API int quillon_log_callback(FILE *stream, const char *format, va_list args) WB_PRINTF(2, 0);
+
+/* Sets the log function; NULL restores printing to standard error. It gets records from the first quillon_config_create or
+ * quillon_log_initialize on. Set it before other threads log. Returns QUILLON_STATUS_OK. */
 QUILLON_API QUILLON_STATUS quillon_log_set_callback(quillon_log_cb callback);
+
+/* Sets the level and hands it to the XMPP layer's logger, in force at once. A value outside the scale is kept in qlnlog but acts
+ * as QUILLON_LOG_INFO. Thread: any. Returns QUILLON_STATUS_OK. */
 QUILLON_API QUILLON_STATUS quillon_log_set_level(QUILLON_LOG_LEVEL level);
+
+/* Leads the XMPP layer's records to the log function in force and applies the level again. quillon_config_create does this first,
+ * so it is needed only to log before there is a configuration. */
 QUILLON_API void quillon_log_initialize(void);
+
+/* Logs "caption(context: address, ref: address)" followed by the node as XML. caption NULL is an empty text; node NULL has no
+ * XML. Thread: any that may read the node. */
 QUILLON_API void quillon_log_wb_dom(wb_log_level level, const wb_dom_node *node, const char *caption);
 
 /* ---- Strings ------------------------------------------------------------------------------------------------ */
 
+/* A text with its length, which owns its buffer. Lengths that create, assign and append are given, in bytes without the
+ * terminator, are 1 to 65536; a text may grow beyond by appending. buffer_len counts the bytes allocated, data_len those of the
+ * text. */
 typedef struct _quillon_string {
   size_t buffer_len;
   size_t data_len;
   char *buffer;
 } quillon_string;
 
+/* Makes all fields zero and NULL without freeing anything. string must not be NULL. */
 QUILLON_API void quillon_string_default_initialize(quillon_string *string);
+
+/* Store fields as given. A buffer from malloc becomes the string's; a buffer that was there is not freed and nothing is checked.
+ * string must not be NULL. */
 QUILLON_API void quillon_string_set_buffer(quillon_string *string, char *buffer);
 QUILLON_API void quillon_string_set_buffer_len(quillon_string *string, size_t buffer_len);
 QUILLON_API void quillon_string_set_data_len(quillon_string *string, size_t data_len);
 QUILLON_API void quillon_string_set(quillon_string *string, char *buffer, size_t buffer_len, size_t data_len);
+
+/* Makes an empty string without a buffer, to assign or append to. */
 QUILLON_API QUILLON_STATUS quillon_string_default_create(quillon_string **out);
+
+/* Makes a string of the first length bytes of text, which need not be terminated.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a length outside 1 to 65536 */
 QUILLON_API QUILLON_STATUS quillon_string_create(quillon_string **out, const char *text, size_t length);
+
+/* Makes a string of length zero bytes for the caller to fill; its length is already length.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a length outside 1 to 65536 */
 QUILLON_API QUILLON_STATUS quillon_string_buffer_create(quillon_string **out, size_t length);
+
+/* Makes a copy.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a source that is empty or longer than 65536 bytes */
 QUILLON_API QUILLON_STATUS quillon_string_copy_create(quillon_string **out, const quillon_string *source);
+
+/* Frees the string and its buffer and clears the caller's pointer. */
 QUILLON_API void quillon_string_destroy(quillon_string **string);
+
+/* The text; NULL for NULL and for a string without a buffer. Valid until the string is changed. */
 QUILLON_API const char *quillon_string_cstr(const quillon_string *string);
+
+/* The bytes allocated; 0 for NULL. */
 QUILLON_API size_t quillon_string_buffersize(const quillon_string *string);
+
+/* The length of the text in bytes; 0 for NULL. */
 QUILLON_API size_t quillon_string_length(const quillon_string *string);
+
+/* Replaces the content with the first length bytes of text, which must be zero-terminated: nothing beyond its terminator is read.
+ * Meant for a string fresh from quillon_string_default_create. A buffer that already holds length bytes is kept, and as many
+ * bytes are copied as the former content was long: make a new string rather than assign a longer text over a shorter one.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_QUILLON_ERROR  string or text is NULL, or length is outside 1 to 65536 */
 QUILLON_API QUILLON_STATUS quillon_string_assign_cstr(quillon_string *string, const char *text, size_t length);
+
+/* Appends the first length bytes of text, which may be part of destination itself.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a length outside 1 to 65536 */
 QUILLON_API QUILLON_STATUS quillon_string_append_cstr(quillon_string *destination, const char *text, size_t length);
+
+/* Appends the text of source.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a source that is empty or longer than 65536 bytes */
 QUILLON_API QUILLON_STATUS quillon_string_append(quillon_string *destination, const quillon_string *source);
+
+/* True when the string is length bytes long and equal to text, case-sensitively; false for NULL. */
 QUILLON_API bool quillon_string_equals_cstr(const quillon_string *string, const char *text, size_t length);
+
+/* True when both have the same length and text, case-sensitively; false for NULL and for two strings without a buffer. */
 QUILLON_API bool quillon_string_equals(const quillon_string *a, const quillon_string *b);
+
+/* True when there is a string with a buffer and a length above 0. */
 QUILLON_API bool quillon_string_validate(const quillon_string *string);
+
+/* Lowers every byte with the C library's tolower in the current locale; nothing for NULL, an empty text and one above 65536
+ * bytes. */
 QUILLON_API void quillon_string_tolower(quillon_string *string);
 
 /* ---- Linked list -------------------------------------------------------------------------------------------- */
 
+/* A singly linked list of pointers to elements. fcb frees an element that the list deletes (NULL: elements stay the caller's);
+ * ccb tells whether an element is the one looked for (NULL: nothing is ever found). Indices count from 0. */
 typedef struct _quillon_list {
   size_t length;
   void (*fcb)(void *data);
@@ -130,30 +224,59 @@ typedef struct _quillon_list {
   struct _node *head;
 } quillon_list;
 
+/* One element of a list. */
 struct _node {
   void *data;
   struct _node *next;
 };
 
+/* Makes all fields zero and NULL without freeing anything. list must not be NULL. */
 QUILLON_API void quillon_list_default_initialize(quillon_list *list);
+
+/* Makes an empty list without callbacks. */
 QUILLON_API QUILLON_STATUS quillon_list_default_create(quillon_list **out);
+
+/* Makes an empty list with these callbacks, each of which may be NULL. */
 QUILLON_API QUILLON_STATUS quillon_list_create(quillon_list **out, void (*free_callback)(void *data),
                                                bool (*compare_callback)(const void *element, const void *value));
+
+/* Deletes all elements as quillon_list_delete does, frees the list and clears the caller's pointer. */
 QUILLON_API void quillon_list_destroy(quillon_list **list);
+
+/* Appends an element, which the list frees with fcb from then on. False, and the element stays the caller's, when list or data is
+ * NULL or memory is exhausted. Walks the whole list. */
 QUILLON_API bool quillon_list_push_back(quillon_list *list, void *data);
+
+/* Takes the element at the index out and, when isdelete is true, passes it to fcb. Nothing beyond the last element. */
 QUILLON_API void quillon_list_remove_or_delete(quillon_list *list, size_t index, bool isdelete);
+
+/* Takes the element at the index out and frees it with fcb. */
 QUILLON_API void quillon_list_erase_at(quillon_list *list, size_t index);
+
+/* Takes the element at the index out; the element is the caller's again. */
 QUILLON_API void quillon_list_clear_at(quillon_list *list, size_t index);
+
+/* The element at the index; NULL when there is none. */
 QUILLON_API void *quillon_list_get_at(const quillon_list *list, size_t index);
+
+/* The number of elements, counted; 0 for NULL. */
 QUILLON_API size_t quillon_list_size(const quillon_list *list);
+
+/* Takes all elements out, passing each to fcb; the list stays and can be used again. */
 QUILLON_API void quillon_list_delete(quillon_list *list);
+
+/* The index of the first element for which ccb(element, value) is true; -1 when there is none. */
 QUILLON_API int quillon_list_find(const quillon_list *list, const void *value);
 
 /* ---- Pointer array ------------------------------------------------------------------------------------------ */
 
+/* Tells whether two items are equal; frees an item. */
 typedef bool (*quillon_array_items_equal_callback)(const void *item1, const void *item2);
 typedef void (*quillon_array_items_free_callback)(void *item);
 
+/* A growing array of pointers, of which slots 0 to size - 1 are in use; NULL is a possible item. equal_callback compares items
+ * (NULL: the pointers are compared), free_callback frees one that is removed or left at the end (NULL: items stay the caller's).
+ * Nothing is logged. */
 typedef struct _quillon_array {
   void **items;
   int32_t size;
@@ -162,19 +285,37 @@ typedef struct _quillon_array {
   quillon_array_items_free_callback free_callback;
 } quillon_array;
 
+/* Makes an empty array of 16 slots. *out is NULL when memory is exhausted. */
 QUILLON_API void quillon_array_create(quillon_array **out, quillon_array_items_equal_callback equal_callback,
                                       quillon_array_items_free_callback free_callback);
+
+/* Passes each item to free_callback and frees the array. */
 QUILLON_API void quillon_array_destroy(quillon_array *array);
+
+/* Appends an item, doubling the slots when only one is left. When memory is exhausted and no slot is left the array stays as it
+ * was and the item the caller's: quillon_array_size tells. */
 QUILLON_API void quillon_array_add(quillon_array *array, void *item);
+
+/* The index of the first item for which equal_callback(element, item) is true; -1 when there is none or for NULL. */
 QUILLON_API int32_t quillon_array_index_of(const quillon_array *array, const void *item);
+
+/* Passes the first equal item to free_callback and closes the gap; nothing when there is none. */
 QUILLON_API void quillon_array_remove(quillon_array *array, const void *item);
+
+/* The item at the index; NULL outside the array and for NULL. */
 QUILLON_API void *quillon_array_get(const quillon_array *array, int32_t index);
+
+/* The number of items; -1 for NULL. */
 QUILLON_API int32_t quillon_array_size(const quillon_array *array);
+
+/* The two callbacks for arrays of quillon_string: quillon_string_equals, and quillon_string_destroy. */
 QUILLON_API bool quillon_array_string_equal(const void *item1, const void *item2);
 QUILLON_API void quillon_array_string_free(void *item);
 
 /* ---- Monitor and blocking queue ----------------------------------------------------------------------------- */
 
+/* A notification that stays until it is cleared, with a pointer to pass along. All functions may run on any threads at once, but
+ * destroy only when no other thread uses the monitor any more. NULL is harmless everywhere. */
 typedef struct _quillon_monitor {
   pthread_mutex_t mutex;
   pthread_cond_t cond;
@@ -182,17 +323,38 @@ typedef struct _quillon_monitor {
   void *user_data;
 } quillon_monitor;
 
+/* Makes a monitor that is not notified and carries NULL. */
 QUILLON_API QUILLON_STATUS quillon_monitor_create(quillon_monitor **out);
+
+/* Frees the monitor, not what it carries. NULL is harmless but logged as an error. */
 QUILLON_API void quillon_monitor_destroy(quillon_monitor *monitor);
+
+/* Returns when the monitor is notified.
+ * Blocks: without a limit. It waits once and may return early: who must know looks at what the notification stands for. */
 QUILLON_API void quillon_monitor_wait(quillon_monitor *monitor);
+
+/* Returns when the monitor is notified or the time is over: false only for the latter and for NULL.
+ * Blocks: seconds at most, and up to one second less, since the deadline is a whole second of the wall clock; not at all for a
+ *         value below 1. It waits once and may return true early. */
 QUILLON_API bool quillon_monitor_timedwait(quillon_monitor *monitor, int seconds);
+
+/* Notifies: one waiter wakes, and every wait until the next clear returns at once. */
 QUILLON_API void quillon_monitor_notify(quillon_monitor *monitor);
+
+/* Takes the notification back, so that the next wait waits. */
 QUILLON_API void quillon_monitor_clear(quillon_monitor *monitor);
+
+/* Sets the pointer that the monitor carries; it is neither looked at nor freed. */
 QUILLON_API void quillon_monitor_set_user_data(quillon_monitor *monitor, void *user_data);
+
+/* The pointer that was set last; NULL for NULL. */
 QUILLON_API void *quillon_monitor_get_user_data(quillon_monitor *monitor);
 
+/* Frees an item that is still queued when the queue is destroyed. */
 typedef void (*quillon_queue_items_free_callback)(void *item);
 
+/* An unbounded queue of pointers, first in, first out; NULL is a possible item. Any threads may push and pop at once, but destroy
+ * only when no other thread uses the queue any more. Nothing is logged. */
 typedef struct _quillon_queue {
   struct _linked_list *first;
   struct _linked_list *last;
@@ -201,48 +363,132 @@ typedef struct _quillon_queue {
   pthread_cond_t cond;
 } quillon_queue;
 
+/* One item of a queue. */
 struct _linked_list {
   void *item;
   struct _linked_list *next;
 };
 
+/* Makes an empty queue; free_callback may be NULL. *out is NULL when memory is exhausted. */
 QUILLON_API void quillon_queue_create(quillon_queue **out, quillon_queue_items_free_callback free_callback);
+
+/* Appends an item and wakes one waiter. When memory is exhausted the item is not queued and stays the caller's. */
 QUILLON_API void quillon_queue_push(quillon_queue *queue, void *item);
+
+/* Takes the first item out; it is the caller's.
+ * Blocks: while the queue is empty, without a limit. It waits once and may return NULL early: simply pop again. */
 QUILLON_API void *quillon_queue_pop(quillon_queue *queue);
+
+/* Passes each item left to free_callback and frees the queue. */
 QUILLON_API void quillon_queue_destroy(quillon_queue *queue);
+
+/* The free callback for queues of quillon_string. */
 QUILLON_API void quillon_queue_string_free(void *item);
 
 /* ---- XML helpers -------------------------------------------------------------------------------------------- */
 
+/* Appends an element of that expanded name ("{namespace}local") that holds the text, which may be empty.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_XML_ERROR  the XMPP layer refused, for example the name; parent is unchanged */
 QUILLON_API QUILLON_STATUS quillon_xml_add_child_and_text(wb_dom_node *parent, const char *child_name, const char *text);
+
+/* Finds the first element after current_node whose expanded name is sibling_ename or a beginning of it. *sibling is NULL when
+ * there is none, which is no error.
+ * Returns: QUILLON_STATUS_OK */
 QUILLON_API QUILLON_STATUS quillon_xml_get_sibling_of_name(wb_dom_node *current_node, const char *sibling_ename,
                                                            wb_dom_node **sibling);
+
+/* True when the node's expanded name begins with ename; false for NULL. */
 QUILLON_API bool quillon_xml_is_ename(wb_dom_node *node, const char *ename);
+
+/* The first text of the first child element with exactly this expanded name; NULL when there is none. The text lives as long as
+ * the node. */
 QUILLON_API const char *quillon_xml_get_text_of_first_child_of_name(wb_dom_node *parent, const char *child_ename);
+
+/* Writes who sent the stanza that the node is part of: the bare JID in the attribute "from" of the stanza's root, without the
+ * resource; an empty text when there is none. The length is not checked: sender must have room for 2048 bytes, the
+ * longest bare JID with its terminator.
+ * Returns: QUILLON_STATUS_OK, always */
 QUILLON_API QUILLON_STATUS quillon_xml_get_sender(wb_dom_node *node, char *sender);
 
 /* ---- Configuration ------------------------------------------------------------------------------------------ */
 
+/* All that a client needs to reach the grid. Connections and bulk downloads keep a pointer to it, so it must outlive them, and it
+ * should not be changed while they use it. Setters copy their argument, 1 to 65536 bytes without the terminator, and free the
+ * value they replace.
+ *
+ * What every setter below returns, unless it says otherwise:
+ *          QUILLON_STATUS_OK
+ *          QUILLON_STATUS_INVALID_ARGS  config or the argument is NULL, or the text is empty or too long
+ *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted
+ * The old value stays in force when one fails. */
 typedef struct _quillon_config quillon_config;
 
+/* Frees a quillon_string: the free callback of the configuration's lists. */
 QUILLON_API void quillon_config_free_string(void *datastr);
+
+/* Makes every pointer NULL, the host index -1 and all other numbers 0 without freeing anything. config must not be NULL. */
 QUILLON_API void quillon_config_initialize(quillon_config *config);
+
+/* Makes a configuration without lists and with a send time-out of 0. Applications use quillon_config_create. */
 QUILLON_API QUILLON_STATUS quillon_config_default_create(quillon_config **config);
+
+/* Starts logging as quillon_log_initialize does, then makes an empty configuration with a send time-out of 15 seconds. */
 QUILLON_API QUILLON_STATUS quillon_config_create(quillon_config **config);
+
+/* Frees the configuration and all it holds; the pass phrase is wiped from memory first. The caller's pointer is not cleared. */
 QUILLON_API void quillon_config_destroy(quillon_config *config);
+
+/* Makes a deep copy, the caller's to destroy. *new_config is NULL when config is NULL or memory is exhausted; a single value for
+ * which memory is lacking is left out of the copy. */
 QUILLON_API void quillon_config_clone(const quillon_config *config, quillon_config **new_config);
+
+/* Replaces all hosts with this one: "name", "name:port", "192.0.2.1:port" or "[2001:db8::1]:port"; without a port it is 5222. The
+ * form is looked at when connecting. A configuration made by quillon_config_default_create keeps no host, and the result is
+ * QUILLON_STATUS_OK all the same. */
 QUILLON_API QUILLON_STATUS quillon_config_set_host(quillon_config *config, const char *host);
+
+/* Replaces all hosts with these, which successive connects try in turn, beginning with the first. hosts_count is at least 1. One
+ * bad entry leaves the old hosts in force. */
 QUILLON_API QUILLON_STATUS quillon_config_set_hosts(quillon_config *config, const char **hosts, int hosts_count);
+
+/* Sets the user name, lower-cased, and derives the client's JID from it: name@<grid domain>/qlk. */
 QUILLON_API QUILLON_STATUS quillon_config_set_user_name(quillon_config *config, const char *username);
+
+/* Replaces the groups that the connect request lists; the first also becomes the user group. groups_count is at least 1. One bad
+ * entry leaves the old groups in force. */
 QUILLON_API QUILLON_STATUS quillon_config_set_groups(quillon_config *config, const char **groups, int groups_count);
+
+/* Sets the group that the connect request names; without one it names "Session". */
 QUILLON_API QUILLON_STATUS quillon_config_set_user_group(quillon_config *config, const char *user_group);
+
+/* Sets the free text that administrators see when the client registers. */
 QUILLON_API QUILLON_STATUS quillon_config_set_description(quillon_config *config, const char *description);
+
+/* Sets the PEM file with the client's certificate, followed by the chain that leads to its CA. */
 QUILLON_API QUILLON_STATUS quillon_config_set_client_cert_chain_filename(quillon_config *config, const char *filename);
+
+/* Sets the PEM file with the client's private key. */
 QUILLON_API QUILLON_STATUS quillon_config_set_client_cert_key_filename(quillon_config *config, const char *filename);
+
+/* Sets the pass phrase of the private key. The copy is wiped from memory when it is replaced or the configuration destroyed. */
 QUILLON_API QUILLON_STATUS quillon_config_set_client_cert_key_password(quillon_config *config, const char *password);
+
+/* Sets the PEM file with the CAs that vouch for the XMPP server; NULL clears it. */
 QUILLON_API QUILLON_STATUS quillon_config_set_server_cert_chain_filename(quillon_config *config, const char *filename);
+
+/* Sets the PEM file with the CAs that vouch for the bulk download server; NULL clears it. */
 QUILLON_API QUILLON_STATUS quillon_config_set_bulk_server_cert_chain_filename(quillon_config *config, const char *filename);
+
+/* Sets how long a send waits for its reply, in seconds: any value; 0 and less time out at once.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL */
 QUILLON_API QUILLON_STATUS quillon_config_set_send_timeout_seconds(const quillon_config *config, const int seconds);
+
+/* Fills an OpenSSL SSL_CTX from the configuration: client certificate chain, private key with its pass phrase, the CA file of the
+ * bulk download server or of the XMPP server, and peer verification on. For an application's own TLS-context callback. The
+ * context keeps a pointer to the configuration. Each file that cannot be used is logged as an error with OpenSSL's reason, one
+ * that is not set as a warning; the rest is filled all the same, and the handshake fails later. OpenSSL's error queue of the
+ * thread is empty afterwards. */
 QUILLON_API void quillon_config_fill_ssl_ctx(const quillon_config *config, void *ssl_ctx, bool is_bulk_download);
 
 /* ---- Library ------------------------------------------------------------------------------------------------ */

@@ -52,13 +52,19 @@ class DomBuilder {
     size_t depth;
   };
 
+  // An attribute that is no declaration.
+  struct Written {
+    QName *name;
+    const char *value;
+  };
+
   BuildResult declare(const char **attributes, Declaration **link);
-  bool bind(Prefix &prefix, const Symbol &uri);
-  BuildResult put_attributes(const char **attributes, Element *element);
+  BuildResult put_attributes(Attribute **link);
 
   const size_t attributes_max_;
   NameTable *table_;
   std::vector<Undo> undo_;
+  std::vector<Written> written_;  // of the element at hand
   size_t depth_ = 0;
   uint64_t elements_ = 0;
   ContextRef context_;

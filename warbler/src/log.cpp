@@ -10,14 +10,16 @@
 
 namespace {
 
-int print_record(FILE *stream, const char *format, va_list args) { return std::vfprintf(stream, format, args); }
+WB_PRINTF(2, 0) int print_record(FILE *stream, const char *format, va_list args) { return std::vfprintf(stream, format, args); }
 
 std::atomic<int> threshold{WB_LOG_INFO};
 std::atomic<wb_log_function> output{print_record};
 std::atomic<bool> context_enabled{false};
 thread_local const char *context_name = nullptr;
 
-void write_formatted(const char *format, va_list args) { output.load(std::memory_order_relaxed)(stderr, format, args); }
+WB_PRINTF(1, 0) void write_formatted(const char *format, va_list args) {
+  output.load(std::memory_order_relaxed)(stderr, format, args);
+}
 
 // The format with the context before it. It goes through the format, so that a record stays one call with the caller's arguments.
 std::string with_context(const char *format) {
@@ -29,7 +31,7 @@ std::string with_context(const char *format) {
   return prefixed.append("] ").append(format);
 }
 
-void write_record(const char *format, va_list args) {
+WB_PRINTF(1, 0) void write_record(const char *format, va_list args) {
   if (!context_enabled.load(std::memory_order_relaxed) || context_name == nullptr) return write_formatted(format, args);
   try {
     write_formatted(with_context(format).c_str(), args);

@@ -11,8 +11,14 @@ constexpr size_t kFirstBlock = 4000;
 }  // namespace
 
 wb::NameTable::NameTable(char *begin, char *end)
-    : arena_(begin, end), no_uri_(store_.symbol(arena_, "")), default_{nullptr, 0, no_uri_, no_uri_} {
-  prefix("xml")->bound = uri(kXmlUri);
+    : arena_(begin, end),
+      no_uri_(store_.symbol(arena_, "")),
+      xml_uri_(store_.symbol(arena_, kXmlUri)),
+      xmlns_uri_(store_.symbol(arena_, kXmlnsUri)),
+      default_{nullptr, 0, no_uri_, no_uri_},
+      xml_(prefix("xml")),
+      last_uri_(no_uri_) {
+  xml_->bound = xml_uri_;
 }
 
 wb::NameTable *wb::NameTable::create() {
@@ -32,13 +38,23 @@ void wb::NameTable::release() {
   std::free(this);
 }
 
-wb::QName *wb::NameTable::qname(const char *text) {
+wb::QName *wb::NameTable::find_qname(const char *text) {
   const size_t length = std::strlen(text);
   const uint32_t hash = hash_bytes(text, length);
-  for (QName *name = qnames_.first(hash); name != nullptr; name = name->next) {
-    if (name->hash == hash && name->length == length && std::memcmp(name->text, text, length) == 0) return name;
+  QName *name = qnames_.first(hash);
+  while (name != nullptr && !(name->hash == hash && name->length == length && std::memcmp(name->text, text, length) == 0)) {
+    name = name->next;
   }
-  return make_qname({text, length}, hash);
+  if (name == nullptr) name = make_qname({text, length}, hash);
+  if (name == nullptr) return nullptr;
+  last_qname_->follower = name;
+  return last_qname_ = name;
+}
+
+const wb::Symbol *wb::NameTable::find_uri(const char *text) {
+  Symbol *const found = store_.symbol(arena_, text);
+  last_uri_->follower = found;
+  return last_uri_ = found;
 }
 
 wb::QName *wb::NameTable::make_qname(std::string_view text, uint32_t hash) {
@@ -48,19 +64,18 @@ wb::QName *wb::NameTable::make_qname(std::string_view text, uint32_t hash) {
   const std::string_view local = text.substr(local_at);
   if (colon == 0 || local.find(':') != std::string_view::npos || text.size() > UINT32_MAX / 2) return nullptr;
   if (has_prefix && !begins_name(local)) return nullptr;
-  Prefix *const bound_prefix = has_prefix ? prefix(text.substr(0, colon)) : nullptr;
   const char *const copy = arena_.copy(text.data(), text.size());
-  auto *const made = new (arena_.allocate(sizeof(QName))) QName{nullptr,
-                                                                copy,
-                                                                bound_prefix,
-                                                                copy + local_at,
-                                                                hash,
-                                                                static_cast<uint32_t>(text.size()),
-                                                                static_cast<uint32_t>(local.size()),
-                                                                hash_bytes(local.data(), local.size()),
-                                                                nullptr,
-                                                                nullptr,
-                                                                nullptr};
+  auto *const made = new (arena_.allocate(sizeof(QName))) QName{};
+  made->text = copy;
+  made->prefix = has_prefix ? prefix(text.substr(0, colon)) : nullptr;
+  if (text == "xmlns") made->declares = &default_;
+  // The prefix xmlns itself must not be declared. It stands for nothing, so that the attribute is then refused like others.
+  if (text.starts_with("xmlns:") && local != "xmlns") made->declares = prefix(local);
+  made->local = copy + local_at;
+  made->hash = hash;
+  made->length = static_cast<uint32_t>(text.size());
+  made->local_length = static_cast<uint32_t>(local.size());
+  made->local_hash = hash_bytes(local.data(), local.size());
   qnames_.insert(arena_, made);
   return made;
 }

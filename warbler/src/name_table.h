@@ -19,8 +19,10 @@ struct Prefix {
 // A name as it is written. What it last expanded to is kept: it holds while the prefix is bound as it was then.
 struct QName {
   QName *next;
+  QName *follower;  // the name that was met after this one the last time
   const char *text;
-  Prefix *prefix;  // null: the name has none
+  Prefix *prefix;    // null: the name has none
+  Prefix *declares;  // what an attribute of this name declares; null: nothing
   const char *local;
   uint32_t hash;
   uint32_t length;
@@ -39,7 +41,12 @@ class NameTable {
   void release();
 
   // Null when the text is no qualified name; XML has already been checked. Throws std::bad_alloc, as all below.
-  QName *qname(const char *text);
+  // Streams repeat themselves, so the name that came after the last one before is tried first.
+  QName *qname(const char *text) {
+    QName *const guess = last_qname_->follower;
+    if (guess != nullptr && std::strcmp(guess->text, text) == 0) return last_qname_ = guess;
+    return find_qname(text);
+  }
 
   // The expanded names; null when the prefix is bound to nothing.
   Name *element_name(QName &name) {
@@ -53,8 +60,18 @@ class NameTable {
     return expand_attribute(name, uri);
   }
 
-  Prefix *prefix(std::string_view text);
-  const Symbol *uri(std::string_view text) { return store_.symbol(arena_, text); }
+  // The record of a URI that is being declared.
+  const Symbol *uri(const char *text) {
+    Symbol *const guess = last_uri_->follower;
+    if (guess != nullptr && std::strcmp(guess->text, text) == 0) return last_uri_ = guess;
+    return find_uri(text);
+  }
+
+  // Whether Namespaces in XML allow the declaration.
+  bool may_bind(const Prefix &prefix, const Symbol &uri) const {
+    if (uri.length == 0) return &prefix == &default_;
+    return (&prefix == xml_) == (&uri == xml_uri_) && &uri != xmlns_uri_;
+  }
 
   // A peer that never repeats a name has made it so large that it should be replaced.
   bool is_full() const {
@@ -67,6 +84,9 @@ class NameTable {
  private:
   NameTable(char *begin, char *end);
   ~NameTable() = default;
+  QName *find_qname(const char *text);
+  const Symbol *find_uri(const char *text);
+  Prefix *prefix(std::string_view text);
   Name *expand_element(QName &name, const Symbol *uri);
   Name *expand_attribute(QName &name, const Symbol *uri);
   QName *make_qname(std::string_view text, uint32_t hash);
@@ -76,8 +96,14 @@ class NameTable {
   NameStore store_;
   Index<QName> qnames_;
   Index<Prefix> prefixes_;
-  const Symbol *no_uri_;
+  Symbol *no_uri_;
+  Symbol *xml_uri_;
+  Symbol *xmlns_uri_;
   Prefix default_;
+  Prefix *xml_;
+  QName nothing_{};
+  QName *last_qname_ = &nothing_;
+  Symbol *last_uri_;
 };
 
 }  // namespace wb

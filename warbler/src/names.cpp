@@ -30,7 +30,7 @@ wb::Symbol *make_symbol(wb::Arena &arena, std::string_view text, uint32_t hash) 
   char *const copy = memory + sizeof(wb::Symbol);
   std::memcpy(copy, text.data(), text.size());
   copy[text.size()] = 0;
-  return new (memory) wb::Symbol{nullptr, copy, static_cast<uint32_t>(text.size()), hash};
+  return new (memory) wb::Symbol{nullptr, nullptr, copy, static_cast<uint32_t>(text.size()), hash};
 }
 
 wb::Name *make_name(wb::Arena &arena, const wb::Symbol *uri, std::string_view local, uint32_t hash) {
@@ -80,12 +80,12 @@ bool wb::split_name(const char *name, NameParts &out) {
   return true;
 }
 
-const wb::Symbol *wb::NameStore::symbol(Arena &arena, std::string_view text) {
+wb::Symbol *wb::NameStore::symbol(Arena &arena, std::string_view text) {
   return symbol(arena, text, hash_bytes(text.data(), text.size()));
 }
 
-const wb::Symbol *wb::NameStore::symbol(Arena &arena, std::string_view text, uint32_t hash) {
-  for (const Symbol *symbol = symbols_.first(hash); symbol != nullptr; symbol = symbol->next) {
+wb::Symbol *wb::NameStore::symbol(Arena &arena, std::string_view text, uint32_t hash) {
+  for (Symbol *symbol = symbols_.first(hash); symbol != nullptr; symbol = symbol->next) {
     if (symbol->hash == hash && symbol->view() == text) return symbol;
   }
   Symbol *const made = make_symbol(arena, text, hash);

@@ -15,6 +15,7 @@ uint32_t hash_bytes(const char *bytes, size_t length);
 // A namespace URI or a prefix.
 struct Symbol {
   Symbol *next;
+  Symbol *follower;  // the parser's: the URI that was declared after this one
   const char *text;
   uint32_t length;
   uint32_t hash;
@@ -99,8 +100,8 @@ class Index {
 class NameStore {
  public:
   // The record of the text, made if it is new. Throws std::bad_alloc.
-  const Symbol *symbol(Arena &arena, std::string_view text);
-  const Symbol *symbol(Arena &arena, std::string_view text, uint32_t hash);
+  Symbol *symbol(Arena &arena, std::string_view text);
+  Symbol *symbol(Arena &arena, std::string_view text, uint32_t hash);
 
   // The record of a name whose URI is from this store and whose local part is known to be a name. Throws std::bad_alloc.
   Name *name(Arena &arena, const Symbol *uri, std::string_view local, uint32_t local_hash);

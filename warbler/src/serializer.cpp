@@ -53,7 +53,7 @@ std::string_view reference(char c) {
 }
 
 Symbol make_symbol(std::string_view text) {
-  return Symbol{nullptr, text.data(), static_cast<uint32_t>(text.size()), wb::hash_bytes(text.data(), text.size())};
+  return Symbol{nullptr, nullptr, text.data(), static_cast<uint32_t>(text.size()), wb::hash_bytes(text.data(), text.size())};
 }
 
 class Writer {

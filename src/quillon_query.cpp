@@ -1,0 +1,300 @@
+// The side of the queries that asks, and the engine's life. A query goes to one publisher after the other until one answers; which one did is
+// remembered, so that the next query starts there.
+#include "quillon_query.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "expanded_name.h"
+#include "guard.h"
+#include "quillon_capability.h"
+#include "quillon_connection.h"
+#include "quillon_grid.h"
+#include "stanza_builder.h"
+
+const char *const generic_message = "{" GRID_NS "}genericMessage";
+const char *const qresp_iq = "{jabber:client}iq";
+const char *const qresp_result_tag = "result";
+const char *const qresp_response_tag = "response";
+
+namespace {
+
+constexpr unsigned kTableBuckets = 7;
+
+bool begins_with(const char *text, const char *prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
+
+void free_key(bool, bool, void *key, void *) { std::free(key); }
+
+void free_key_and_value(bool, bool, void *key, void *value) {
+  std::free(key);
+  std::free(value);
+}
+
+bool create_table(qlk::TablePtr &out) {
+  wb_htable *table = nullptr;
+  wb_err err = {};
+  if (!wb_htable_create(kTableBuckets, wb_strcase_hashcode, wb_strcase_compare, &table, &err))
+    wb_log_err(WB_LOG_ERROR, &err, "quillon_query_create");
+  out.reset(table);
+  return out != nullptr;
+}
+
+// The request in its envelope, built in the payload's own context; null, logged, when that fails.
+wb_dom_node *build_request(const quillon_connection &connection, const quillon_string &jid, wb_dom_node *payload) {
+  const std::string own_jid = qlk::own_jid(connection);
+  qlk::StanzaBuilder builder(wb_dom_get_context(payload));
+  wb_dom_node *iq = builder.element(qresp_iq);
+  builder.attribute(iq, "{}to", quillon_string_cstr(&jid));
+  if (!own_jid.empty()) builder.attribute(iq, "{}from", own_jid.c_str());  // the server adds it otherwise
+  builder.attribute(iq, "{}type", "get");
+  wb_dom_node *grid = builder.element("{quillon}grid", iq);
+  builder.attribute(grid, "{}type", "request");
+  builder.child(grid, payload);
+  if (builder.ok()) return iq;
+  builder.log_failure("quillon_connection_query_with_jid");
+  return nullptr;
+}
+
+// Sends the payload, which it consumes, and waits for the reply.
+QUILLON_STATUS send_and_wait(quillon_connection *connection, const quillon_string &jid, qlk::NodePtr payload, qlk::NodePtr &reply) {
+  wb_dom_node *iq = build_request(*connection, jid, payload.get());
+  if (iq == nullptr) return QUILLON_STATUS_XML_ERROR;
+  quillon_data *data = nullptr;
+  QUILLON_STATUS status = quillon_wb_client_create(&data, connection);
+  if (status == QUILLON_STATUS_OK) {
+    wb_dom_node *received = nullptr;
+    static_cast<void>(payload.release());  // the send consumes it
+    status = quillon_wb_client_send_and_wait(data, iq, &received);
+    reply.reset(received);
+    quillon_wb_client_destroy(data);
+  }
+  if (status != QUILLON_STATUS_OK) wb_log(WB_LOG_ERROR, "send and wait failed");
+  return status;
+}
+
+QUILLON_STATUS refuse_reply(const char *message, QUILLON_STATUS status) {
+  wb_log(WB_LOG_ERROR, "%s", message);
+  return status;
+}
+
+// Takes the payload out of the reply. On failure the reply is released.
+QUILLON_STATUS read_reply(qlk::NodePtr reply, qlk::NodePtr &response) {
+  const char *type = wb_dom_get_attribute(reply.get(), "type");
+  if (type == nullptr) return refuse_reply("get attribute type failed", QUILLON_STATUS_XMPP_ERROR);
+  if (!begins_with(type, qresp_result_tag)) {
+    quillon_log_wb_dom(WB_LOG_DEBUG, reply.get(), "result");
+    wb_log(WB_LOG_DEBUG, "response type=%s did not match qresp_result_tag=%s", type, qresp_result_tag);
+    return QUILLON_STATUS_XMPP_ERROR;
+  }
+  const wb_dom_node *grid = wb_dom_get_first_child(reply.get());
+  if (grid == nullptr) return refuse_reply("get first child failed", QUILLON_STATUS_XMPP_ERROR);
+  const char *grid_type = wb_dom_get_attribute(grid, "type");
+  if (grid_type == nullptr || !begins_with(grid_type, qresp_response_tag)) {
+    quillon_log_wb_dom(WB_LOG_DEBUG, reply.get(), "result");
+    wb_log(WB_LOG_DEBUG, "response type=%s did not match qresp_response_tag=%s", grid_type != nullptr ? grid_type : "(null)",
+           qresp_response_tag);
+    return QUILLON_STATUS_QUILLON_ERROR;
+  }
+  wb_dom_node *payload = wb_dom_get_first_child(grid);
+  if (payload == nullptr) return refuse_reply("response is null", QUILLON_STATUS_QUILLON_ERROR);
+  static_cast<void>(reply.release());  // of one context with the payload, which owns it now
+  response.reset(payload);
+  return QUILLON_STATUS_OK;
+}
+
+// One attempt; consumes the payload.
+QUILLON_STATUS ask(const quillon_query &query, const quillon_string &jid, qlk::NodePtr payload, qlk::NodePtr &response) {
+  qlk::NodePtr reply;
+  const QUILLON_STATUS status = send_and_wait(query.connection, jid, std::move(payload), reply);
+  return status == QUILLON_STATUS_OK ? read_reply(std::move(reply), response) : status;
+}
+
+// The same payload in a context of its own. An attempt that was given up may still be waiting to be written by the event loop, so that its
+// envelope must not lose the payload to the next one.
+qlk::NodePtr copy_payload(const wb_dom_node *payload) {
+  wb_dom_ctx *created = nullptr;
+  wb_err err = {};
+  wb_dom_node *copy = nullptr;
+  if (wb_dom_context_create(&created, &err)) {
+    qlk::DomContextPtr context(created);
+    if (wb_dom_import(created, payload, true, &copy, &err)) {
+      static_cast<void>(context.release());  // the copy owns it
+      return qlk::NodePtr(copy);
+    }
+  }
+  wb_log_err(WB_LOG_ERROR, &err, "quillon_connection_query_with_jid");
+  return nullptr;
+}
+
+bool tries_next(QUILLON_STATUS status) {
+  return status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR;
+}
+
+// Which publisher answered last, by the capability's key. The table owns its keys, so that no capability is looked at later.
+class StickyIndex {
+ public:
+  StickyIndex(_quillon_query &query, const quillon_capability &capability)
+      : query_(query), key_(qlk::capability_sticky_key(capability)) {}
+
+  // The index stored; when there is none, 0 is stored.
+  size_t read() {
+    const std::lock_guard lock(query_.map_mutex);
+    const auto stored = reinterpret_cast<uintptr_t>(wb_htable_get(table(), key_.data()));
+    if (stored != 0) return stored - 1;
+    store_locked(0);
+    return 0;
+  }
+
+  void store(size_t index) {
+    const std::lock_guard lock(query_.map_mutex);
+    store_locked(index);
+  }
+
+ private:
+  wb_htable *table() { return query_.map_of_capability_to_sticky_index.get(); }
+
+  void store_locked(size_t index) {
+    char *key = strdup(key_.data());
+    if (key != nullptr && wb_htable_put(table(), key, reinterpret_cast<void *>(index + 1), free_key, nullptr)) return;
+    std::free(key);  // the choice is not remembered: the next query starts where it would have started
+  }
+
+  _quillon_query &query_;
+  const qlk::StickyKey key_;
+};
+
+// Asks the publishers in turn, each once, beginning with the sticky one. On CAPABILITY_NOT_FOUND the request is left to its owner.
+QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &capability, qlk::NodePtr &request,
+                              qlk::NodePtr &response) {
+  StickyIndex sticky(query, capability);
+  const size_t start = sticky.read();
+  const size_t count = qlk::capability_count_jids(capability);
+  if (count == 0) return QUILLON_STATUS_CAPABILITY_NOT_FOUND;
+  QUILLON_STATUS status = QUILLON_STATUS_UNKNOWN;
+  size_t i = start < count ? start : 0;
+  for (size_t attempt = 1;; ++attempt, ++i) {
+    // The list may have changed since the last attempt, for example have lost the publisher that is gone. Beyond its end it goes round.
+    const qlk::StringPtr jid = qlk::capability_copy_jid(capability, i);
+    if (jid == nullptr) return attempt == 1 ? QUILLON_STATUS_CAPABILITY_NOT_FOUND : status;
+    const bool last = attempt == count;
+    qlk::NodePtr payload = last ? std::move(request) : copy_payload(request.get());
+    if (payload == nullptr) return QUILLON_STATUS_XML_ERROR;
+    status = ask(query, *jid, std::move(payload), response);
+    if (!tries_next(status)) break;
+    if (last) return status;
+  }
+  if (i != start) sticky.store(i);
+  return status;
+}
+
+// On success the table owns key and record.
+bool put_handler(_quillon_query &query, char *key, quillon_query_callback_info *info) {
+  const std::lock_guard lock(query.map_mutex);
+  return wb_htable_put(query.map_of_name_to_callback.get(), key, info, free_key_and_value, nullptr);
+}
+
+// Hands the response to the caller, who may not want it.
+void hand_over(qlk::NodePtr response, wb_dom_node **out) {
+  if (out != nullptr) *out = response.release();
+}
+
+}  // namespace
+
+void qlk::query_stop(quillon_query *query) {
+  if (query != nullptr) query->request_handler.stop();
+}
+
+QUILLON_STATUS quillon_query_create(quillon_query **query, quillon_connection *connection) {
+  qlk::trace(__func__);
+  if (query == nullptr) return qlk::refuse("query is null");
+  *query = nullptr;
+  if (connection == nullptr) return qlk::refuse("connection is null");
+  return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
+    auto created = std::make_shared<_quillon_query>();
+    created->connection = connection;
+    if (!create_table(created->map_of_capability_to_sticky_index) || !create_table(created->map_of_name_to_callback))
+      return QUILLON_STATUS_WB_ERROR;
+    const QUILLON_STATUS status = created->request_handler.start(created, qlk::handle_request);
+    if (status != QUILLON_STATUS_OK) return status;
+    created->self = created;
+    *query = created.get();
+    return QUILLON_STATUS_OK;
+  });
+}
+
+QUILLON_STATUS quillon_query_destroy(quillon_query *query) {
+  qlk::trace(__func__);
+  if (query == nullptr) return QUILLON_STATUS_OK;
+  qlk::query_stop(query);
+  const std::shared_ptr<_quillon_query> last = std::move(query->self);
+  return QUILLON_STATUS_OK;
+}
+
+QUILLON_STATUS quillon_query_register_handler(quillon_query *query, const quillon_string *ns, const quillon_string *name,
+                                              quillon_query_cb callback, void *arg) {
+  qlk::trace(__func__);
+  if (query == nullptr) return qlk::refuse("query is null");
+  if (ns == nullptr || callback == nullptr || qlk::text_of(name).empty()) return qlk::refuse("invalid query handler");
+  qlk::MallocPtr<quillon_query_callback_info> info(
+      static_cast<quillon_query_callback_info *>(std::malloc(sizeof(quillon_query_callback_info))));
+  if (info == nullptr) {
+    wb_log(WB_LOG_ERROR, "callback_info is null");
+    return QUILLON_STATUS_MALLOC_ERROR;
+  }
+  *info = {callback, arg};
+  const qlk::StringPtr key = qlk::make_expanded_name(*ns, *name);
+  if (!quillon_string_validate(key.get())) {
+    wb_log(WB_LOG_ERROR, "string validation failed");
+    return QUILLON_STATUS_QUILLON_ERROR;
+  }
+  if (!put_handler(*query, key->buffer, info.get())) {
+    wb_log(WB_LOG_ERROR, "htable put failed");
+    return QUILLON_STATUS_QUILLON_ERROR;
+  }
+  quillon_string_set(key.get(), nullptr, 0, 0);  // the text is the table's now, and so is the record
+  static_cast<void>(info.release());
+  return QUILLON_STATUS_OK;
+}
+
+QUILLON_STATUS quillon_query_handle(quillon_query *query, wb_dom_node *iq) {
+  if (query == nullptr) return qlk::refuse("query is null");
+  const QUILLON_STATUS status = query->request_handler.push(iq);
+  if (status == QUILLON_STATUS_WB_ERROR) wb_log(WB_LOG_ERROR, "quillon_query_handle retain failed");
+  return status;
+}
+
+QUILLON_STATUS quillon_query_call(quillon_query *query, quillon_capability *capability, wb_dom_node *request,
+                                  wb_dom_node **response) {
+  qlk::trace(__func__);
+  if (response != nullptr) *response = nullptr;
+  if (query == nullptr) return qlk::refuse("query is null");
+  if (capability == nullptr) return qlk::refuse("capability is null");
+  if (request == nullptr) return qlk::refuse("request is null");
+  if (query->connection == nullptr) return qlk::refuse("invalid connection object");
+  return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
+    qlk::NodePtr owned(request);
+    qlk::NodePtr received;
+    const QUILLON_STATUS status = ask_publishers(*query, *capability, owned, received);
+    if (status == QUILLON_STATUS_CAPABILITY_NOT_FOUND) static_cast<void>(owned.release());  // stays the caller's
+    hand_over(std::move(received), response);
+    return status;
+  });
+}
+
+QUILLON_STATUS quillon_query_call_with_jid(quillon_query *query, const quillon_string *jid, wb_dom_node *request,
+                                           wb_dom_node **response) {
+  qlk::trace(__func__);
+  if (response != nullptr) *response = nullptr;
+  if (query == nullptr) return qlk::refuse("query is null");
+  if (jid == nullptr) return qlk::refuse("jid is null");
+  if (request == nullptr) return qlk::refuse("request is null");
+  if (query->connection == nullptr) return qlk::refuse("invalid connection object");
+  return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
+    qlk::NodePtr received;
+    const QUILLON_STATUS status = ask(*query, *jid, qlk::NodePtr(request), received);
+    hand_over(std::move(received), response);
+    return status;
+  });
+}

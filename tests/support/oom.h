@@ -1,0 +1,46 @@
+// Makes allocations fail on purpose: counts those that a piece of code makes, then fails each in turn. Works on the calling
+// thread only and covers malloc and what stands on it, operator new included. Under a sanitizer, which has an allocator of its
+// own, it is switched off, and the sweeps are not built: QLK_HAS_OOM.
+#pragma once
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define QLK_HAS_OOM 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define QLK_HAS_OOM 0
+#endif
+#endif
+#ifndef QLK_HAS_OOM
+#define QLK_HAS_OOM 1
+#endif
+
+#if QLK_HAS_OOM
+
+namespace oom {
+
+long allocations();  // made by this thread so far
+long live();         // made and not yet freed by this thread; memory that changes threads makes it meaningless
+// Shows the block to the function, with the argument, just before this thread frees it: once.
+void on_free(const void *memory, void (*look)(const void *memory, void *arg), void *arg);
+void fail_nth(long nth);  // 1: the next; 0: none
+
+// The number of allocations that the body makes.
+template <typename Body>
+long count(Body &&body) {
+  const long before = allocations();
+  body();
+  return allocations() - before;
+}
+
+// While it lives, the nth allocation fails, and only that one.
+class FailNth {
+ public:
+  explicit FailNth(long nth) { fail_nth(nth); }
+  ~FailNth() { fail_nth(0); }
+  FailNth(const FailNth &) = delete;
+  FailNth &operator=(const FailNth &) = delete;
+};
+
+}  // namespace oom
+
+#endif
