@@ -12,7 +12,7 @@
 
 namespace wb {
 
-class ClientCore : public Session::Owner, public std::enable_shared_from_this<ClientCore> {
+class ClientCore final : public Session::Owner, public std::enable_shared_from_this<ClientCore> {
  public:
   explicit ClientCore(wb_workq &queue);
   ~ClientCore();

@@ -22,19 +22,20 @@ WB_PRINTF(1, 0) void write_formatted(const char *format, va_list args) {
 }
 
 // The format with the context before it. It goes through the format, so that a record stays one call with the caller's arguments.
-std::string with_context(const char *format) {
-  std::string prefixed = "[";
+__attribute__((format_arg(1))) const char *with_context(const char *format, std::string &storage) {
+  storage = "[";
   for (const char *c = context_name; *c != '\0'; ++c) {
-    if (*c == '%') prefixed += '%';
-    prefixed += *c;
+    if (*c == '%') storage += '%';
+    storage += *c;
   }
-  return prefixed.append("] ").append(format);
+  return storage.append("] ").append(format).c_str();
 }
 
 WB_PRINTF(1, 0) void write_record(const char *format, va_list args) {
   if (!context_enabled.load(std::memory_order_relaxed) || context_name == nullptr) return write_formatted(format, args);
   try {
-    write_formatted(with_context(format).c_str(), args);
+    std::string storage;
+    write_formatted(with_context(format, storage), args);
   } catch (const std::bad_alloc &) {
     write_formatted(format, args);
   }

@@ -19,7 +19,7 @@
 
 namespace wb {
 
-class Session : private StreamParser::Handler {
+class Session final : private StreamParser::Handler {
  public:
   // What the session tells its client, within a pass. After on_session_end nothing more comes.
   class Owner {
