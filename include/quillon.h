@@ -601,25 +601,99 @@ QUILLON_API QUILLON_STATUS quillon_wb_client_send_and_wait(quillon_data *data, w
 QUILLON_API QUILLON_STATUS quillon_wb_client_send_and_forget(quillon_data *data, wb_dom_node *node);
 QUILLON_API QUILLON_STATUS quillon_wb_client_disconnect(quillon_data *data);
 
+/* ---- Reconnection ------------------------------------------------------------------------------------------- */
+
+/* A thread that keeps a connection up: it connects at once, and then looks every 60 seconds whether the connection is down and
+ * connects again, each time to the next host of the configuration. */
+typedef struct _quillon_reconnection quillon_reconnection;
+
+/* Makes the object; its thread does not run yet.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_QUILLON_ERROR when connection is NULL */
+QUILLON_API QUILLON_STATUS quillon_reconnection_create(quillon_reconnection **reconnection, quillon_connection *connection);
+
+/* Starts the thread; on one that runs it does nothing. The callbacks that connecting calls run on that thread. Not with several
+ * threads at once.
+ * Blocks:  up to 5 seconds when a thread that was stopped is still leaving.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_PTHREAD_ERROR  the system has no thread to give */
+QUILLON_API QUILLON_STATUS quillon_reconnection_start(quillon_reconnection *reconnection);
+
+/* Tells the thread to leave and disconnects as quillon_connection_disconnect does, which also ends a connect that the thread is
+ * waiting in. The thread leaves by itself. On an object whose thread does not run nothing is disconnected.
+ * Blocks:  as quillon_connection_disconnect. Thread: any but the event loop's.
+ * Returns: QUILLON_STATUS_OK */
+QUILLON_API QUILLON_STATUS quillon_reconnection_stop(quillon_reconnection *reconnection);
+
+/* Stops the thread if it runs, waits for it and frees the object. Called by the thread itself, out of a callback, it does not wait:
+ * the thread leaves when the callback returns.
+ * Blocks:  as quillon_connection_disconnect, and up to 5 seconds for the thread.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for NULL */
+QUILLON_API QUILLON_STATUS quillon_reconnection_destroy(quillon_reconnection *reconnection);
+
 /* ---- Queries ------------------------------------------------------------------------------------------------ */
 
+/* The query engine of a connection, which makes and destroys it; applications reach it through quillon_connection_query,
+ * quillon_connection_query_controller and quillon_connection_register_query_handler. Its functions may run on any threads at
+ * once. */
 typedef struct _quillon_query quillon_query;
 
+/* A query handler with its argument. */
 typedef struct _quillon_query_callback_info {
   quillon_query_cb callback;
   void *arg;
 } quillon_query_callback_info;
 
+/* Makes an engine and starts its request-handler thread.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_WB_ERROR       a table could not be made
+ *          QUILLON_STATUS_PTHREAD_ERROR  the thread could not be started */
 QUILLON_API QUILLON_STATUS quillon_query_create(quillon_query **query, quillon_connection *connection);
+
+/* Ends the engine; requests that are still queued are dropped.
+ * Blocks:  until a handler that is running returns. Called by a handler itself it does not wait, and the handler's reply is
+ *          dropped.
+ * Returns: QUILLON_STATUS_OK, always */
 QUILLON_API QUILLON_STATUS quillon_query_destroy(quillon_query *query);
+
+/* Registers the handler for requests whose payload has that name, instead of an earlier one; letters of either case are the
+ * same. ns may be an empty string. The handler runs on the request-handler thread, one request at a time, in the order of
+ * arrival. The node it returns, in a context of its own, is consumed by the reply; NULL sends none.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_INVALID_ARGS   query, ns or callback is NULL, or name is NULL or empty
+ *          QUILLON_STATUS_QUILLON_ERROR  the name is too long or could not be stored */
 QUILLON_API QUILLON_STATUS quillon_query_register_handler(quillon_query *query, const quillon_string *ns,
                                                           const quillon_string *name, quillon_query_cb callback, void *arg);
+
+/* Queues a received IQ, with a reference of its own to its context, for the request-handler thread. A request without a
+ * handler, and whatever is no request, gets no answer. Never waits.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_WB_ERROR when iq is NULL */
 QUILLON_API QUILLON_STATUS quillon_query_handle(quillon_query *query, wb_dom_node *iq);
+
+/* Asks a publisher of the capability, beginning with the one that answered last; each further one is asked when the one before
+ * did not answer in time or answered with an XMPP error. Capabilities whose topics have buffers of one size share the memory
+ * of who answered last.
+ * Blocks:  until an answer, at most the send time-out for each publisher.
+ * Thread:  any but the event loop's, which would wait for itself.
+ * Owner:   request is consumed with one reference of its context, unless the result is QUILLON_STATUS_INVALID_ARGS or
+ *          QUILLON_STATUS_CAPABILITY_NOT_FOUND. *response, NULL unless the result is QUILLON_STATUS_OK, is the caller's:
+ *          wb_dom_context_destroy(wb_dom_get_context(*response)).
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_CAPABILITY_NOT_FOUND  no publisher is known
+ *          QUILLON_STATUS_SEND_TIMEOUT          the last publisher did not answer in time; any may still have seen the request
+ *          QUILLON_STATUS_XMPP_ERROR            the last publisher, or the server, refused the request
+ *          QUILLON_STATUS_QUILLON_ERROR         a publisher answered, but with no response
+ *          QUILLON_STATUS_XML_ERROR             the request could not be built
+ *          QUILLON_STATUS_UNKNOWN               there is no session, or it did not take the request
+ *          QUILLON_STATUS_SEND_ERROR            the request could not be handed to the event loop */
 QUILLON_API QUILLON_STATUS quillon_query_call(quillon_query *query, quillon_capability *capability, wb_dom_node *request,
                                               wb_dom_node **response);
+
+/* As quillon_query_call, asking only the client of that full JID. */
 QUILLON_API QUILLON_STATUS quillon_query_call_with_jid(quillon_query *query, const quillon_string *jid, wb_dom_node *request,
                                                        wb_dom_node **response);
 
+/* Expanded names and values of the query envelope: genericMessage of the grid's namespace, the element iq, and the types of a
+ * reply and of the grid element in it. */
 QUILLON_API extern const char *const generic_message;
 QUILLON_API extern const char *const qresp_iq;
 QUILLON_API extern const char *const qresp_result_tag;
@@ -627,43 +701,146 @@ QUILLON_API extern const char *const qresp_response_tag;
 
 /* ---- Notifications ------------------------------------------------------------------------------------------ */
 
+/* The notification engine of a connection, which makes and destroys it; applications reach it through
+ * quillon_connection_notify and quillon_connection_register_notification_handler. Its functions may run on any threads at
+ * once. */
 typedef struct _quillon_notification quillon_notification;
 
+/* A notification handler with its argument. */
 typedef struct _quillon_notification_callback_info {
   quillon_notification_cb callback;
   void *arg;
 } quillon_notification_callback_info;
 
+/* Makes an engine and starts its dispatch thread. connection may be NULL: the engine then only receives.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_WB_ERROR       the table could not be made
+ *          QUILLON_STATUS_PTHREAD_ERROR  the thread could not be started */
 QUILLON_API QUILLON_STATUS quillon_notification_create(quillon_notification **notification, quillon_connection *connection);
+
+/* Ends the engine; messages that are still queued are dropped.
+ * Blocks:  until a handler that is running returns. Called by a handler itself it does not wait; no further handler is called.
+ * Returns: QUILLON_STATUS_OK, always */
 QUILLON_API QUILLON_STATUS quillon_notification_destroy(quillon_notification *notification);
+
+/* Registers a handler for notifications whose payload has that name, letters of either case being the same. ns may be an empty
+ * string. All handlers of a name run, in the order of registration and as often as they were registered, on the dispatch
+ * thread, one message at a time in the order of arrival. The payload is gone when the last one returns: who wants it longer
+ * imports it into a context of its own. Only _publisher_update_notification is registered once for each capability, and its
+ * registration ends with the capability.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_INVALID_ARGS  notification, ns or callback is NULL, or name is NULL or empty
+ *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted, or the name is too long
+ *          QUILLON_STATUS_WB_ERROR      the handler could not be stored */
 QUILLON_API QUILLON_STATUS quillon_notification_register_handler(quillon_notification *notification, const quillon_string *ns,
                                                                  const quillon_string *name,
                                                                  quillon_notification_cb callback, void *arg);
+
+/* Queues a received message, with a reference of its own to its context, for the dispatch thread. What comes neither from the
+ * publish-subscribe service nor from the controller is dropped there. Never waits.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_WB_ERROR when message is NULL */
 QUILLON_API QUILLON_STATUS quillon_notification_handle(quillon_notification *notification, wb_dom_node *message);
+
+/* Publishes the payload on the capability's topic. No answer is awaited: QUILLON_STATUS_OK means that the session took the
+ * notification, not that the service accepted it.
+ * Blocks:  until the event loop took it, at most the send time-out.
+ * Thread:  any but the event loop's, which would wait for itself.
+ * Owner:   payload is consumed with one reference of its context, unless an argument is missing.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_QUILLON_ERROR  notification is NULL
+ *          QUILLON_STATUS_XML_ERROR      the capability has no name, or the stanza could not be built
+ *          QUILLON_STATUS_SEND_ERROR     there is no session, or it did not take the stanza
+ *          QUILLON_STATUS_UNKNOWN        the event loop did not take it in time */
 QUILLON_API QUILLON_STATUS quillon_notification_call(quillon_notification *notification, quillon_capability *capability,
                                                      wb_dom_node *payload);
 
+/* The expanded name of the element that carries the payload of a notification. */
 QUILLON_API extern const char *const notif_quillon;
 
 /* ---- Capabilities ------------------------------------------------------------------------------------------- */
 
+/* A capability is a service of the grid, named by a name in an XML namespace: what a client subscribes to, publishes on, and
+ * queries. It has a topic, the publish-subscribe node, and a list of its publishers' JIDs that the library keeps current while
+ * it is subscribed. A plain and a dynamic capability differ in the functions that are used for them: quillon_capability_... or
+ * quillon_dynamic_capability_... . All functions may run on any threads at once, but a capability is destroyed once, and then
+ * used no more. */
+
+/* Makes a capability without namespace, name and publishers. */
 QUILLON_API QUILLON_STATUS quillon_capability_create(quillon_capability **capability);
+
+/* Makes all fields NULL without freeing anything: a capability that was in use loses, and leaks, what it had. Applications
+ * have no need of it. */
+QUILLON_API void quillon_capability_default_initialize(quillon_capability *capability);
+
+/* Frees the capability. It is announced no more, on any connection, and so is one of the same namespace and name; publisher
+ * updates no longer reach it. May be called by a handler. The filter is the application's again when the function returns.
+ * Returns: QUILLON_STATUS_OK, always */
 QUILLON_API QUILLON_STATUS quillon_capability_destroy(quillon_capability *capability);
+
+/* Sets the name, 1 to 65536 bytes, and the topic, which is the name followed by "-1.0".
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a name that is empty or too long; the old one is kept */
 QUILLON_API QUILLON_STATUS quillon_capability_set_name(const quillon_capability *capability, const char *name);
+
+/* The same for a dynamic capability, whose topic is the name itself. */
 QUILLON_API QUILLON_STATUS quillon_dynamic_capability_set_name(const quillon_capability *capability, const char *name);
+
+/* Sets the namespace URI, 1 to 65536 bytes.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for one that is empty or too long; the old one is kept */
 QUILLON_API QUILLON_STATUS quillon_capability_set_namespace(const quillon_capability *capability, const char *namespace_);
+
+/* Sets the filter, of which every subscribe request carries a copy; NULL clears it.
+ * Owner:   filter stays the application's, which keeps it, unchanged, until another is set or the capability is destroyed: every
+ *          reconnect copies it again.
+ * Returns: QUILLON_STATUS_OK */
 QUILLON_API QUILLON_STATUS quillon_capability_set_filter(const quillon_capability *capability, wb_dom_node *filter);
+
+/* The JIDs of the known publishers, as quillon_string: the live array, not to be changed or freed. It is changed by
+ * subscribing and refreshing and, while a connection is up, by notifications on their own thread at any time: read it only
+ * before the first subscription or inside a notification handler of the only connection, and take quillon_capability_copy_jids
+ * elsewhere. NULL for NULL. */
 QUILLON_API quillon_array *quillon_capability_get_jids(quillon_capability *capability);
+
+/* A copy of that array; the caller frees it with quillon_array_destroy. NULL for NULL and when memory is exhausted. */
 QUILLON_API quillon_array *quillon_capability_copy_jids(quillon_capability *capability);
+
+/* The callbacks for arrays of capabilities. Two are equal when they have the same name and the same namespace; one without
+ * either equals none. The free callback does nothing, since capabilities are the application's. */
 QUILLON_API bool quillon_array_obj_equal(const void *item1, const void *item2);
 QUILLON_API void quillon_array_obj_free(void *item);
+
+/* Takes the first item that equals the capability out of the array. */
 QUILLON_API void _remove_capablity_obj(quillon_array *list, quillon_capability *capability);
+
+/* Subscribes to the capability's notifications and learns its publishers. The capability, unless one of its namespace and name
+ * is there, is remembered until it is destroyed, and announced again after every connect; without a connection that is all
+ * that is done.
+ * Blocks:  while connected, until the controller answers, at most the send time-out.
+ * Thread:  any but the event loop's, which would wait for itself.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_UNKNOWN         an argument is NULL, or the request could not be sent
+ *          QUILLON_STATUS_XML_ERROR       namespace or name is not set, or the request could not be built
+ *          QUILLON_STATUS_SEND_TIMEOUT    no answer in time; the controller may still have seen the request
+ *          QUILLON_STATUS_NOT_AUTHORIZED  the controller does not allow it
+ *          QUILLON_STATUS_QUILLON_ERROR   the controller refused for another reason, or its answer was none
+ *          QUILLON_STATUS_XMPP_ERROR      the server or the controller refused the request */
 QUILLON_API QUILLON_STATUS quillon_capability_subscribe(const quillon_capability *capability, quillon_connection *connection);
 QUILLON_API QUILLON_STATUS quillon_dynamic_capability_subscribe(const quillon_capability *capability,
                                                                 quillon_connection *connection);
+
+/* Announces the client as a publisher of the capability, and remembers the capability as quillon_capability_subscribe does.
+ * Blocks and runs as that. What the controller answers is not read.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_UNKNOWN        an argument is NULL, or the request could not be sent
+ *          QUILLON_STATUS_XML_ERROR      namespace or name is not set, or the request could not be built
+ *          QUILLON_STATUS_SEND_TIMEOUT   no answer in time; the controller may still have seen the request
+ *          QUILLON_STATUS_QUILLON_ERROR  the controller's answer was none
+ *          QUILLON_STATUS_XMPP_ERROR     the server or the controller refused the request */
 QUILLON_API QUILLON_STATUS quillon_capability_publish(const quillon_capability *capability, quillon_connection *connection);
 QUILLON_API QUILLON_STATUS quillon_dynamic_capability_publish(const quillon_capability *capability,
                                                               quillon_connection *connection);
+
+/* The requests alone: send at once what subscribing or publishing sends, and remember nothing. Same statuses, threads and
+ * waits. */
 QUILLON_API QUILLON_STATUS quillon_capability_create_and_query_subscriber(const quillon_capability *capability,
                                                                           quillon_connection *connection);
 QUILLON_API QUILLON_STATUS quillon_dynamic_capability_create_and_query_subscriber(const quillon_capability *capability,
@@ -672,11 +849,26 @@ QUILLON_API QUILLON_STATUS quillon_capability_create_and_query_publish(quillon_c
                                                                        quillon_connection *connection);
 QUILLON_API QUILLON_STATUS quillon_dynamic_capability_create_and_query_publish(quillon_capability *capability,
                                                                                quillon_connection *connection);
+
+/* Asks the controller for all publishers and adds those of this capability to its list; from then on their changes are followed.
+ * Blocks:  until the controller answers, at most the send time-out.
+ * Thread:  any but the event loop's, which would wait for itself.
+ * Returns: QUILLON_STATUS_OK         also when there was no answer
+ *          QUILLON_STATUS_UNKNOWN    an argument is NULL, or a JID of the answer cannot be kept
+ *          QUILLON_STATUS_XML_ERROR  the request could not be built, or the answer names a publisher without a JID */
 QUILLON_API QUILLON_STATUS quillon_dynamic_capability_refresh_publisher_jids(quillon_capability *capability,
                                                                              quillon_connection *connection);
+
+/* The library's own notification handler: adds the publisher that the notification names to the list of the capability arg, or
+ * takes it out. It looks at no name: every capability that is registered follows every update. NULL arg is harmless. */
 QUILLON_API void _publisher_update_notification(wb_dom_node *node, void *arg);
+
+/* Announces the connection's core capability and every remembered capability again, all of them in the plain form. The connect
+ * does this.
+ * Blocks:  until the controller has answered each request, at most the send time-out for each. */
 QUILLON_API void quillon_capability_on_connected(quillon_connection *connection);
 
+/* Expanded names of the requests and replies, and the literals in them. */
 QUILLON_API extern const char *const element_subreq_name;
 QUILLON_API extern const char *const element_pubreq_name;
 QUILLON_API extern const char *const element_cap_name;
@@ -701,6 +893,89 @@ QUILLON_API extern const char *const capability_tag_delete;
 QUILLON_API extern const char *const namespace_qn_tag;
 QUILLON_API extern const char *const namespace_xsi_tag;
 QUILLON_API extern const char *const namespace_xsi_tag_value;
+
+/* ---- Proposing and modifying -------------------------------------------------------------------------------- */
+
+/* Proposes a new capability to the controller: its name and version, the methods that its publishers answer, a description and
+ * a vendor platform. querylist names the methods that read, actionlist those that write; a list may be NULL when its count is
+ * 0 or less. Of the capability argument only the namespace is used, and nothing of it is changed.
+ * Blocks:  until the controller answers, at most the send time-out.
+ * Thread:  any but the event loop's, which would wait for itself.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_UNKNOWN                   a required argument is NULL, or the request could not be sent
+ *          QUILLON_STATUS_NO_CONNECTION             not connected to the grid; nothing was sent
+ *          QUILLON_STATUS_XML_ERROR                 the capability has no namespace, or the request could not be built
+ *          QUILLON_STATUS_SEND_TIMEOUT              no answer in time; the controller may still have seen the request
+ *          QUILLON_STATUS_PROPOSE_CAPABILITY_ERROR  the controller refused; the log tells its reason
+ *          QUILLON_STATUS_XMPP_ERROR                the server or the controller refused the request
+ *          QUILLON_STATUS_QUILLON_ERROR             the controller's answer was none */
+QUILLON_API QUILLON_STATUS quillon_capability_propose(const quillon_capability *capability, quillon_connection *connection,
+                                                      const char *name, const char *version, const char **querylist,
+                                                      const int num_queries, const char **actionlist, const int num_actions,
+                                                      const char *description, const char *vendor_platform);
+
+/* Changes the definition of an existing capability; the same in all else, but that a refusal is
+ * QUILLON_STATUS_MODIFY_CAPABILITY_ERROR. */
+QUILLON_API QUILLON_STATUS quillon_capability_modify(const quillon_capability *capability, quillon_connection *connection,
+                                                     const char *name, const char *version, const char **querylist,
+                                                     const int num_queries, const char **actionlist, const int num_actions,
+                                                     const char *description, const char *vendor_platform);
+
+/* Expanded names of the two requests and their replies. */
+QUILLON_API extern const char *const element_propose_cap;
+QUILLON_API extern const char *const element_modify_cap;
+QUILLON_API extern const char *const propose_modify_cap_name;
+QUILLON_API extern const char *const propose_modify_cap_version;
+QUILLON_API extern const char *const propose_modify_cap_querymethods;
+QUILLON_API extern const char *const propose_modify_cap_operation;
+QUILLON_API extern const char *const propose_modify_cap_methodName;
+QUILLON_API extern const char *const propose_modify_cap_methodPermissions;
+QUILLON_API extern const char *const propose_modify_cap_description;
+QUILLON_API extern const char *const propose_modify_cap_vplatform;
+QUILLON_API extern const char *const propose_modify_cap_err;
+QUILLON_API extern const char *const propose_modify_cap_errcode;
+QUILLON_API extern const char *const propose_modify_cap_errdescription;
+
+/* ---- Authorisation ------------------------------------------------------------------------------------------ */
+
+/* Asks the controller whether the user may perform the operation of the capability. True only when it says so: a missing
+ * argument, a refusal and a missing answer are false as well, and only the log tells them apart.
+ * Blocks: until the controller answers, at most the send time-out.
+ * Thread: any but the event loop's, which would wait for itself; a query handler may ask. */
+QUILLON_API bool quillon_connection_is_authorized(quillon_connection *connection, const char *capability_name,
+                                                  const char *operation_name, const char *user);
+
+/* Expanded names of the request and its reply. */
+QUILLON_API extern const char *const auth_request_name;
+QUILLON_API extern const char *const auth_capability_name;
+QUILLON_API extern const char *const auth_operation_name;
+QUILLON_API extern const char *const auth_user_name;
+QUILLON_API extern const char *const auth_node_name;
+
+/* ---- Authentication token ----------------------------------------------------------------------------------- */
+
+/* A token that proves to other services who the client is. The controller is asked for it when it is first needed. */
+typedef struct _quillon_authentication_token quillon_authentication_token;
+
+/* Makes a token object and sends nothing. The connection must outlive it. */
+QUILLON_API QUILLON_STATUS quillon_authentication_token_create(quillon_authentication_token **token,
+                                                               quillon_connection *connection);
+
+/* The token's text, which lives as long as the object and never changes: a new token needs a new object. NULL when there is
+ * none to be had; the next call then asks again. The text is a secret: the library wipes its copy at the end and never logs
+ * it.
+ * Blocks: until the controller answers, at most the send time-out; not at all once there is a text.
+ * Thread: any but the event loop's; several at once all get the same text. */
+QUILLON_API const char *quillon_authentication_token_get(quillon_authentication_token *token);
+
+/* Wipes and frees the token.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for NULL, which is harmless */
+QUILLON_API QUILLON_STATUS quillon_authentication_token_destroy(quillon_authentication_token *token);
+
+/* Expanded names of the request and its reply. */
+QUILLON_API extern const char *const element_tokenreq_name;
+QUILLON_API extern const char *const element_tokenresp_name;
+QUILLON_API extern const char *const element_tokenchild_name;
 
 #ifdef __cplusplus
 }

@@ -23,15 +23,16 @@ class DispatchThread {
   DispatchThread(const DispatchThread &) = delete;
   DispatchThread &operator=(const DispatchThread &) = delete;
 
-  // Makes the queue and starts the thread. The owner, of which this object is a part, lives until the loop of the thread has ended.
+  // Makes the queue and starts the thread. The owner, of which this object is a part, lives until the loop of the thread has
+  // ended.
   QUILLON_STATUS start(const std::shared_ptr<void> &owner, Handler handler);
 
   // Queues the stanza with a reference of its own to its context. Never waits.
   // Returns: QUILLON_STATUS_OK, QUILLON_STATUS_WB_ERROR (the context could not be retained) or QUILLON_STATUS_MALLOC_ERROR
   QUILLON_STATUS push(wb_dom_node *stanza);
 
-  // Ends the loop after the stanza that is being handled, and waits for that. Called by the handler itself it only lets the loop end when
-  // the handler returns. Only the first call does anything.
+  // Ends the loop after the stanza that is being handled, and waits for that. Called by the handler itself it only lets the loop
+  // end when the handler returns. Only the first call does anything.
   void stop();
 
   // False once stop was called.

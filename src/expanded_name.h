@@ -5,8 +5,8 @@
 
 namespace qlk {
 
-// "{namespace}name" as a string of its own; the namespace may be empty. Null when it would be longer than a string may grow by at once, or
-// memory is exhausted.
+// "{namespace}name" as a string of its own; the namespace may be empty. Null when it would be longer than a string may grow by at
+// once, or memory is exhausted.
 inline StringPtr make_expanded_name(const quillon_string &ns, const quillon_string &name) {
   quillon_string *made = nullptr;
   quillon_string_default_create(&made);

@@ -1,6 +1,6 @@
-// Notifications. What is received is checked for its sender and shape and handed to every handler of its payload's name. A handler may register
-// others, destroy capabilities and even its own connection, so that no lock is held while it runs and the list that is being walked stays
-// as it is: changes meanwhile go into a copy, or wait until the walk has ended.
+// Notifications. What is received is checked for its sender and shape and handed to every handler of its payload's name. A
+// handler may register others, destroy capabilities and even its own connection, so that no lock is held while it runs and the
+// list that is being walked stays as it is: changes meanwhile go into a copy, or wait until the walk has ended.
 #include "quillon_notification.h"
 
 #include <algorithm>
@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <string_view>
 
 #include "expanded_name.h"
@@ -40,8 +41,8 @@ wb_dom_node *drop(const char *reason) {
   return nullptr;
 }
 
-// True when the stanza comes from that address or, where the address has no resource, from one of its resources. A user whose name
-// merely begins like the address is somebody else.
+// True when the stanza comes from that address or, where the address has no resource, from one of its resources. A user whose
+// name merely begins like the address is somebody else.
 bool comes_from(std::string_view from, std::string_view jid) {
   if (from == jid) return true;
   const bool any_resource = jid.find('/') == jid.npos;
@@ -101,8 +102,8 @@ class Dispatching {
  public:
   Dispatching(_quillon_notification &notification, const wb_dom_node *payload) : notification_(notification) {
     const std::lock_guard lock(notification_.map_mutex);
-    const auto *slot = static_cast<const Slot *>(
-        wb_htable_get(notification_.map_of_name_to_callback.get(), wb_dom_get_ename(payload)));
+    const auto *slot =
+        static_cast<const Slot *>(wb_htable_get(notification_.map_of_name_to_callback.get(), wb_dom_get_ename(payload)));
     if (slot != nullptr) notification_.in_dispatch = *slot;
   }
   ~Dispatching() {
@@ -121,8 +122,8 @@ class Dispatching {
   _quillon_notification &notification_;
 };
 
-// The list under the key, to be changed in place: a copy when it is being dispatched to. Throws when memory is exhausted, false when the
-// table refused.
+// The list under the key, to be changed in place: a copy when it is being dispatched to. Throws when memory is exhausted, false
+// when the table refused.
 bool changeable_locked(_quillon_notification &notification, const char *key, Slot *&out) {
   wb_htable *table = notification.map_of_name_to_callback.get();
   if (auto *found = static_cast<Slot *>(wb_htable_get(table, key))) {
@@ -212,8 +213,9 @@ wb_dom_node *build_publish(int64_t id, const char *topic, wb_dom_node *payload) 
 
 // Hands the payload, which it consumes, to the event loop.
 QUILLON_STATUS publish(_quillon_notification &notification, const quillon_capability &capability, qlk::NodePtr payload) {
-  const qlk::StringPtr topic = qlk::capability_copy_text(capability, &quillon_capability::topic);
-  wb_dom_node *iq = build_publish(notification.iq_id.fetch_add(1), quillon_string_cstr(topic.get()), payload.get());
+  std::string topic;
+  const bool has_topic = qlk::capability_copy_text(capability, &quillon_capability::topic, topic);
+  wb_dom_node *iq = build_publish(notification.iq_id.fetch_add(1), has_topic ? topic.c_str() : nullptr, payload.get());
   if (iq == nullptr) return QUILLON_STATUS_XML_ERROR;
   quillon_data *data = nullptr;
   const QUILLON_STATUS created = quillon_wb_client_create(&data, notification.connection);
@@ -230,7 +232,7 @@ void qlk::notification_stop(quillon_notification *notification) {
   if (notification != nullptr) notification->notf_handler.stop();
 }
 
-void qlk::notification_forget(_quillon_notification &notification, const quillon_capability *) {
+void qlk::notification_forget_destroyed(_quillon_notification &notification) {
   const std::lock_guard lock(notification.map_mutex);
   wb_htable_walk(notification.map_of_name_to_callback.get(), forget_in_slot, &notification, nullptr);
 }
@@ -297,7 +299,8 @@ QUILLON_STATUS quillon_notification_handle(quillon_notification *notification, w
   return status;
 }
 
-QUILLON_STATUS quillon_notification_call(quillon_notification *notification, quillon_capability *capability, wb_dom_node *payload) {
+QUILLON_STATUS quillon_notification_call(quillon_notification *notification, quillon_capability *capability,
+                                         wb_dom_node *payload) {
   qlk::trace(__func__);
   if (notification == nullptr) return QUILLON_STATUS_QUILLON_ERROR;
   if (capability == nullptr) return qlk::refuse("capability is null");

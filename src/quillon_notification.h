@@ -25,13 +25,13 @@ using NotificationHandlers = std::vector<NotificationHandler>;
 
 struct _quillon_notification {
   quillon_connection *connection = nullptr;  // borrowed
-  qlk::TablePtr map_of_name_to_callback;  // to std::shared_ptr<NotificationHandlers>
+  qlk::TablePtr map_of_name_to_callback;     // to std::shared_ptr<NotificationHandlers>
   std::atomic<int64_t> iq_id = 0;            // of the next publish
   qlk::DispatchThread notf_handler;          // thread, queue and run flag
   std::mutex map_mutex;                      // guards the table, its entries and the next two
   std::shared_ptr<qlk::NotificationHandlers> in_dispatch;
-  bool has_stale = false;                         // some of those in dispatch belong to a capability that was destroyed meanwhile
-  std::shared_ptr<_quillon_notification> self;    // the creator's reference; the dispatch thread has one too
+  bool has_stale = false;                       // some of those in dispatch belong to a capability that was destroyed meanwhile
+  std::shared_ptr<_quillon_notification> self;  // the creator's reference; the dispatch thread has one too
   std::weak_ptr<_quillon_notification> weak_self;
 };
 
@@ -41,8 +41,8 @@ namespace qlk {
 // Thread: any; on the dispatch thread itself the loop ends when the callback returns.
 void notification_stop(quillon_notification *notification);
 
-// Takes every registration of that capability out; the capability is marked as destroyed. Never throws.
-void notification_forget(_quillon_notification &notification, const quillon_capability *capability);
+// Takes out every registration whose capability is marked as destroyed.
+void notification_forget_destroyed(_quillon_notification &notification);
 
 // Dispatches one message: the handler of the dispatch thread, whose owner is the quillon_notification.
 void handle_notification(void *owner, wb_dom_node *message);

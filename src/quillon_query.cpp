@@ -1,5 +1,5 @@
-// The side of the queries that asks, and the engine's life. A query goes to one publisher after the other until one answers; which one did is
-// remembered, so that the next query starts there.
+// The side of the queries that asks, and the engine's life. A query goes to one publisher after the other until one answers;
+// which one did is remembered, so that the next query starts there.
 #include "quillon_query.h"
 
 #include <cstdint>
@@ -58,7 +58,8 @@ wb_dom_node *build_request(const quillon_connection &connection, const quillon_s
 }
 
 // Sends the payload, which it consumes, and waits for the reply.
-QUILLON_STATUS send_and_wait(quillon_connection *connection, const quillon_string &jid, qlk::NodePtr payload, qlk::NodePtr &reply) {
+QUILLON_STATUS send_and_wait(quillon_connection *connection, const quillon_string &jid, qlk::NodePtr payload,
+                             qlk::NodePtr &reply) {
   wb_dom_node *iq = build_request(*connection, jid, payload.get());
   if (iq == nullptr) return QUILLON_STATUS_XML_ERROR;
   quillon_data *data = nullptr;
@@ -111,8 +112,8 @@ QUILLON_STATUS ask(const quillon_query &query, const quillon_string &jid, qlk::N
   return status == QUILLON_STATUS_OK ? read_reply(std::move(reply), response) : status;
 }
 
-// The same payload in a context of its own. An attempt that was given up may still be waiting to be written by the event loop, so that its
-// envelope must not lose the payload to the next one.
+// The same payload in a context of its own. An attempt that was given up may still be waiting to be written by the event loop, so
+// that its envelope must not lose the payload to the next one.
 qlk::NodePtr copy_payload(const wb_dom_node *payload) {
   wb_dom_ctx *created = nullptr;
   wb_err err = {};
@@ -128,9 +129,7 @@ qlk::NodePtr copy_payload(const wb_dom_node *payload) {
   return nullptr;
 }
 
-bool tries_next(QUILLON_STATUS status) {
-  return status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR;
-}
+bool tries_next(QUILLON_STATUS status) { return status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR; }
 
 // Which publisher answered last, by the capability's key. The table owns its keys, so that no capability is looked at later.
 class StickyIndex {
@@ -165,7 +164,8 @@ class StickyIndex {
   const qlk::StickyKey key_;
 };
 
-// Asks the publishers in turn, each once, beginning with the sticky one. On CAPABILITY_NOT_FOUND the request is left to its owner.
+// Asks the publishers in turn, each once, beginning with the sticky one. On CAPABILITY_NOT_FOUND the request is left to its
+// owner.
 QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &capability, qlk::NodePtr &request,
                               qlk::NodePtr &response) {
   StickyIndex sticky(query, capability);
@@ -175,7 +175,8 @@ QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &c
   QUILLON_STATUS status = QUILLON_STATUS_UNKNOWN;
   size_t i = start < count ? start : 0;
   for (size_t attempt = 1;; ++attempt, ++i) {
-    // The list may have changed since the last attempt, for example have lost the publisher that is gone. Beyond its end it goes round.
+    // The list may have changed since the last attempt, for example have lost the publisher that is gone. Beyond its end it goes
+    // round.
     const qlk::StringPtr jid = qlk::capability_copy_jid(capability, i);
     if (jid == nullptr) return attempt == 1 ? QUILLON_STATUS_CAPABILITY_NOT_FOUND : status;
     const bool last = attempt == count;

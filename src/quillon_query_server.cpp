@@ -4,6 +4,7 @@
 #include "guard.h"
 #include "quillon_connection.h"
 #include "quillon_query.h"
+#include "quillon_wb_client.h"
 #include "stanza_builder.h"
 
 namespace {
@@ -70,7 +71,7 @@ void _query_response(const quillon_connection &connection, const wb_dom_node *re
   if (iq == nullptr) return;
   wb_err err = {};
   static_cast<void>(response.release());  // the send consumes it
-  if (!wb_client_send_stanza(connection.wb_client_, iq, &err)) wb_log_err(WB_LOG_ERROR, &err, "send stanza failed");
+  if (!qlk::send_stanza(connection, iq, &err)) wb_log_err(WB_LOG_ERROR, &err, "send stanza failed");
 }
 
 // Takes the handler's answer over. It may be part of the request, as an echo is, and then needs a reference of its own.

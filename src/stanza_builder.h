@@ -14,7 +14,8 @@ struct NodeDelete {
 // A node together with one reference of its context.
 using NodePtr = std::unique_ptr<wb_dom_node, NodeDelete>;
 
-// Adds nodes to a context. After the first step that fails the others do nothing, so that a sequence of steps is checked at its end.
+// Adds nodes to a context. After the first step that fails the others do nothing, so that a sequence of steps is checked at its
+// end.
 class StanzaBuilder {
  public:
   explicit StanzaBuilder(wb_dom_ctx *context) : context_(context) {}

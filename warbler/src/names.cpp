@@ -72,7 +72,7 @@ bool wb::split_name(const char *name, NameParts &out) {
   const bool braced = !text.empty() && text.front() == '{';
   const size_t cut = text.rfind(braced ? '}' : '|');
   if (cut == std::string_view::npos) {
-    out = NameParts{{}, text};
+    out = NameParts{text.substr(0, 0), text};
     return !braced;
   }
   out.uri = braced ? text.substr(1, cut - 1) : text.substr(0, cut);

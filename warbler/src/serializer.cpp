@@ -33,6 +33,24 @@ constexpr std::array<Class, 256> make_classes(bool is_value) {
 constexpr std::array<Class, 256> kTextClasses = make_classes(false);
 constexpr std::array<Class, 256> kValueClasses = make_classes(true);
 
+constexpr uint64_t all_bytes(uint8_t byte) { return 0x0101010101010101u * byte; }
+
+// Sets the top bit of each byte that is below the limit (at most 0x80), if its own top bit is not set. A byte above such a one
+// may be marked too, for nothing.
+constexpr uint64_t below(uint64_t word, uint8_t limit) { return (word - all_bytes(limit)) & ~word & all_bytes(0x80); }
+
+// Passes over the bytes, eight at a time, that can be written as they are in any place.
+const char *skip_plain_words(const char *at, const char *end) {
+  for (; end - at >= 8; at += 8) {
+    uint64_t word;
+    std::memcpy(&word, at, sizeof word);
+    const uint64_t angles = (word | all_bytes('<' ^ '>')) ^ all_bytes('>');
+    const uint64_t others = (word | all_bytes('"' ^ '&')) ^ all_bytes('&');
+    if (((word & all_bytes(0x80)) | below(word, 0x20) | below(angles, 1) | below(others, 1)) != 0) break;
+  }
+  return at;
+}
+
 std::string_view reference(char c) {
   switch (c) {
     case '&':
@@ -56,15 +74,23 @@ Symbol make_symbol(std::string_view text) {
   return Symbol{nullptr, nullptr, text.data(), static_cast<uint32_t>(text.size()), wb::hash_bytes(text.data(), text.size())};
 }
 
+// The symbols that every document needs.
+struct Constants {
+  Symbol none = make_symbol("");
+  Symbol xml_prefix = make_symbol("xml");
+  Symbol xml_uri = make_symbol(wb::kXmlUri);
+};
+
+const Constants &constants() {
+  static const Constants made;
+  return made;
+}
+
 class Writer {
  public:
   Writer(wb::ByteBuffer &out, const Symbol *default_namespace)
-      : out_(out),
-        xml_prefix_(make_symbol("xml")),
-        xml_uri_(make_symbol(wb::kXmlUri)),
-        scope_(default_namespace, &memory_),
-        open_(&memory_) {
-    scope_.declare(&xml_prefix_, &xml_uri_, true, 0);
+      : out_(out), none_(constants().none), scope_(default_namespace, &memory_), open_(&memory_) {
+    scope_.declare(&constants().xml_prefix, &constants().xml_uri, true, 0);
   }
 
   // False when something in the tree cannot be written.
@@ -96,13 +122,13 @@ class Writer {
     out_.reserve(length);
     for (;;) {
       const char *const run = at;
-      while (at != end) {
-        const Class found = classes[static_cast<unsigned char>(*at)];
-        if (found == Class::plain) {
-          ++at;
-          continue;
-        }
-        if (found != Class::multibyte) break;
+      for (;;) {
+        at = skip_plain_words(at, end);
+        const char *const near = end - at > 8 ? at + 8 : end;
+        while (at != near && classes[static_cast<unsigned char>(*at)] == Class::plain) ++at;
+        if (at == end) break;
+        if (at == near) continue;
+        if (classes[static_cast<unsigned char>(*at)] != Class::multibyte) break;
         char32_t c = 0;
         const unsigned count = wb::decode_utf8(at, end, c);
         if (count == 0 || !wb::is_xml_char(c)) return false;
@@ -229,11 +255,9 @@ class Writer {
   }
 
   wb::ByteBuffer &out_;
+  const Symbol &none_;
   std::array<std::byte, 1024> first_memory_;
   std::pmr::monotonic_buffer_resource memory_{first_memory_.data(), first_memory_.size()};
-  const Symbol xml_prefix_;
-  const Symbol xml_uri_;
-  const Symbol none_ = make_symbol("");
   wb::NamespaceScope scope_;
   std::pmr::vector<const Symbol *> open_;  // how the open elements' names are prefixed
   uint32_t depth_ = 0;

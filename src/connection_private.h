@@ -1,0 +1,91 @@
+// What a connection holds beyond the fields that are laid down, for the modules that make it up.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "client_gate.h"
+#include "event_loop.h"
+#include "quillon_connection.h"
+
+namespace qlk {
+
+// The XMPP session, from the attempt to its end. One at a time: a connect ends what an earlier one left.
+struct SessionState {
+  bool open = false;    // from wb_client_connect until "clientDisconnected"
+  bool posted = false;  // wb_client_connect has returned: what is put on the loop from now on comes after it
+  bool wanted = false;  // a connect waits for it or has got it; one that comes up unwanted is ended at once
+};
+
+struct ConnectionPrivate {
+  std::shared_ptr<EventLoop> loop;
+  std::shared_ptr<ClientGate> gate = std::make_shared<ClientGate>();
+  std::atomic<unsigned> holds = 1;      // see ConnectionHold; the first is the application's
+  std::atomic<bool> destroyed = false;  // the application has let go; only what is under way still sees the record
+  std::atomic<bool> uses_loop = false;
+  std::mutex disconnect_mutex;  // one disconnect at a time waits for the end of the session
+
+  std::mutex mutex;  // guards what follows, the callbacks of the record, and changes of its two flags
+  SessionState session;
+  bool connecting = false;  // a connect is under way, on connect_thread
+  pthread_t connect_thread = {};
+  bool cancelled = false;  // a disconnect came meanwhile
+  // What the XMPP table points to: copies, changed only while no session is open.
+  std::string user_jid;
+  std::string user_name;
+  std::string host;
+};
+
+// Keeps the record while a function uses it that may call the application, who may destroy the connection in that call.
+class ConnectionHold {
+ public:
+  explicit ConnectionHold(quillon_connection &connection) : connection_(connection) { ++connection_.extra->holds; }
+  ~ConnectionHold() { release(connection_); }
+  ConnectionHold(const ConnectionHold &) = delete;
+  ConnectionHold &operator=(const ConnectionHold &) = delete;
+
+  // Gives up one hold; the last frees the record.
+  static void release(quillon_connection &connection);
+
+ private:
+  quillon_connection &connection_;
+};
+
+// Becomes a user of the event loop, or stops to be one. Any thread; a second time does nothing.
+void enter_loop(quillon_connection &connection);
+void leave_loop(quillon_connection &connection);
+
+inline bool is_on_loop(const quillon_connection &connection) { return connection.extra->loop->is_loop_thread(); }
+
+// A callback of the application with its user data, as they are set at this moment.
+template <typename Callback>
+struct UserCallback {
+  Callback function;
+  void *user_data;
+};
+
+template <typename Callback>
+UserCallback<Callback> user_callback(const quillon_connection &connection, Callback _quillon_connection::*function,
+                                     void *_quillon_connection::*user_data) {
+  const std::lock_guard lock(connection.extra->mutex);
+  return {connection.*function, connection.*user_data};
+}
+
+// Calls the account callback, if there is one. No lock held.
+void call_account_cb(quillon_connection &connection, QUILLON_STATUS status);
+
+// quillon_connection_connect for a caller who may change his mind: when keep_running is false, or becomes false followed by a
+// disconnect, the attempt is given up. NULL: he does not.
+QUILLON_STATUS connect(quillon_connection &connection, const std::atomic<bool> *keep_running);
+
+// Handler of the controller's notification about the account; arg is the connection.
+void _connection_update_notification_callback(wb_dom_node *node, void *arg);
+
+QUILLON_STATUS quillon_connection_init(quillon_connection *connection);
+QUILLON_STATUS quillon_connection_register_core_capability_handler(quillon_connection *connection);
+
+}  // namespace qlk

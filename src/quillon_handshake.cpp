@@ -1,0 +1,465 @@
+// Joining the grid and leaving it.
+//
+// A connect goes through three stages: the XMPP session, a presence to the controller, and a request in which the controller
+// approves, denies or holds the account. While the account is pending the caller waits for the controller's notification.
+// Connects are serialised by connect_lock, which each holds to its end; a disconnect takes no part in that, since it is what ends
+// a connect that waits. It marks the connect under way as cancelled, which every later step of the connect looks at, and ends the
+// session if one is open.
+#include <cstring>
+
+#include "connection_private.h"
+#include "guard.h"
+#include "monitor_wait.h"
+#include "owners.h"
+#include "pthread_lock.h"
+#include "quillon_config.h"
+#include "quillon_grid.h"
+#include "stanza_builder.h"
+
+namespace {
+
+constexpr std::chrono::seconds kXmppTime{50};        // for the XMPP session to come up
+constexpr std::chrono::seconds kDisconnectTime{50};  // for the session's end to be reported
+
+constexpr char kInvalidConnection[] = "Invalid connection object";
+
+// Connections may share a configuration, and each connect moves its cursor.
+std::mutex rotation_mutex;
+
+quillon_connection &writable(const quillon_connection *connection) { return *const_cast<quillon_connection *>(connection); }
+
+QUILLON_STATUS fail(const char *message, QUILLON_STATUS status) {
+  wb_log(WB_LOG_ERROR, "%s", message);
+  return status;
+}
+
+void log_with_text(const char *what, QUILLON_STATUS status) {
+  wb_log(WB_LOG_ERROR, "%s error: %s", what, quillon_status_get_message(status));
+}
+
+// Whether the application, on this thread or another, has called the connect under way off.
+bool is_called_off(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  return connection.extra->cancelled || connection.extra->destroyed;
+}
+
+bool is_session_open(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  return connection.extra->session.open;
+}
+
+// ---- The end of a session
+
+// Waits until the end of the session has been reported. False on a time-out.
+bool wait_for_end(quillon_connection &connection) {
+  const auto deadline = qlk::SteadyClock::now() + kDisconnectTime;
+  for (;;) {
+    quillon_monitor_clear(connection.disconnect_monitor);
+    if (!is_session_open(connection) || connection.extra->destroyed) return true;
+    if (!qlk::wait_notified(*connection.disconnect_monitor, deadline)) return false;
+  }
+}
+
+// Ends the session that is open, or the attempt at one, and waits for its end.
+void end_session(quillon_connection &connection) {
+  const std::lock_guard one_at_a_time(connection.extra->disconnect_mutex);
+  if (!is_session_open(connection)) return;
+  quillon_data *data = nullptr;
+  if (quillon_wb_client_create(&data, &connection) == QUILLON_STATUS_OK) {
+    quillon_monitor_clear(connection.disconnect_monitor);
+    if (quillon_wb_client_disconnect(data) != QUILLON_STATUS_OK) {
+      wb_log(WB_LOG_ERROR, "quillon_connection_disconnect disconnect timed out");
+    } else if (!wait_for_end(connection)) {
+      wb_log(WB_LOG_ERROR, "quillon_connection_disconnect callback timed out");
+    }
+    quillon_wb_client_destroy(data);
+  }
+  quillon_monitor_notify(connection.xmpp_connection_monitor);
+}
+
+// Ends what an earlier connect left: the session after a denial, or an attempt that was given up. Its end must be past before the
+// new attempt begins, because it wakes whoever waits. False when it does not end.
+bool end_previous_session(quillon_connection &connection) {
+  if (!is_session_open(connection)) return true;
+  qlk::enter_loop(connection);  // an attempt that was given up has nobody to dispatch for it
+  if (connection.extra->loop->start_thread(connection.thread)) end_session(connection);
+  if (!is_session_open(connection)) return true;
+  qlk::leave_loop(connection);
+  wb_log(WB_LOG_ERROR, "the session of an earlier connect does not end");
+  return false;
+}
+
+// ---- The first stage: the XMPP session
+
+// The host whose turn it is, and the names to connect with.
+QUILLON_STATUS read_target(quillon_connection &connection) {
+  const quillon_config *config = connection.config;
+  if (config == nullptr) return fail("cannot connect: no configuration is set", QUILLON_STATUS_INVALID_ARGS);
+  const char *user_name = quillon_string_cstr(config->user_name);
+  const char *jid = quillon_string_cstr(config->jid);
+  if (user_name == nullptr || jid == nullptr) return fail("cannot connect: no user name is set", QUILLON_STATUS_INVALID_ARGS);
+  const quillon_string *host = nullptr;
+  {
+    const std::lock_guard lock(rotation_mutex);
+    if (config->hosts_index >= 0) {
+      host = static_cast<const quillon_string *>(quillon_list_get_at(config->hosts, static_cast<size_t>(config->hosts_index)));
+    }
+  }
+  if (quillon_string_cstr(host) == nullptr) return fail("cannot connect: no host is set", QUILLON_STATUS_INVALID_ARGS);
+  const std::lock_guard lock(connection.extra->mutex);
+  connection.extra->host = quillon_string_cstr(host);
+  connection.extra->user_name = user_name;
+  connection.extra->user_jid = jid;
+  return QUILLON_STATUS_OK;
+}
+
+bool put_target(quillon_connection &connection, wb_err *err) {
+  wb_htable *table = connection.wb_config;
+  return wb_htable_put(table, "userjid", connection.extra->user_jid.data(), nullptr, err) &&
+         wb_htable_put(table, "quillon.user_name", connection.extra->user_name.data(), nullptr, err) &&
+         wb_htable_put(table, "host", connection.extra->host.data(), nullptr, err);
+}
+
+void advance_rotation(quillon_config &config) {
+  const std::lock_guard lock(rotation_mutex);
+  if (++config.hosts_index >= config.hosts_count) config.hosts_index = 0;
+}
+
+// What a connect wants of the session from here on.
+void set_session(quillon_connection &connection, const qlk::SessionState &session) {
+  const std::lock_guard lock(connection.extra->mutex);
+  connection.extra->session = session;
+}
+
+// The disconnects that come from now on can end the session themselves. It may have ended already.
+void mark_posted(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  connection.extra->session.posted = connection.extra->session.open;
+}
+
+// The session if it is up after all; otherwise, should it come up later, it is not wanted any more.
+bool take_session(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  if (connection.is_xmpp_connected) return true;
+  connection.extra->session.wanted = false;
+  return false;
+}
+
+QUILLON_STATUS begin_session(quillon_connection &connection) {
+  quillon_monitor_clear(connection.xmpp_connection_monitor);
+  set_session(connection, {.open = true, .posted = false, .wanted = true});
+  qlk::enter_loop(connection);
+  wb_err err = {};
+  bool begun = false;
+  connection.extra->gate->use([&](wb_client *client) { begun = wb_client_connect(client, connection.wb_config, &err); });
+  if (!begun) {
+    set_session(connection, {});
+    qlk::leave_loop(connection);
+    wb_log_err(WB_LOG_ERROR, &err, "could not connect to specified server");
+    return QUILLON_STATUS_WB_ERROR;
+  }
+  mark_posted(connection);
+  if (connection.extra->loop->start_thread(connection.thread)) return QUILLON_STATUS_OK;
+  take_session(connection);
+  qlk::leave_loop(connection);
+  return fail("start thread error", QUILLON_STATUS_PTHREAD_ERROR);
+}
+
+// Waits until the session is up, its attempt has failed, or nobody wants it any more. False on a time-out.
+bool wait_for_session(quillon_connection &connection) {
+  const auto deadline = qlk::SteadyClock::now() + kXmppTime;
+  for (;;) {
+    quillon_monitor_clear(connection.xmpp_connection_monitor);
+    if (connection.is_xmpp_connected || !is_session_open(connection) || is_called_off(connection)) return true;
+    if (!qlk::wait_notified(*connection.xmpp_connection_monitor, deadline)) return false;
+  }
+}
+
+QUILLON_STATUS open_session(quillon_connection &connection) {
+  if (const QUILLON_STATUS status = begin_session(connection); status != QUILLON_STATUS_OK) return status;
+  const bool in_time = wait_for_session(connection);
+  if (is_called_off(connection) && !connection.extra->destroyed) end_session(connection);
+  if (take_session(connection)) return QUILLON_STATUS_OK;
+  log_with_text("connection", QUILLON_STATUS_XMPP_ERROR);
+  if (!in_time) wb_log(WB_LOG_INFO, "quillon connection response timed out");
+  qlk::leave_loop(connection);  // breaks the event loop, which goes on if others use it
+  return QUILLON_STATUS_CONNECTION_ERROR;
+}
+
+// ---- The second stage: the presence
+
+QUILLON_STATUS _presence_to_controller(quillon_connection &connection) {
+  wb_err err = {};
+  wb_dom_ctx *created = nullptr;
+  if (!wb_dom_context_create(&created, &err)) {
+    wb_log_err(WB_LOG_ERROR, &err, __func__);
+    return QUILLON_STATUS_XML_ERROR;
+  }
+  qlk::DomContextPtr context(created);
+  qlk::StanzaBuilder builder(created);
+  wb_dom_node *presence = builder.element(ele_pres_name);
+  builder.attribute(presence, ele_id_fieldname, ele_id_fieldname_val);
+  builder.attribute(presence, ele_to_fieldname, CONTROLLER_JID);
+  if (!builder.ok()) {
+    builder.log_failure(__func__);
+    return QUILLON_STATUS_XML_ERROR;
+  }
+  quillon_data *data = nullptr;
+  QUILLON_STATUS status = quillon_wb_client_create(&data, &connection);
+  if (status != QUILLON_STATUS_OK) return status;
+  static_cast<void>(context.release());  // the send consumes it
+  status = quillon_wb_client_send_and_forget(data, presence);
+  quillon_wb_client_destroy(data);
+  return status;
+}
+
+// ---- The third stage: the controller's approval
+
+void add_credentials(qlk::StanzaBuilder &builder, wb_dom_node *request, const quillon_config &config) {
+  wb_dom_node *credentials = builder.element(ele_cred_name, request);
+  wb_dom_node *user = builder.element(ele_username_name, credentials);
+  builder.text(user, ele_username_value, quillon_string_cstr(config.user_name));
+  const char *group = quillon_string_cstr(config.user_group);
+  builder.text(credentials, ele_group_name, group != nullptr ? group : ele_session_name);
+  wb_dom_node *groups = builder.element(ele_groups_name, credentials);
+  const _node *entry = config.groups != nullptr ? config.groups->head : nullptr;
+  for (int32_t i = 0; i < config.groups_count && entry != nullptr; ++i, entry = entry->next) {
+    builder.text(groups, ele_group_name, quillon_string_cstr(static_cast<const quillon_string *>(entry->data)));
+  }
+}
+
+void add_description(wb_dom_node *node_info, const quillon_config &config) {
+  const char *description = quillon_string_cstr(config.description);
+  if (description == nullptr) return;
+  if (quillon_xml_add_child_and_text(node_info, ele_desc_name, description) != QUILLON_STATUS_OK) {
+    wb_log(WB_LOG_WARN, "%s", "could not add description to specified server");
+  }
+}
+
+// The request in a context of its own; null when it cannot be built.
+qlk::NodePtr build_connect_request(const quillon_config &config) {
+  wb_err err = {};
+  wb_dom_ctx *created = nullptr;
+  if (!wb_dom_context_create(&created, &err)) {
+    wb_log_err(WB_LOG_ERROR, &err, "'_connect_request': could not create context");
+    return nullptr;
+  }
+  qlk::DomContextPtr context(created);
+  qlk::StanzaBuilder builder(created);
+  wb_dom_node *request = builder.element(ele_connect_name);
+  add_credentials(builder, request, config);
+  wb_dom_node *node_info = builder.element(ele_ginode_info_tag, request);
+  if (!builder.ok()) {
+    builder.log_failure("could not connect to specified server");
+    return nullptr;
+  }
+  add_description(node_info, config);
+  static_cast<void>(context.release());  // the request owns it
+  return qlk::NodePtr(request);
+}
+
+// What the controller decided.
+QUILLON_STATUS read_approval(const wb_dom_node *reply) {
+  const char *text = wb_dom_get_first_text(wb_dom_get_first_element(reply, ele_approval_status));
+  const std::string_view word = text != nullptr ? text : "";
+  if (word == "approved") {
+    wb_log(WB_LOG_INFO, "Account approved");
+    return QUILLON_STATUS_OK;
+  }
+  if (word == "denied") {
+    wb_log(WB_LOG_INFO, "Account denied");
+    return QUILLON_STATUS_CONNECTION_DENIED;
+  }
+  if (word == "pending") {
+    wb_log(WB_LOG_INFO, "Account pending");
+    return QUILLON_STATUS_ACCOUNT_PENDING;
+  }
+  quillon_log_wb_dom(WB_LOG_ERROR, reply, "quillon_connection_query_controller response xml: ");
+  return QUILLON_STATUS_CONNECTION_ERROR;
+}
+
+QUILLON_STATUS _connect_request(quillon_connection &connection) {
+  const quillon_config *config = connection.config;
+  if (config == nullptr || quillon_string_cstr(config->user_name) == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  qlk::NodePtr request = build_connect_request(*config);
+  if (request == nullptr) return QUILLON_STATUS_XML_ERROR;
+  wb_dom_node *received = nullptr;
+  QUILLON_STATUS status = quillon_connection_query_controller(&connection, request.release(), &received);
+  const qlk::NodePtr reply(received);
+  if (status == QUILLON_STATUS_SEND_TIMEOUT || reply == nullptr) return status;
+  status = read_approval(reply.get());
+  if (status == QUILLON_STATUS_CONNECTION_DENIED || status == QUILLON_STATUS_ACCOUNT_PENDING)
+    qlk::call_account_cb(connection, status);
+  return status;
+}
+
+// Waits, as long as it takes, for the controller's word on the account, which came after the monitor was cleared or is yet to
+// come.
+QUILLON_STATUS wait_for_approval(quillon_connection &connection) {
+  qlk::wait_notified(*connection.connection_update_monitor, std::nullopt);
+  if (connection.extra->destroyed) return QUILLON_STATUS_CONNECTION_ERROR;
+  if (connection.state_enum == QUILLON_CONNECTION_STATE_ENABLED) return QUILLON_STATUS_OK;
+  log_with_text("_connect_request", QUILLON_STATUS_CONNECTION_ERROR_AUTOREGOFF);
+  quillon_connection_disconnect(&connection);
+  return QUILLON_STATUS_CONNECTION_ERROR;
+}
+
+// False when the session has ended meanwhile, or its end is on its way.
+bool mark_grid_connected(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  if (!connection.is_xmpp_connected || connection.extra->cancelled || connection.extra->destroyed) return false;
+  connection.is_grid_connected = true;
+  return true;
+}
+
+QUILLON_STATUS join_grid(quillon_connection &connection) {
+  if (const QUILLON_STATUS status = _presence_to_controller(connection); status != QUILLON_STATUS_OK) {
+    quillon_connection_disconnect(&connection);
+    log_with_text("_presence_to_controller", status);
+    return status;
+  }
+  quillon_monitor_clear(connection.connection_update_monitor);
+  if (is_called_off(connection)) return QUILLON_STATUS_CONNECTION_ERROR;
+  QUILLON_STATUS status = _connect_request(connection);
+  if (connection.extra->destroyed) return QUILLON_STATUS_CONNECTION_ERROR;
+  if (status == QUILLON_STATUS_ACCOUNT_PENDING) status = wait_for_approval(connection);
+  if (status != QUILLON_STATUS_OK) return status;
+  if (!mark_grid_connected(connection)) return fail("the session ended while connecting", QUILLON_STATUS_CONNECTION_ERROR);
+  quillon_capability_on_connected(&connection);
+  const auto callback =
+      qlk::user_callback(connection, &_quillon_connection::connect_cb, &_quillon_connection::connect_cb_user_data);
+  if (callback.function != nullptr && !connection.extra->destroyed) callback.function(&connection, callback.user_data);
+  return QUILLON_STATUS_OK;
+}
+
+// Marks the connect under way for the length of its scope, within connect_lock.
+class Connecting {
+ public:
+  explicit Connecting(quillon_connection &connection) : extra_(*connection.extra) {
+    const std::lock_guard lock(extra_.mutex);
+    extra_.connecting = true;
+    extra_.connect_thread = pthread_self();
+    extra_.cancelled = false;
+  }
+  ~Connecting() {
+    const std::lock_guard lock(extra_.mutex);
+    extra_.connecting = false;
+  }
+  Connecting(const Connecting &) = delete;
+  Connecting &operator=(const Connecting &) = delete;
+
+ private:
+  qlk::ConnectionPrivate &extra_;
+};
+
+bool is_connecting_here(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  return connection.extra->connecting && pthread_equal(connection.extra->connect_thread, pthread_self()) != 0;
+}
+
+QUILLON_STATUS connect_locked(quillon_connection &connection, const std::atomic<bool> *keep_running) {
+  const Connecting connecting(connection);
+  if (connection.extra->destroyed || (keep_running != nullptr && !*keep_running)) return QUILLON_STATUS_CONNECTION_ERROR;
+  if (connection.is_grid_connected) {
+    wb_log(WB_LOG_WARN, "quillon is connecting or already connected");
+    return QUILLON_STATUS_OK;
+  }
+  if (connection.extra->loop->is_closed()) return fail("the library has been shut down", QUILLON_STATUS_CONNECTION_ERROR);
+  if (!end_previous_session(connection)) return QUILLON_STATUS_CONNECTION_ERROR;
+  if (const QUILLON_STATUS status = read_target(connection); status != QUILLON_STATUS_OK) return status;
+  wb_log(WB_LOG_INFO, "connecting to host %s .......", connection.extra->host.c_str());
+  wb_err err = {};
+  if (!put_target(connection, &err)) {
+    wb_log_err(WB_LOG_ERROR, &err, "error populating configuration htable");
+    return QUILLON_STATUS_WB_ERROR;
+  }
+  advance_rotation(*connection.config);
+  if (const QUILLON_STATUS status = open_session(connection); status != QUILLON_STATUS_OK) return status;
+  return join_grid(connection);
+}
+
+// ---- What the controller says later
+
+struct AccountUpdate {
+  std::string_view word;  // a text that begins with it counts as it
+  QUILLON_CONNECTION_STATE_ENUM state;
+  QUILLON_STATUS status;
+  bool disconnects;
+};
+
+constexpr AccountUpdate kAccountUpdates[] = {
+    {"disabled", QUILLON_CONNECTION_STATE_DISABLED, QUILLON_STATUS_ACCOUNT_DISABLED, true},
+    {"deleted", QUILLON_CONNECTION_STATE_DELETED, QUILLON_STATUS_ACCOUNT_DELETED, true},
+    {"authorizationChanged", QUILLON_CONNECTION_STATE_AUTHORIZATION_CHANGED, QUILLON_STATUS_ACCOUNT_AUTHORIZATION_CHANGED, true},
+    {"enabled", QUILLON_CONNECTION_STATE_ENABLED, QUILLON_STATUS_ACCOUNT_ENABLED, false},
+};
+
+void apply_account_update(quillon_connection &connection, std::string_view text) {
+  for (const AccountUpdate &update : kAccountUpdates) {
+    if (!text.starts_with(update.word)) continue;
+    connection.state_enum = update.state;
+    qlk::call_account_cb(connection, update.status);
+    if (update.disconnects && !connection.extra->destroyed) quillon_connection_disconnect(&connection);
+    return;
+  }
+}
+
+}  // namespace
+
+void qlk::call_account_cb(quillon_connection &connection, QUILLON_STATUS status) {
+  const auto callback = user_callback(connection, &_quillon_connection::account_cb, &_quillon_connection::account_cb_user_data);
+  if (callback.function != nullptr) callback.function(&connection, status, callback.user_data);
+}
+
+void qlk::_connection_update_notification_callback(wb_dom_node *node, void *arg) {
+  trace(__func__);
+  auto *connection = static_cast<quillon_connection *>(arg);
+  const char *text = wb_dom_get_first_text(wb_dom_get_first_child(node));
+  if (connection == nullptr || text == nullptr) return;
+  const ConnectionHold hold(*connection);
+  apply_account_update(*connection, text);
+  quillon_monitor_notify(connection->connection_update_monitor);
+}
+
+QUILLON_STATUS qlk::connect(quillon_connection &connection, const std::atomic<bool> *keep_running) {
+  const ConnectionHold hold(connection);  // outlives the lock, which is part of the record
+  if (is_on_loop(connection)) return fail("cannot connect on the event loop thread", QUILLON_STATUS_CONNECTION_ERROR);
+  if (is_connecting_here(connection)) {
+    wb_log(WB_LOG_WARN, "quillon is connecting or already connected");
+    return connection.is_grid_connected ? QUILLON_STATUS_OK : QUILLON_STATUS_CONNECTION_ERROR;
+  }
+  const PthreadLock lock(connection.connect_lock);
+  return connect_locked(connection, keep_running);
+}
+
+QUILLON_STATUS quillon_connection_connect(const quillon_connection *connection) {
+  qlk::trace(__func__);
+  if (connection == nullptr) return qlk::refuse(kInvalidConnection);
+  return qlk::guarded(__func__, [&] { return qlk::connect(writable(connection), nullptr); });
+}
+
+QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connection) {
+  qlk::trace(__func__);
+  if (connection == nullptr) return qlk::refuse(kInvalidConnection);
+  return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
+    quillon_connection &target = writable(connection);
+    const qlk::ConnectionHold hold(target);
+    bool ends_session = false;
+    bool ends_connect = false;
+    {
+      const std::lock_guard lock(target.extra->mutex);
+      qlk::ConnectionPrivate &extra = *target.extra;
+      ends_connect = extra.connecting;
+      if (ends_connect) extra.cancelled = true;
+      ends_session = target.is_xmpp_connected || (extra.connecting && extra.session.posted);
+    }
+    if (ends_connect) quillon_monitor_notify(target.xmpp_connection_monitor);
+    if (ends_session && qlk::is_on_loop(target)) {
+      wb_log(WB_LOG_ERROR, "quillon_connection_disconnect cannot wait on the event loop thread");
+    } else if (ends_session) {
+      end_session(target);
+    }
+    wb_log(WB_LOG_INFO, "quillon_connection_disconnect successful");
+    return QUILLON_STATUS_OK;
+  });
+}

@@ -1,0 +1,31 @@
+// The one library-wide object, shared by every connection in the process.
+#pragma once
+
+#include <event2/event.h>
+
+#include <atomic>
+#include <memory>
+
+#include "event_loop.h"
+#include "quillon.h"
+
+struct _quillon_lib_obj {
+  event_base *eventBase;
+  event *send_event;
+  wb_htable *wb_base_config;             // owned; what the other three point to lives with the loop
+  wb_workq *wb_workq_;                   // named so because wb_workq is the type
+  std::shared_ptr<qlk::EventLoop> loop;  // private addition
+};
+
+namespace qlk {
+
+extern _quillon_lib_obj *g_Qln_Lib;  // null while the library is down
+extern std::atomic<bool> bLibInitialize;
+
+// The event loop in force; null while the library is down. Any thread.
+std::shared_ptr<EventLoop> library_loop();
+
+// Handler of send_event: waking the loop is all that it is for.
+void _wakeup_callback(int fd, short events, void *arg);
+
+}  // namespace qlk
