@@ -493,15 +493,37 @@ QUILLON_API void quillon_config_fill_ssl_ctx(const quillon_config *config, void 
 
 /* ---- Library ------------------------------------------------------------------------------------------------ */
 
+/* The library runs on one event base, which all connections of the process share. While a connection is connecting or up, a
+ * thread of the library, called the event loop, dispatches it; signals of the application are blocked there. */
+
+/* Brings the library up; quillon_connection_create does so itself. On a library that is up it only logs a warning. It
+ * switches libevent's support of threads on for the whole process. Thread: any.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted
+ *          QUILLON_STATUS_WB_ERROR      the XMPP layer or the event base could not be set up
+ *          QUILLON_STATUS_EVENT_ERROR   an event could not be made
+ *          The library stays down when it fails, and the call may be repeated. */
 QUILLON_API QUILLON_STATUS quillon_init(void);
+
+/* Takes the library down; it may be brought up again. It also runs when the process exits or the library is unloaded. Destroy the
+ * connections first: those left lose their sessions without a callback and can only be destroyed.
+ * Blocks:  until the event loop has ended, at most 5 seconds. */
 QUILLON_API void quillon_shutdown(void);
+
+/* Makes the SASL mechanism EXTERNAL, whose response is the text under "quillon.user_name" in the table of the session's client.
+ * quillon_init gives it to all clients. config is not looked at. The caller owns *mech until a factory takes it. False with a
+ * filled err as wb_sasl_mech_create. */
 QUILLON_API bool quillon_sasl_mech_external_create(wb_htable *config, wb_sasl_mech **mech, wb_err *err);
 
 /* ---- Connection --------------------------------------------------------------------------------------------- */
 
+/* The application's handle on one session with the grid. Any threads may use it at once, but set the configuration and the
+ * callbacks before connecting. Functions that block must not be called on the event loop, which they would wait for: that is
+ * where disconnect_cb and the TLS-context callback run. Such a call fails at once, with an error logged. */
 typedef struct _quillon_connection quillon_connection;
 typedef struct _quillon_capability quillon_capability;
 
+/* What the controller has said of the account last, and DISCONNECTED after the end of a session. */
 typedef enum QUILLON_CONNECTION_STATE_ENUM {
   QUILLON_CONNECTION_STATE_UNKNOWN = 0,
   QUILLON_CONNECTION_STATE_BEFORE_CONNECT = 1,
@@ -514,16 +536,55 @@ typedef enum QUILLON_CONNECTION_STATE_ENUM {
   QUILLON_CONNECTION_STATE_MAX = 8
 } QUILLON_CONNECTION_STATE_ENUM;
 
+/* The connection is part of the grid now. On the thread that connects, before connect returns. */
 typedef void (*quillon_connection_connect_cb)(quillon_connection *connection, void *user_data);
+
+/* The session, or the attempt at one, has ended; the connection still counts as connected until this returns. On the event loop:
+ * it must return soon and may not block on the connection; it may destroy it. status is
+ *          QUILLON_STATUS_CONNECTION_ERROR    the grid had accepted the connection, and the server gave no reason
+ *          QUILLON_STATUS_QUILLON_ERROR       the same before that, and for a server that could not be reached or refused us
+ *          QUILLON_STATUS_CONNECTION_ERROR_NOT_AUTHORIZED, QUILLON_STATUS_CONNECTION_ERROR_REMOTE_CONNECTION_FAILURE,
+ *          QUILLON_STATUS_CONNECTION_ERROR_XMPP  the server's reason: these two, or any other */
 typedef void (*quillon_connection_disconnect_cb)(quillon_connection *connection, QUILLON_STATUS status, void *user_data);
+
+/* The controller said something of the account: denied (CONNECTION_DENIED) or pending (ACCOUNT_PENDING), on the thread that
+ * connects; ACCOUNT_DISABLED, ACCOUNT_DELETED, ACCOUNT_AUTHORIZATION_CHANGED, each before the library disconnects, or
+ * ACCOUNT_ENABLED, on the connection's notification thread. It may destroy the connection. */
 typedef void (*quillon_connection_account_cb)(quillon_connection *connection, QUILLON_STATUS status, void *user_data);
+
+/* Prepares the TLS context, an OpenSSL SSL_CTX *, of one connection attempt: certificate, key, trusted CAs, verification. On the
+ * event loop. quillon_config_fill_ssl_ctx does what the library would. A context that does not verify accepts every server. */
 typedef void (*quillon_connection_ssl_ctx_cb)(quillon_connection *connection, void *ssl_ctx, void *user_data);
+
+/* Answers a query: see quillon_query_register_handler. */
 typedef wb_dom_node *(*quillon_query_cb)(wb_dom_node *request, void *arg);
+
+/* Receives a notification: see quillon_notification_register_handler. */
 typedef void (*quillon_notification_cb)(wb_dom_node *notification, void *arg);
 
+/* Makes a connection, bringing the library up if need be; starts its two handler threads. It has no configuration yet.
+ * Thread:  any.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_QUILLON_ERROR  a handler thread or its tables could not be made
+ *          QUILLON_STATUS_WB_ERROR       the XMPP client could not be made
+ *          QUILLON_STATUS_EVENT_ERROR    as quillon_init */
 QUILLON_API QUILLON_STATUS quillon_connection_create(quillon_connection **create_connection);
+
+/* Drops the session, if one is up, without waiting for the server, makes every call that waits on the connection return, joins
+ * its threads and frees it. No callback runs afterwards. Disconnect first to leave in order. A connect, disconnect or
+ * reconnection thread may be under way; other calls must have returned.
+ * Blocks:  until the callbacks that are running have returned, but for one that makes this call itself: it may be made out of
+ *          every callback of the connection.
+ * Thread:  any.
+ * Returns: QUILLON_STATUS_OK, also for NULL */
 QUILLON_API QUILLON_STATUS quillon_connection_destroy(quillon_connection *connection);
+
+/* Sets the configuration, which must outlive the connection. Connect takes the host, the user name and the JID from it. */
 QUILLON_API QUILLON_STATUS quillon_connection_set_config(const quillon_connection *connection, quillon_config *config);
+
+/* Set the callbacks, each called with the user data that is set for it. NULL: none; for the TLS context that means that it is
+ * left as the XMPP layer made it, without certificate or verification. Until a callback is set for it, it is filled from the
+ * configuration. */
 QUILLON_API QUILLON_STATUS quillon_connection_set_disconnect_cb(const quillon_connection *connection,
                                                                 quillon_connection_disconnect_cb callback);
 QUILLON_API QUILLON_STATUS quillon_connection_set_connect_cb(const quillon_connection *connection,
@@ -536,30 +597,88 @@ QUILLON_API QUILLON_STATUS quillon_connection_set_disconnect_cb_user_data(const 
 QUILLON_API QUILLON_STATUS quillon_connection_set_connect_cb_user_data(const quillon_connection *connection, void *user_data);
 QUILLON_API QUILLON_STATUS quillon_connection_set_account_cb_user_data(const quillon_connection *connection, void *user_data);
 QUILLON_API QUILLON_STATUS quillon_connection_set_ssl_ctx_cb_user_data(const quillon_connection *connection, void *user_data);
+
+/* Makes the event loop run one pass. Thread: any. NULL is harmless. */
 QUILLON_API void quillon_connection_wakeup(quillon_connection *connection);
+
+/* Joins the grid: an XMPP session with the host whose turn it is, then the controller's approval of the account, then the
+ * subscriptions and publications again. Each call tries the next host of the configuration. A session that an earlier connect
+ * left up is ended first. On a connection that is part of the grid it does nothing.
+ * Blocks:  up to 50 seconds for the XMPP session, send_timeout_seconds for each answer of the controller, and without a limit
+ *          while the account is pending. quillon_connection_disconnect and quillon_connection_destroy on another thread end it.
+ * Thread:  any but the event loop's; one connect at a time, others wait for it.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_INVALID_ARGS        connection is NULL, or there is no configuration, user name or host
+ *          QUILLON_STATUS_CONNECTION_ERROR    no XMPP session; or the account was not enabled after "pending"; or the answer of
+ *                                             the controller was not understood; or a disconnect or destroy came meanwhile
+ *          QUILLON_STATUS_CONNECTION_DENIED   the controller denied the account; the XMPP session stays up
+ *          QUILLON_STATUS_SEND_TIMEOUT        the controller did not answer; the XMPP session stays up
+ *          QUILLON_STATUS_XMPP_ERROR, QUILLON_STATUS_QUILLON_ERROR  the request was refused; the XMPP session stays up
+ *          QUILLON_STATUS_WB_ERROR            the host or the JID has no valid form
+ *          QUILLON_STATUS_PTHREAD_ERROR       the event loop could not be started
+ *          QUILLON_STATUS_SEND_ERROR          the presence could not be sent
+ *          QUILLON_STATUS_XML_ERROR           a stanza could not be built, for example because a text is no UTF-8 */
 QUILLON_API QUILLON_STATUS quillon_connection_connect(const quillon_connection *connection);
+
+/* Ends the session, or the connect that is under way, and waits for its end. Nothing is sent to the controller.
+ * Blocks:  up to send_timeout_seconds for the event loop and 50 seconds for the end, which disconnect_cb is part of.
+ * Thread:  any but the event loop's.
+ * Returns: QUILLON_STATUS_OK, also without a session, and when the end did not come in time, which is logged */
 QUILLON_API QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connection);
+
+/* True while the connection is part of the grid: false while its account is pending, and for NULL. Thread: any. */
 QUILLON_API bool quillon_connection_is_connected(quillon_connection *connection);
 
+/* Sends a request to the controller: quillon_query_call_with_jid with the controller's address. */
 QUILLON_API QUILLON_STATUS quillon_connection_query_controller(quillon_connection *connection, wb_dom_node *request,
                                                                wb_dom_node **response);
+
+/* Sends a request to a publisher of the capability: quillon_query_call on the connection. */
 QUILLON_API QUILLON_STATUS quillon_connection_query(quillon_connection *connection, quillon_capability *capability,
                                                     wb_dom_node *request, wb_dom_node **response);
+
+/* Publishes a notification on the capability's topic: quillon_notification_call on the connection. */
 QUILLON_API QUILLON_STATUS quillon_connection_notify(quillon_connection *connection, quillon_capability *capability,
                                                      wb_dom_node *notf);
+
+/* Registers a handler for the notifications of that namespace, which may be empty, and name: as
+ * quillon_notification_register_handler. */
 QUILLON_API QUILLON_STATUS quillon_connection_register_notification_handler(quillon_connection *connection, const char *ns,
                                                                             const char *name,
                                                                             quillon_notification_cb callback, void *arg);
+
+/* Registers the handler of the queries of that namespace, which may be empty, and name: as quillon_query_register_handler. */
 QUILLON_API QUILLON_STATUS quillon_connection_register_query_handler(quillon_connection *connection, const char *ns,
                                                                      const char *name, quillon_query_cb callback, void *arg);
+
+/* Passes an update of the registered capabilities to the callback in arg, a quillon_notification_callback_info *, if one is set
+ * there. The library registers it for core_notif_name. */
 QUILLON_API void quillon_connection_topic_handler(wb_dom_node *node, void *arg);
+
+/* Sets the callback for updates of the registered capabilities, which runs on the connection's notification thread; NULL: none.
+ * Updates that arrive without one are dropped. */
 QUILLON_API QUILLON_STATUS quillon_connection_register_topic_notification_handler(quillon_connection *connection,
                                                                                   quillon_notification_cb callback,
                                                                                   void *user_data);
+
+/* Asks the controller for the registered capabilities.
+ * Blocks:  until the answer, at most send_timeout_seconds. Thread: any but the event loop's.
+ * Owner:   *response, NULL unless the result is OK, is the caller's: wb_dom_context_destroy(wb_dom_get_context(*response)).
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_NO_CONNECTION  not connected to the grid; nothing was sent
+ *          QUILLON_STATUS_XML_ERROR      the request could not be built
+ *          and what quillon_query_call_with_jid returns */
 QUILLON_API QUILLON_STATUS quillon_connection_query_capabilities(quillon_connection *connection, wb_dom_node **response);
+
+/* Asks the controller for the status of one capability. version may be NULL: any.
+ * As quillon_connection_query_capabilities, and
+ *          QUILLON_STATUS_UNKNOWN        name is NULL; the connection was up */
 QUILLON_API QUILLON_STATUS quillon_connection_query_capability_status(quillon_connection *connection, const char *name,
                                                                       const char *version, wb_dom_node **response);
 
+/* The names of the connection's part of the grid protocol. Those that begin with ele_ or jabber_ele_ are expanded names,
+ * "{namespace}local", but for ele_session_name, the group of a client without one, and ele_id_fieldname_val, the id of the
+ * presence. */
 QUILLON_API extern const char *const conn_namespace_id;
 QUILLON_API extern const char *const conn_upd_notif_name;
 QUILLON_API extern const char *const state_disabled;
@@ -593,12 +712,41 @@ QUILLON_API extern const char *const core_notif_name;
 
 /* ---- Sending ------------------------------------------------------------------------------------------------ */
 
+/* One operation on a connection's XMPP client, for a thread that is not the event loop's: create, one operation, destroy. What
+ * the operation needs outlives the record, so that it may be destroyed as soon as the operation has returned. */
 typedef struct _quillon_data quillon_data;
 
+/* Makes a record for the connection, which is borrowed. */
 QUILLON_API QUILLON_STATUS quillon_wb_client_create(quillon_data **data, quillon_connection *connection);
+
+/* Frees the record. A reply that was handed out stays the caller's. */
 QUILLON_API void quillon_wb_client_destroy(quillon_data *data);
+
+/* Sends an IQ of type get or set and waits for its answer, a result or an error.
+ * Blocks:  send_timeout_seconds at most, and 2 seconds more while something holds the event loop up. 0 or less times out at once.
+ * Thread:  any but the event loop's.
+ * Owner:   consumes one reference of the IQ's context but for INVALID_ARGS. *iq_result, NULL unless the result is OK, is the
+ *          caller's with one reference of its context.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_SEND_TIMEOUT  no answer in time, or the event loop does not run, or the session ended meanwhile
+ *          QUILLON_STATUS_SEND_ERROR    called on the event loop, or there is no memory to hand the IQ over
+ *          QUILLON_STATUS_UNKNOWN       the XMPP client refused it: no session, no legal text, too large; or the connection is
+ *                                       being destroyed */
 QUILLON_API QUILLON_STATUS quillon_wb_client_send_and_wait(quillon_data *data, wb_dom_node *iq_req, wb_dom_node **iq_result);
+
+/* Sends a stanza without waiting for an answer. Consumes one reference of its context but for INVALID_ARGS.
+ * Blocks:  not while a session is up; otherwise until the event loop has refused it, at most send_timeout_seconds.
+ * Thread:  any.
+ * Returns: QUILLON_STATUS_OK          it will be written if the session lives
+ *          QUILLON_STATUS_SEND_ERROR  the XMPP client refused it
+ *          QUILLON_STATUS_UNKNOWN     the event loop does not run, or the connection is being destroyed */
 QUILLON_API QUILLON_STATUS quillon_wb_client_send_and_forget(quillon_data *data, wb_dom_node *node);
+
+/* Tells the XMPP client to end its session, which goes on after the return: quillon_connection_disconnect waits for it.
+ * Blocks:  until the event loop has taken it, at most send_timeout_seconds. Thread: any but the event loop's.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_SEND_TIMEOUT  the event loop did not take it in time; it will when it runs
+ *          QUILLON_STATUS_SEND_ERROR    called on the event loop, or there is no memory to hand it over */
 QUILLON_API QUILLON_STATUS quillon_wb_client_disconnect(quillon_data *data);
 
 /* ---- Reconnection ------------------------------------------------------------------------------------------- */
@@ -624,8 +772,8 @@ QUILLON_API QUILLON_STATUS quillon_reconnection_start(quillon_reconnection *reco
  * Returns: QUILLON_STATUS_OK */
 QUILLON_API QUILLON_STATUS quillon_reconnection_stop(quillon_reconnection *reconnection);
 
-/* Stops the thread if it runs, waits for it and frees the object. Called by the thread itself, out of a callback, it does not wait:
- * the thread leaves when the callback returns.
+/* Stops the thread if it runs, waits for it and frees the object. Called by the thread itself, out of a callback, it does not
+ * wait: the thread leaves when the callback returns.
  * Blocks:  as quillon_connection_disconnect, and up to 5 seconds for the thread.
  * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for NULL */
 QUILLON_API QUILLON_STATUS quillon_reconnection_destroy(quillon_reconnection *reconnection);

@@ -22,7 +22,9 @@ int names_index() {
 bool bears_name(X509 *certificate, const std::string &name) {
   if (name.empty()) return false;
   if (is_address_literal(name)) return X509_check_ip_asc(certificate, name.c_str(), 0) == 1;
-  return X509_check_host(certificate, name.data(), name.size(), X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS, nullptr) == 1;
+  // Never by the subject: a client's certificate, whose subject is a user's name, must not pass for a server's.
+  constexpr unsigned kFlags = X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT;
+  return X509_check_host(certificate, name.data(), name.size(), kFlags, nullptr) == 1;
 }
 
 // Runs inside the handshake, so that a server under another name is refused before it has seen our certificate.

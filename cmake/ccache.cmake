@@ -1,0 +1,10 @@
+# Compiles through ccache where it is installed, unless whoever configures the build, or embeds us, has chosen a launcher.
+if(PROJECT_IS_TOP_LEVEL)
+  find_program(CCACHE_PROGRAM ccache)
+  mark_as_advanced(CCACHE_PROGRAM)
+  foreach(language C CXX)
+    if(CCACHE_PROGRAM AND NOT CMAKE_${language}_COMPILER_LAUNCHER)
+      set(CMAKE_${language}_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+    endif()
+  endforeach()
+endif()

@@ -1,0 +1,66 @@
+// What the client's suites share: one authority with its certificates, and servers and clients that fit together.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+
+#include "fake_server.h"
+#include "test_client.h"
+#include "wait_for.h"
+
+namespace client_test {
+
+using test_support::Credentials;
+using test_support::Element;
+using test_support::FakeServer;
+using test_support::Fault;
+using test_support::Stage;
+using test_support::TestAuthority;
+using test_support::TestClient;
+
+constexpr char kJid[] = "user@grid.test/qlk";
+
+struct Identities {
+  TestAuthority authority{"The Grid's Authority"}, other_authority{"Another Authority"};
+  Credentials server = authority.issue_server({"grid.test"});
+  Credentials client = authority.issue_client("user", "grid.test");
+
+  static Identities &get() {
+    static Identities identities;
+    return identities;
+  }
+};
+
+inline FakeServer::Options server_options() {
+  FakeServer::Options options;
+  options.certificate = Identities::get().server;
+  options.client_authority = Identities::get().authority.certificate();
+  return options;
+}
+
+inline test_support::ClientSettings client_settings(std::map<std::string, std::string> table = {}) {
+  test_support::ClientSettings settings;
+  settings.certificate = Identities::get().client;
+  settings.authority = Identities::get().authority.certificate();
+  settings.table = std::move(table);
+  return settings;
+}
+
+// Connects and waits for the session.
+inline void establish(TestClient &client, const FakeServer &server) {
+  const size_t before = client.count("connected");
+  ASSERT_TRUE(client.connect(server.host()));
+  ASSERT_TRUE(client.wait_for("connected", before + 1)) << client.all();
+}
+
+// Both have seen everything that was on its way: the server answers an IQ that the client sends.
+inline void exchange_all(TestClient &client) {
+  static std::atomic<int> number = 0;
+  const std::string name = "ping" + std::to_string(++number);
+  ASSERT_TRUE(client.track("<iq xmlns='jabber:client' type='get' to='grid.test'><ping xmlns='urn:xmpp:ping'/></iq>", name, 20));
+  ASSERT_TRUE(client.wait_for(name + ": result")) << client.all();
+}
+
+}  // namespace client_test
