@@ -26,7 +26,7 @@ struct Registries {
 // The lists are never destroyed: capabilities may be destroyed while the process ends.
 constinit Registries registries;
 
-// The setters take const records, as laid down; the records themselves never are.
+// The setters take const records; the records themselves never are.
 quillon_capability &changeable(const quillon_capability *capability) { return *const_cast<quillon_capability *>(capability); }
 
 void replace(quillon_string *&field, qlk::StringPtr fresh) {

@@ -109,7 +109,9 @@ class Grid:
         with self.locked(create=True):
             if self.is_server_running() and self.is_controller_running():
                 return False
-            self.stop_processes()
+            keeps_server = self.is_server_running() and port in (0, self.state["port"])  # its controller died: the clients need not notice
+            if not keeps_server:
+                self.stop_processes()
             self.set_domain(domain)
             if approval:
                 self.state["approval"] = approval
@@ -119,7 +121,8 @@ class Grid:
             prosody.program()
             self.make_certificates()
             try:
-                self.start_server(port)
+                if not keeps_server:
+                    self.start_server(port)
                 self.start_controller(program)
                 self.wait_until_ready()
             except BaseException:

@@ -62,6 +62,7 @@ TEST_F(GridConnectionTest, HostsAreTriedInTurnUntilTheLiveOne) {
 
 TEST_F(GridConnectionTest, OneConnectionsEndDoesNotDisturbAnother) {
   Client steady(*grid_, "steady"), publisher(*grid_, "steady-publisher");
+  quillon_config_set_send_timeout_seconds(steady.config, 2);
   publisher.serve();
   ASSERT_EQ(QUILLON_STATUS_OK, publisher.connect());
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_capability_publish(publisher.add_capability("Steady"), publisher.connection));

@@ -22,13 +22,17 @@ class TrafficTest : public testing::Test {
 };
 std::unique_ptr<test_support::LocalGrid> TrafficTest::grid_;
 
-// A connected publisher that serves.
-std::unique_ptr<Client> make_publisher(test_support::LocalGrid &grid, const std::string &user, const std::string &capability) {
+// A connected client that serves and has announced itself as a publisher. The library announces what is published to every grid that a
+// connection of the process joins, so the others of a test connect before.
+std::unique_ptr<Client> connect_server(test_support::LocalGrid &grid, const std::string &user) {
   auto client = std::make_unique<Client>(grid, user);
   client->serve();
-  EXPECT_EQ(QUILLON_STATUS_OK, quillon_capability_publish(client->add_capability(capability), client->connection));
   EXPECT_EQ(QUILLON_STATUS_OK, client->connect());
   return client;
+}
+
+void publish(Client &client, const std::string &capability) {
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_capability_publish(client.add_capability(capability), client.connection));
 }
 
 }  // namespace
@@ -68,10 +72,11 @@ TEST_F(TrafficTest, OnlyAPublisherMayPublish) {
 }
 
 TEST_F(TrafficTest, QueriesFindTheirPublisherAndFailOverWhenItGoes) {
-  auto first = make_publisher(*grid_, "query-first", "Query");
+  auto first = connect_server(*grid_, "query-first"), second = connect_server(*grid_, "query-second");
   Client asker(*grid_, "query-asker");
-  quillon_config_set_send_timeout_seconds(asker.config, 5);
+  quillon_config_set_send_timeout_seconds(asker.config, 3);
   ASSERT_EQ(QUILLON_STATUS_OK, asker.connect());
+  publish(*first, "Query");
   quillon_capability *capability = asker.add_capability("Query");
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_capability_subscribe(capability, asker.connection));
   EXPECT_EQ(1, publishers(capability));
@@ -80,7 +85,7 @@ TEST_F(TrafficTest, QueriesFindTheirPublisherAndFailOverWhenItGoes) {
     ASSERT_EQ(QUILLON_STATUS_OK, asker.ask(capability, std::to_string(i), reply));
     EXPECT_EQ("query-first: " + std::to_string(i), reply);
   }
-  auto second = make_publisher(*grid_, "query-second", "Query");
+  publish(*second, "Query");
   ASSERT_TRUE(eventually([&] { return publishers(capability) == 2; }));
   first.reset();
   ASSERT_EQ(QUILLON_STATUS_OK, asker.ask(capability, "who", reply));
@@ -120,9 +125,10 @@ TEST_F(TrafficTest, DynamicCapabilitiesRefreshTheirPublishers) {
 }
 
 TEST_F(TrafficTest, SixteenThreadsQueryThroughOneConnection) {
-  auto publisher = make_publisher(*grid_, "threads-publisher", "Threads");
+  auto publisher = connect_server(*grid_, "threads-publisher");
   Client asker(*grid_, "threads-asker");
   ASSERT_EQ(QUILLON_STATUS_OK, asker.connect());
+  publish(*publisher, "Threads");
   quillon_capability *capability = asker.add_capability("Threads");
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_capability_subscribe(capability, asker.connection));
   std::atomic<int> right{0};
@@ -151,7 +157,8 @@ TEST_F(TrafficTest, TheControllerListsWhatIsRegisteredAndTellsOfChanges) {
   wb_dom_node *response = nullptr;
   EXPECT_EQ(QUILLON_STATUS_NO_CONNECTION, quillon_connection_query_capabilities(watcher.connection, &response));
   ASSERT_EQ(QUILLON_STATUS_OK, watcher.connect());
-  const auto publisher = make_publisher(*grid_, "list-publisher", "Listed");
+  const auto publisher = connect_server(*grid_, "list-publisher");
+  publish(*publisher, "Listed");
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_connection_query_capabilities(watcher.connection, &response));
   char *xml = nullptr;
   ASSERT_TRUE(wb_serialize_xml(response, &xml, nullptr, nullptr));

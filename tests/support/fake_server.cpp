@@ -375,13 +375,13 @@ void FakeServer::Session::bind() {
   ++server_.established_;
   server_.flights_ = socket_.flights();
   send("<iq type='result' id='" + id + "'><bind xmlns='" + kBind + "'><jid>" + escape_xml(jid) + "</jid></bind></iq>");
-  act(Stage::established);
 }
 
 void FakeServer::Session::serve() {
-  for (;;) {
+  for (bool first = true;; first = false) {
     const Element stanza = next_stanza();
     server_.record(stanza);
+    if (first) act(Stage::established);
     on_stanza(stanza);
   }
 }

@@ -20,7 +20,7 @@
 
 namespace test_support {
 
-// Where the server is when it misbehaves: it does so instead of what it would say there.
+// Where the server is when it misbehaves: the fault takes the place of what it would say there.
 enum class Stage {
   head,         // the first stream head
   features,     // the features after it
@@ -28,7 +28,7 @@ enum class Stage {
   tls,          // the TLS handshake
   sasl,         // the answer to auth
   bind,         // the answer to the binding request
-  established,  // after that answer
+  established,  // whatever it does about the first stanza
 };
 
 struct Fault {
