@@ -501,7 +501,9 @@ TEST(ClientDestroy, FromAnotherThreadAtAnyTime) {
     client.loop().run([] {});
     EXPECT_EQ(records, client.records());
     EXPECT_EQ(0u, client.count("disconnected"));
-    if (client.count("connected") != 0) EXPECT_EQ("question: none", records.back()) << client.all();
+    if (client.count("connected") != 0) {
+      EXPECT_EQ("question: none", records.back()) << client.all();
+    }
   }
 }
 

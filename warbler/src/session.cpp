@@ -104,7 +104,8 @@ void Session::on_connected(int fd, const std::string &text) {
 }
 
 void Session::on_readable() {
-  if (state_ != State::established) link_->acknowledge_quickly();
+  // Servers hold a second small packet back until the first is acknowledged, and not everything that arrives is answered.
+  link_->acknowledge_quickly();
   heard_ = Clock::now();
   probed_ = false;
   if (state_ == State::tls) return on_handshake();
