@@ -644,8 +644,8 @@ QUILLON_API QUILLON_STATUS quillon_connection_notify(quillon_connection *connect
 /* Registers a handler for the notifications of that namespace, which may be empty, and name: as
  * quillon_notification_register_handler. */
 QUILLON_API QUILLON_STATUS quillon_connection_register_notification_handler(quillon_connection *connection, const char *ns,
-                                                                            const char *name,
-                                                                            quillon_notification_cb callback, void *arg);
+                                                                            const char *name, quillon_notification_cb callback,
+                                                                            void *arg);
 
 /* Registers the handler of the queries of that namespace, which may be empty, and name: as quillon_query_register_handler. */
 QUILLON_API QUILLON_STATUS quillon_connection_register_query_handler(quillon_connection *connection, const char *ns,
@@ -881,8 +881,8 @@ QUILLON_API QUILLON_STATUS quillon_notification_destroy(quillon_notification *no
  *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted, or the name is too long
  *          QUILLON_STATUS_WB_ERROR      the handler could not be stored */
 QUILLON_API QUILLON_STATUS quillon_notification_register_handler(quillon_notification *notification, const quillon_string *ns,
-                                                                 const quillon_string *name,
-                                                                 quillon_notification_cb callback, void *arg);
+                                                                 const quillon_string *name, quillon_notification_cb callback,
+                                                                 void *arg);
 
 /* Queues a received message, with a reference of its own to its context, for the dispatch thread. What comes neither from the
  * publish-subscribe service nor from the controller is dropped there. Never waits.

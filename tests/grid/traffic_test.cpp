@@ -22,8 +22,8 @@ class TrafficTest : public testing::Test {
 };
 std::unique_ptr<test_support::LocalGrid> TrafficTest::grid_;
 
-// A connected client that serves and has announced itself as a publisher. The library announces what is published to every grid that a
-// connection of the process joins, so the others of a test connect before.
+// A connected client that serves and has announced itself as a publisher. The library announces what is published to every grid
+// that a connection of the process joins, so the others of a test connect before.
 std::unique_ptr<Client> connect_server(test_support::LocalGrid &grid, const std::string &user) {
   auto client = std::make_unique<Client>(grid, user);
   client->serve();

@@ -68,6 +68,8 @@ std::string in_grid(const char *name, const std::string &content) {
 FakeServer::FakeServer(Options options) : options_(std::move(options)), tls_(make_context(options_)) {
   listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   require(listener_ >= 0, "no socket");
+  const int window = 16 * 1024;
+  if (options_.small_window) setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -303,7 +305,12 @@ void FakeServer::Session::secure() {
   if (!next_stanza().is("starttls", kTls)) throw Ended();
   act(Stage::proceed);
   send(std::string("<proceed xmlns='") + kTls + "'/>" + options.after_proceed);
-  act(Stage::tls);
+  if (options.faults.contains(Stage::tls)) {
+    // Only what comes after the client's hello counts as TLS.
+    std::string hello;
+    if (!socket_.read(hello)) throw Ended();
+    act(Stage::tls);
+  }
   stream_ = std::make_unique<XmlStream>();
   if (!socket_.start_tls(server_.tls_.get())) drain();
   const std::lock_guard lock(server_.mutex_);

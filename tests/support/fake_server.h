@@ -70,6 +70,8 @@ class FakeServer {
     bool closes_streams = true;       // answers the client's closing tag
     bool answers_pings = true;        // those that go to the server
 
+    bool small_window = false;  // a client that sends faster than the server reads soon has to wait
+
     // Answers grid requests as the grid's controller does, and takes them from everybody.
     bool acts_as_controller = false;
     std::string approval = "approved";

@@ -147,7 +147,11 @@ void TestClient::disconnect() {
   loop_.run([this] { wb_client_disconnect(client_, WB_ERR_NONE); });
 }
 
-void TestClient::destroy() { wb_client_destroy(client_.exchange(nullptr)); }
+void TestClient::destroy() {
+  // Until it is gone, the loop's callbacks may use it.
+  wb_client_destroy(client_);
+  client_ = nullptr;
+}
 
 bool TestClient::send(const std::string &xml, wb_err *err) { return wb_client_send_stanza(client_, parse_stanza(xml), err); }
 

@@ -65,7 +65,8 @@ TEST_P(HostParse, SplitsOrRefuses) {
   EXPECT_EQ(GetParam().host, endpoint.host);  // a refusal leaves both as they were
   EXPECT_EQ(GetParam().port, endpoint.port);
 }
-INSTANTIATE_TEST_SUITE_P(Forms, HostParse, testing::ValuesIn(kHostCases), [](const auto &c) { return std::string(c.param.name); });
+INSTANTIATE_TEST_SUITE_P(Forms, HostParse, testing::ValuesIn(kHostCases),
+                         [](const auto &c) { return std::string(c.param.name); });
 
 TEST_P(JidParse, SplitsOrRefuses) {
   wb::Jid jid;
@@ -84,7 +85,8 @@ TEST(Jid, ComparesAddressesAsServersFoldThem) {
 }
 
 TEST(Base64, ReadsWhatItWritesAndRefusesTheRest) {
-  for (const std::string &text : {std::string(), std::string("a"), std::string("ab"), std::string("abc"), std::string("\0\xff\n", 3)}) {
+  for (const std::string &text :
+       {std::string(), std::string("a"), std::string("ab"), std::string("abc"), std::string("\0\xff\n", 3)}) {
     std::string back = "before";
     EXPECT_TRUE(wb::decode_base64(wb::encode_base64(text), back));
     EXPECT_EQ(text, back);

@@ -365,7 +365,9 @@ TEST(ClientSending, ThreadsSendSideBySide) {
 }
 
 TEST(ClientSending, TheQueueIsBounded) {
-  FakeServer server(server_options());
+  FakeServer::Options options = server_options();
+  options.small_window = true;
+  FakeServer server(std::move(options));
   TestClient client(client_settings({{"max_queue_bytes", "65536"}}));
   ASSERT_NO_FATAL_FAILURE(establish(client, server));
   server.stop_reading();
@@ -410,8 +412,10 @@ TEST(ClientEndByApplication, WaitsBrieflyForTheServer) {
 
 // The closing tag comes after all that was sent before, however slowly the server reads.
 TEST(ClientEndByApplication, WritesWhatWaitsBeforeTheEnd) {
-  constexpr int kStanzas = 400;
-  FakeServer server(server_options());
+  constexpr int kStanzas = 120;
+  FakeServer::Options options = server_options();
+  options.small_window = true;
+  FakeServer server(std::move(options));
   TestClient client(client_settings());
   ASSERT_NO_FATAL_FAILURE(establish(client, server));
   server.stop_reading();

@@ -55,7 +55,8 @@ bool Channel::admit_locked(size_t bytes, wb_err *err) const {
   if (stanza_bytes_max_ != 0 && bytes > stanza_bytes_max_) {
     return WB_FAIL(err, WB_ERR_BAD_FORMAT, "the stanza is larger than the server accepts");
   }
-  if (bytes_.size() + backlog_ + bytes > queue_bytes_max_) return WB_FAIL(err, WB_ERR_NO_MEMORY, "too many bytes wait to be written");
+  if (bytes_.size() + backlog_ + bytes > queue_bytes_max_)
+    return WB_FAIL(err, WB_ERR_NO_MEMORY, "too many bytes wait to be written");
   return true;
 }
 
@@ -122,7 +123,8 @@ void Channel::set_backlog(size_t bytes) {
   backlog_ = bytes;
 }
 
-// The timer is touched only when the earliest deadline moves forward: with one time-out in use, once a time-out and not once a request.
+// The timer is touched only when the earliest deadline moves forward: with one time-out in use, once a time-out and not once a
+// request.
 void Channel::arm_expiry_locked() {
   if (iqs_.empty()) return;
   const auto next = iqs_.next_deadline();

@@ -1,4 +1,5 @@
-// The half of a client that any thread may use: stanzas to write and IQs that wait for an answer. It is open while a session is up.
+// The half of a client that any thread may use: stanzas to write and IQs that wait for an answer. It is open while a session is
+// up.
 #pragma once
 
 #include <warbler/dom.h>
@@ -18,7 +19,8 @@ class Channel {
 
   // On the loop. stanza_bytes_max is the server's limit, 0 for none.
   void open(std::string own_jid, size_t stanza_bytes_max, size_t queue_bytes_max);
-  // Refuses everything from here on and drops what waits; returns the IQs that will never be answered, for the caller to call back.
+  // Refuses everything from here on and drops what waits; returns the IQs that will never be answered, for the caller to call
+  // back.
   std::vector<TrackedIq> close();
 
   // Any thread; consume one reference of the stanza's context.

@@ -43,15 +43,17 @@ wb_dom_node *grid_child(const wb_dom_node *iq) {
 
 bool is_ping(const wb_dom_node *iq) {
   const wb_dom_node *child = wb_dom_get_first_child(iq);
-  return child != nullptr && std::strcmp(wb_dom_get_namespace_uri(child), ns::kPing) == 0 && std::strcmp(attribute(iq, "type"), "get") == 0;
+  return child != nullptr && std::strcmp(wb_dom_get_namespace_uri(child), ns::kPing) == 0 &&
+         std::strcmp(attribute(iq, "type"), "get") == 0;
 }
 
 }  // namespace
 
 ClientCore::ClientCore(wb_workq &queue)
     : queue_(queue),
-      events_{wb_event("clientConnected"),  wb_event("clientDisconnected"), wb_event("reconnectStatusChanged"), wb_event("presenceReceived"),
-              wb_event("messageReceived"), wb_event("iqReceived"),         wb_event("clientDestroyed")},
+      events_{wb_event("clientConnected"),  wb_event("clientDisconnected"), wb_event("reconnectStatusChanged"),
+              wb_event("presenceReceived"), wb_event("messageReceived"),    wb_event("iqReceived"),
+              wb_event("clientDestroyed")},
       channel_(queue.base(), gate_,
                [this] {
                  if (session_ != nullptr) session_->pump();
@@ -173,7 +175,8 @@ void ClientCore::answer_iq(wb_dom_node *iq) {
                wb_dom_set_attribute(reply, "to", wb_dom_get_attribute(iq, "from"), &err);
   if (built && !ping) {
     wb_dom_node *error = nullptr, *condition = nullptr;
-    built = wb_dom_element_create(context, "{jabber:client}error", &error, &err) && wb_dom_set_attribute(error, "type", "cancel", &err) &&
+    built = wb_dom_element_create(context, "{jabber:client}error", &error, &err) &&
+            wb_dom_set_attribute(error, "type", "cancel", &err) &&
             wb_dom_element_create(context, "{urn:ietf:params:xml:ns:xmpp-stanzas}service-unavailable", &condition, &err) &&
             wb_dom_add_child(error, condition, &err) && wb_dom_add_child(reply, error, &err);
   }

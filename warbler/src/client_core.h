@@ -57,7 +57,7 @@ class ClientCore final : public Session::Owner, public std::enable_shared_from_t
   Channel channel_;
   LoopEvent countdown_;
   bool counting_ = false;
-  bool wanted_ = false;  // the application has asked for a session and not for its end
+  bool wanted_ = false;    // the application has asked for a session and not for its end
   ClientOptions options_;  // of the last connect
   std::shared_ptr<Session> session_;
 };

@@ -50,12 +50,15 @@ bool read_client_options(wb_htable *table, ClientOptions &options, wb_err *err) 
   options.domain = domain;
   options.host_text = host;
   options.user_jid = user;
-  if (!parse_endpoint(host, options.endpoint)) return WB_FAIL(err, WB_ERR_BAD_FORMAT, "\"host\" is neither name, name:port nor an address");
+  if (!parse_endpoint(host, options.endpoint))
+    return WB_FAIL(err, WB_ERR_BAD_FORMAT, "\"host\" is neither name, name:port nor an address");
   Jid jid;
-  if (!parse_jid(options.user_jid, jid) || jid.local.empty()) return WB_FAIL(err, WB_ERR_BAD_FORMAT, "\"userjid\" is no user's JID");
+  if (!parse_jid(options.user_jid, jid) || jid.local.empty())
+    return WB_FAIL(err, WB_ERR_BAD_FORMAT, "\"userjid\" is no user's JID");
   options.resource = jid.resource;
   const char *type = text_of(table, "streamtype");
-  if (type != nullptr && std::strcmp(type, "socket") != 0) return WB_FAIL(err, WB_ERR_INVALID_ARG, "\"streamtype\" is not \"socket\"");
+  if (type != nullptr && std::strcmp(type, "socket") != 0)
+    return WB_FAIL(err, WB_ERR_INVALID_ARG, "\"streamtype\" is not \"socket\"");
   options.factory = static_cast<const wb_sasl_factory *>(wb_htable_get(table, "client_sasl_factory"));
   if (options.factory == nullptr || options.factory->mechs.empty()) {
     return WB_FAIL(err, WB_ERR_INVALID_ARG, "no mechanism under \"client_sasl_factory\"");

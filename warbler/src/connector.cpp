@@ -41,7 +41,8 @@ void tune_socket(int fd, unsigned idle_seconds) {
   set_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, 2 * idle * 1000);
 }
 
-Connector::Connector(event_base *base, std::shared_ptr<LoopGate> gate, AddressList addresses, Clock::time_point deadline, Done done)
+Connector::Connector(event_base *base, std::shared_ptr<LoopGate> gate, AddressList addresses, Clock::time_point deadline,
+                     Done done)
     : base_(base),
       gate_(std::move(gate)),
       addresses_(std::move(addresses)),

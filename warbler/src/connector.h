@@ -9,7 +9,8 @@ namespace wb {
 class Connector {
  public:
   using Clock = std::chrono::steady_clock;
-  // fd is a connected, non-blocking socket for the receiver, or -1 when no address answered; text tells the address, or what failed.
+  // fd is a connected, non-blocking socket for the receiver, or -1 when no address answered; text tells the address, or what
+  // failed.
   using Done = std::function<void(int fd, const std::string &text)>;
 
   // Each address gets its share of the time until the deadline. Begins with start.
@@ -40,8 +41,8 @@ class Connector {
   std::shared_ptr<LoopEvent> ready_;
 };
 
-// Sets what a socket of a long-lived session needs: no delay of small writes, and a vanished peer noticed by the kernel within about
-// idle_seconds of trying.
+// Sets what a socket of a long-lived session needs: no delay of small writes, and a vanished peer noticed by the kernel within
+// about idle_seconds of trying.
 void tune_socket(int fd, unsigned idle_seconds);
 
 }  // namespace wb

@@ -17,8 +17,8 @@ struct wb_event {
   void bind(wb_event_callback callback, void *arg);
   void unbind(wb_event_callback callback);
 
-  // Calls the bound functions in order, with no lock held. A function that was unbound since the dispatch began is not called any more, and
-  // the event itself may be destroyed by a function that it calls.
+  // Calls the bound functions in order, with no lock held. A function that was unbound since the dispatch began is not called any
+  // more, and the event itself may be destroyed by a function that it calls.
   void raise(void *source, void *data);
 
   const char *name() const { return name_; }

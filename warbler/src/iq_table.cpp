@@ -58,7 +58,9 @@ void IqTable::add(const std::string &id, std::string_view to, TrackedIq iq, std:
   parse_id(id, key);
   const Clock::duration duration = timeout;
   Queue &queue = queues_[duration.count()];
-  Entry &entry = entries_.try_emplace(key, Entry{iq, std::string(to), Clock::now() + duration, duration, key, queue.last, nullptr}).first->second;
+  Entry &entry =
+      entries_.try_emplace(key, Entry{iq, std::string(to), Clock::now() + duration, duration, key, queue.last, nullptr})
+          .first->second;
   (queue.last != nullptr ? queue.last->later : queue.first) = &entry;
   queue.last = &entry;
 }

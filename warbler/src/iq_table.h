@@ -29,7 +29,8 @@ class IqTable {
   // Throws std::bad_alloc, with the table as it was.
   void add(const std::string &id, std::string_view to, TrackedIq iq, std::chrono::seconds timeout);
 
-  // Takes out the IQ of that id if the answer comes from where the IQ went. own_jid is the session's, whose server may answer for it.
+  // Takes out the IQ of that id if the answer comes from where the IQ went. own_jid is the session's, whose server may answer for
+  // it.
   bool take(std::string_view id, std::string_view from, std::string_view own_jid, TrackedIq &iq);
 
   // Takes out those whose time is over, earliest first.

@@ -1,5 +1,5 @@
-// A connected socket, plain at first and TLS later, without waiting: bytes are buffered on both sides, so that many stanzas leave in one write and
-// many TLS records arrive in one read.
+// A connected socket, plain at first and TLS later, without waiting: bytes are buffered on both sides, so that many stanzas leave
+// in one write and many TLS records arrive in one read.
 #pragma once
 
 #include <openssl/ssl.h>
@@ -20,10 +20,10 @@ using SslPtr = std::unique_ptr<SSL, SslDeleter>;
 class Link {
  public:
   enum class Io {
-    done,     // all that was asked
-    again,    // the socket has to become ready first
-    closed,   // the peer has closed its side
-    failed    // the socket or TLS failed
+    done,    // all that was asked
+    again,   // the socket has to become ready first
+    closed,  // the peer has closed its side
+    failed   // the socket or TLS failed
   };
 
   // Takes over a connected, non-blocking socket.
@@ -35,7 +35,8 @@ class Link {
   int fd() const { return fd_; }
   SSL *ssl() const { return ssl_.get(); }
 
-  // From here on bytes are TLS; what the peer sent before and was not read is thrown away. Takes over a client connection without a socket.
+  // From here on bytes are TLS; what the peer sent before and was not read is thrown away. Takes over a client connection without
+  // a socket.
   bool start_tls(SslPtr ssl);
   // Goes on with the handshake: done when it is complete. Call flush whatever it returns.
   Io handshake();

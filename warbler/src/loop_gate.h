@@ -1,8 +1,9 @@
 // The gate between the loop and an object that any thread may destroy.
 //
-// Everything that the loop does for a client passes the client's gate. Closing the gate waits for a pass under way on another thread and lets none
-// begin afterwards, so the objects behind it can then be freed; a pass that closes the gate itself goes on to its end. Objects that a pass
-// wants gone while their own functions are still on the stack are buried, and freed when the outermost pass ends.
+// Everything that the loop does for a client passes the client's gate. Closing the gate waits for a pass under way on another
+// thread and lets none begin afterwards, so the objects behind it can then be freed; a pass that closes the gate itself goes on
+// to its end. Objects that a pass wants gone while their own functions are still on the stack are buried, and freed when the
+// outermost pass ends.
 #pragma once
 
 #include <event2/event.h>
@@ -45,8 +46,8 @@ class LoopGate {
   std::vector<std::shared_ptr<void>> buried_;
 };
 
-// A libevent event whose function runs within a pass. Freeing it on another thread than the loop's waits for a call under way, so it must then
-// be done with the gate closed and not from within a pass.
+// A libevent event whose function runs within a pass. Freeing it on another thread than the loop's waits for a call under way, so
+// it must then be done with the gate closed and not from within a pass.
 class LoopEvent {
  public:
   using Function = std::function<void(short what)>;

@@ -95,4 +95,6 @@ bool wb_sasl_factory_add_mech(wb_sasl_factory *factory, wb_sasl_mech *mech, wb_e
 
 void wb_sasl_factory_destroy(wb_sasl_factory *factory) { delete factory; }
 
-void wb_sasl_factory_htable_cleaner(bool, bool, void *, void *value) { wb_sasl_factory_destroy(static_cast<wb_sasl_factory *>(value)); }
+void wb_sasl_factory_htable_cleaner(bool, bool, void *, void *value) {
+  wb_sasl_factory_destroy(static_cast<wb_sasl_factory *>(value));
+}

@@ -50,7 +50,8 @@ class SaslExchange {
   bool step(const char *challenge_base64, SaslOutput &out, wb_err *err);
 
  private:
-  static void complete(wb_sasl_mech_instance *instance, uint8_t *out, size_t length, bool needs_base64, bool done, wb_sasl_error error);
+  static void complete(wb_sasl_mech_instance *instance, uint8_t *out, size_t length, bool needs_base64, bool done,
+                       wb_sasl_error error);
   bool finish(bool evaluated, SaslOutput &out, wb_err *err);
 
   const wb_sasl_mech &mech_;

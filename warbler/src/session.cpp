@@ -11,8 +11,8 @@ namespace wb {
 namespace {
 
 constexpr size_t kReadBytes = 16 * 1024;
-constexpr unsigned kReadsPerPass = 16;       // then others have their turn
-constexpr size_t kWriteBytes = 256 * 1024;   // given to the link at a time
+constexpr unsigned kReadsPerPass = 16;      // then others have their turn
+constexpr size_t kWriteBytes = 256 * 1024;  // given to the link at a time
 constexpr std::chrono::seconds kClosingTime{2};
 
 std::chrono::milliseconds until(std::chrono::steady_clock::time_point when) {
@@ -97,7 +97,8 @@ void Session::on_connected(int fd, const std::string &text) {
   wb_log(WB_LOG_VERBOSE, "connected to %s", text.c_str());
   link_ = std::make_unique<Link>(fd);
   tune_socket(fd, static_cast<unsigned>(options_.idle_probe.count()));
-  readable_ = std::make_shared<LoopEvent>(queue_.base(), fd, EV_READ | EV_PERSIST, gate_, [this](short) { run([this] { on_readable(); }); });
+  readable_ = std::make_shared<LoopEvent>(queue_.base(), fd, EV_READ | EV_PERSIST, gate_,
+                                          [this](short) { run([this] { on_readable(); }); });
   writable_ = std::make_shared<LoopEvent>(queue_.base(), fd, EV_WRITE, gate_, [this](short) { run([this] { pump(); }); });
   readable_->add();
   begin_opening();
@@ -151,8 +152,13 @@ void Session::on_parse_error(StreamError error) {
 
 void Session::write(std::string_view bytes) {
   if (link_ == nullptr || has_ended()) return;
-  link_->write(bytes);
   spoken_ = Clock::now();
+  // What the link has not been given yet goes first: the cut may lie inside a stanza.
+  if (sent_ < sending_.size()) {
+    sending_.append(bytes);
+    return;
+  }
+  link_->write(bytes);
 }
 
 void Session::pump() {
@@ -206,6 +212,10 @@ void Session::close(wb_errcode reason) {
   if (state_ != State::established) return end(reason, "disconnected while connecting");
   pump();
   if (has_ended()) return;
+  // Whatever the socket does not take now still goes before the closing tag.
+  std::string rest;
+  owner_.take_outgoing(rest);
+  write(rest);
   state_ = State::closing;
   wb_log(WB_LOG_VERBOSE, "closing the stream: %s", wb_err_message(reason));
   write("</stream:stream>");
@@ -229,7 +239,9 @@ void Session::abandon() {
 
 void Session::end(wb_errcode code, const std::string &reason, wb_dom_node *error) {
   if (has_ended()) return;
-  const wb_log_level level = code == WB_ERR_NONE ? WB_LOG_VERBOSE : code == WB_ERR_TLS || code == WB_ERR_NOT_AUTHORIZED ? WB_LOG_ERROR : WB_LOG_WARN;
+  const wb_log_level level = code == WB_ERR_NONE                                   ? WB_LOG_VERBOSE
+                             : code == WB_ERR_TLS || code == WB_ERR_NOT_AUTHORIZED ? WB_LOG_ERROR
+                                                                                   : WB_LOG_WARN;
   wb_log(level, "session with %s ended while %s: %s", options_.host_text.c_str(), state_name(), reason.c_str());
   abandon();
   owner_.on_session_end(code, error);
@@ -250,8 +262,9 @@ void Session::drop_link() {
 
 void Session::arm_timer() {
   const auto idle = options_.idle_probe / 2;
-  timer_.add(state_ == State::established ? std::chrono::duration_cast<std::chrono::milliseconds>(idle) + std::chrono::milliseconds(1)
-                                          : until(deadline_));
+  timer_.add(state_ == State::established
+                 ? std::chrono::duration_cast<std::chrono::milliseconds>(idle) + std::chrono::milliseconds(1)
+                 : until(deadline_));
 }
 
 void Session::on_timer() {
@@ -278,8 +291,9 @@ void Session::on_idle() {
 }
 
 const char *Session::state_name() const {
-  static constexpr const char *kNames[] = {"resolving",      "connecting", "opening",     "in the TLS handshake", "asking whether to accept TLS",
-                                           "authenticating", "binding",    "established", "closing",              "ended"};
+  static constexpr const char *kNames[] = {
+      "resolving",   "connecting", "opening", "in the TLS handshake", "asking whether to accept TLS", "authenticating", "binding",
+      "established", "closing",    "ended"};
   return kNames[static_cast<size_t>(state_)];
 }
 

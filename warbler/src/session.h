@@ -2,9 +2,9 @@
 //
 //   resolving -> connecting -> opening -> tls -> [tls_accept] -> authenticating -> binding -> established -> closing -> ended
 //
-// opening, authenticating and binding each begin with a stream head. What does not depend on the server's features goes out together with the
-// head: the wish for TLS, the authentication, the binding. That makes four round trips after TCP. A server that answers this with a
-// stream error is asked again on a fresh socket, one step at a time.
+// opening, authenticating and binding each begin with a stream head. What does not depend on the server's features goes out
+// together with the head: the wish for TLS, the authentication, the binding. That makes four round trips after TCP. A server that
+// answers this with a stream error is asked again on a fresh socket, one step at a time.
 #pragma once
 
 #include <memory>
@@ -117,10 +117,10 @@ class Session final : private StreamParser::Handler {
   Endpoint endpoint_;  // where to dial: the configured one, or where the server sent us
   unsigned redirects_ = 0;
   bool step_by_step_ = false;
-  bool features_seen_ = false;   // of the stream that is open
-  bool request_sent_ = false;    // what follows the features went out with the head already
+  bool features_seen_ = false;  // of the stream that is open
+  bool request_sent_ = false;   // what follows the features went out with the head already
   size_t stanza_bytes_max_ = 0;
-  Clock::time_point deadline_;   // of connecting, then of closing
+  Clock::time_point deadline_;  // of connecting, then of closing
   Clock::time_point heard_, spoken_;
   bool probed_ = false;
 
@@ -134,7 +134,7 @@ class Session final : private StreamParser::Handler {
   size_t mechanism_ = 0;              // the one in use, by its place in the factory
   std::vector<std::string> offered_;  // the server's mechanisms
   wb_tls_session tls_session_{};
-  std::string sending_;   // taken from the owner, not yet given to the link
+  std::string sending_;  // taken from the owner, not yet given to the link
   size_t sent_ = 0;
 };
 

@@ -76,7 +76,11 @@ void Session::open_stream(std::string_view with) {
   head.append(escaped(options_.domain));
   // The address is a secret until TLS is up.
   if (link_->ssl() != nullptr) head.append("' from='").append(escaped(bare_jid(options_.user_jid)));
-  head.append("' version='1.0' xml:lang='en' xmlns='").append(ns::kClient).append("' xmlns:stream='").append(ns::kStreams).append("'>");
+  head.append("' version='1.0' xml:lang='en' xmlns='")
+      .append(ns::kClient)
+      .append("' xmlns:stream='")
+      .append(ns::kStreams)
+      .append("'>");
   parser_.reset();
   features_seen_ = false;
   request_sent_ = !with.empty();
@@ -260,7 +264,8 @@ void Session::on_sasl_failure(wb_dom_node *failure) {
   const std::string condition = condition_of(failure);
   if (!is_offered(mechanism_) && authenticate_with_offered(0)) return;
   std::string reason = "the server refused to authenticate us: " + condition;
-  if (const std::string_view text = text_of(find_child(failure, ns::kSasl, "text")); !text.empty()) reason.append(" (").append(text).append(")");
+  if (const std::string_view text = text_of(find_child(failure, ns::kSasl, "text")); !text.empty())
+    reason.append(" (").append(text).append(")");
   end(WB_ERR_NOT_AUTHORIZED, reason);
 }
 
@@ -297,7 +302,8 @@ void Session::on_bind_features(wb_dom_node *features) {
 void Session::on_binding(wb_dom_node *stanza) {
   if (is_named(stanza, ns::kStreams, "features")) return on_bind_features(stanza);
   const char *id = wb_dom_get_attribute(stanza, "id");
-  if (!is_named(stanza, ns::kClient, "iq") || !features_seen_) return protocol_error("the server sent something else than the bound address");
+  if (!is_named(stanza, ns::kClient, "iq") || !features_seen_)
+    return protocol_error("the server sent something else than the bound address");
   if (id != nullptr && kBindId == id) on_bound(stanza);
 }
 
@@ -305,12 +311,14 @@ void Session::on_bound(wb_dom_node *iq) {
   const char *type = wb_dom_get_attribute(iq, "type");
   if (type == nullptr || std::strcmp(type, "result") != 0) {
     const wb_dom_node *error = find_child(iq, ns::kClient, "error");
-    return end(WB_ERR_PROTOCOL, "the server refused to bind the resource: " + (error != nullptr ? condition_of(error) : std::string("no reason")));
+    return end(WB_ERR_PROTOCOL,
+               "the server refused to bind the resource: " + (error != nullptr ? condition_of(error) : std::string("no reason")));
   }
   const std::string jid(text_of(find_child(find_child(iq, ns::kBind, "bind"), ns::kBind, "jid")));
   Jid parts;
   if (!parse_jid(jid, parts) || parts.resource.empty()) return protocol_error("the server bound no address");
-  const bool as_asked = options_.resource.empty() ? jid_equal(bare_jid(jid), options_.user_jid) : jid_equal(jid, options_.user_jid);
+  const bool as_asked =
+      options_.resource.empty() ? jid_equal(bare_jid(jid), options_.user_jid) : jid_equal(jid, options_.user_jid);
   if (!as_asked) return end(WB_ERR_PROTOCOL, "the server bound another address than ours: " + jid);
   state_ = State::established;
   heard_ = spoken_ = Clock::now();
@@ -348,8 +356,9 @@ bool Session::redirect(wb_dom_node *error) {
 
 // Some servers take what came together for a mistake.
 bool Session::retry_step_by_step(wb_dom_node *error) {
-  static constexpr std::string_view kMistakes[] = {"bad-format",          "invalid-xml",          "not-well-formed",      "restricted-xml",
-                                                   "undefined-condition", "unsupported-encoding", "unsupported-stanza-type"};
+  static constexpr std::string_view kMistakes[] = {
+      "bad-format",          "invalid-xml",          "not-well-formed",        "restricted-xml",
+      "undefined-condition", "unsupported-encoding", "unsupported-stanza-type"};
   const std::string condition = condition_of(error);
   if (step_by_step_ || std::find(std::begin(kMistakes), std::end(kMistakes), condition) == std::end(kMistakes)) return false;
   wb_log(WB_LOG_INFO, "the server answered with %s; asking again one step at a time", condition.c_str());

@@ -30,7 +30,8 @@ bool bears_name(X509 *certificate, const std::string &name) {
 // Runs inside the handshake, so that a server under another name is refused before it has seen our certificate.
 int check_name(int verified, X509_STORE_CTX *store) {
   const auto *ssl = static_cast<const SSL *>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
-  if (const auto before = SSL_CTX_get_verify_callback(SSL_get_SSL_CTX(ssl)); before != nullptr) verified = before(verified, store);
+  if (const auto before = SSL_CTX_get_verify_callback(SSL_get_SSL_CTX(ssl)); before != nullptr)
+    verified = before(verified, store);
   if (verified != 1 || X509_STORE_CTX_get_error_depth(store) != 0) return verified;
   const auto *names = static_cast<const ExpectedNames *>(SSL_get_ex_data(ssl, names_index()));
   X509 *certificate = X509_STORE_CTX_get_current_cert(store);

@@ -29,8 +29,9 @@ struct ExpectedNames {
   std::string host;    // the name or address that was dialled
 };
 
-// A connection of a context of its own that the hook has prepared: TLS 1.2 or newer; with peer verification on, the certificate has to bear an
-// expected name, unless the context expects names of its own. names must outlive the connection. NULL with error set when OpenSSL refuses.
+// A connection of a context of its own that the hook has prepared: TLS 1.2 or newer; with peer verification on, the certificate
+// has to bear an expected name, unless the context expects names of its own. names must outlive the connection. NULL with error
+// set when OpenSSL refuses.
 SslPtr make_tls(const TlsHooks &hooks, const ExpectedNames &names, std::string &error);
 
 // True when the context that the connection was made of verifies the peer.

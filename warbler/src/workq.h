@@ -33,7 +33,7 @@ struct wb_workq {
   event_base *const base_;
   event *wakeup_;
   std::mutex mutex_;
-  std::vector<Item> items_;     // under mutex_
-  bool woken_ = false;          // under mutex_: a wake-up is on its way, another would be one too many
-  std::vector<Item> running_;   // the loop's: swapped with items_, so that both keep their memory
+  std::vector<Item> items_;    // under mutex_
+  bool woken_ = false;         // under mutex_: a wake-up is on its way, another would be one too many
+  std::vector<Item> running_;  // the loop's: swapped with items_, so that both keep their memory
 };

@@ -1,18 +1,20 @@
 /* The XMPP client: one session with one server, over TCP and STARTTLS, authenticated by SASL.
  *
- * Threads. Socket, TLS, parsing, events and callbacks run on the thread that dispatches the event base ("selector"), called the loop.
- * wb_client_connect, wb_client_send_stanza and wb_client_track_iq may be called on any thread.
+ * Threads. Socket, TLS, parsing, events and callbacks run on the thread that dispatches the event base ("selector"), called the
+ * loop. wb_client_connect, wb_client_send_stanza and wb_client_track_iq may be called on any thread.
  *
- * Ownership. wb_client_send_stanza and wb_client_track_iq consume one reference of the stanza's context, whether they succeed or fail. A
- * received stanza belongs to the client for the length of the event or callback; who wants it longer retains its context.
+ * Ownership. wb_client_send_stanza and wb_client_track_iq consume one reference of the stanza's context, whether they succeed or
+ * fail. A received stanza belongs to the client for the length of the event or callback; who wants it longer retains its context.
  *
  * Events (wb_client_event), all raised on the loop:
  *   "clientConnected"         the session is up: bound and ready for stanzas; data is the full JID in force (const char *)
- *   "clientDisconnected"      the session or the attempt has ended, exactly once for each connect; data is the stream error element
- *                             (wb_dom_node *) or NULL; every tracked IQ has been called back before
- *   "reconnectStatusChanged"  the countdown of "client_reconnect_countdown" began, ended or was cancelled: wb_client_reconnect_get_status
- *   "presenceReceived", "messageReceived", "iqReceived"   data is the stanza (wb_dom_node *); an IQ is reported when it is a get or set
- *                             with an element child named "grid", anything else the client answers itself
+ *   "clientDisconnected"      the session or the attempt has ended, exactly once for each connect; data is the stream error
+ *                             element (wb_dom_node *) or NULL; every tracked IQ has been called back before
+ *   "reconnectStatusChanged"  the countdown of "client_reconnect_countdown" began, ended or was cancelled; read it with
+ *                             wb_client_reconnect_get_status
+ *   "presenceReceived", "messageReceived", "iqReceived"
+ *                             data is the stanza (wb_dom_node *); an IQ is reported when it is a get or set with an element
+ *                             child named "grid", anything else the client answers itself
  *   "clientDestroyed"         wb_client_destroy has begun; raised on the thread that calls it
  *
  * Configuration table of wb_client_connect; keys compare without regard to case, texts are zero-terminated:
@@ -29,7 +31,8 @@
  *   "max_stanza_bytes" (4194304), "max_depth" (256), "max_attributes" (256)   limits of what is received
  *   "max_queue_bytes" (67108864)      bytes that may wait to be written before a send is refused
  *   "connect_timeout_seconds" (45)    name resolution, TCP, TLS, SASL and binding together
- *   "idle_probe_seconds" (60)         a link that was silent for so long is probed; after as long again without an answer it is ended */
+ *   "idle_probe_seconds" (60)         a link that was silent for so long is probed; after as long again without an answer it
+ *                                     is ended */
 #ifndef WARBLER_CLIENT_H
 #define WARBLER_CLIENT_H
 
@@ -57,36 +60,41 @@ typedef enum wb_reconnect_status {
  * The caller destroys *out. */
 WB_API bool wb_client_create(wb_workq *queue, wb_client **out, wb_err *err);
 
-/* Drops the session, if there is one, without a closing handshake and without "clientDisconnected"; tracked IQs are called back with NULL.
- * Waits for a callback of this client that is under way on the loop, unless it is called from one; afterwards none runs. Any thread. NULL is
- * harmless. */
+/* Drops the session, if there is one, without a closing handshake and without "clientDisconnected"; tracked IQs are called back
+ * with NULL. Waits for a callback of this client that is under way on the loop, unless it is called from one; afterwards none
+ * runs. Any thread. NULL is harmless. */
 WB_API void wb_client_destroy(wb_client *client);
 
-/* Checks the configuration and starts to connect on the loop; the outcome comes as an event. The table must live until the attempt has
- * ended, because mechanisms and hooks read it. A client that is connected or half connected drops its old session first.
- * Never blocks. Fails with WB_ERR_INVALID_ARG (NULL, or a key that is missing), WB_ERR_BAD_FORMAT (host, JID or number) or WB_ERR_NO_MEMORY;
- * nothing has begun then and no event follows. */
+/* Checks the configuration and starts to connect on the loop; the outcome comes as an event. The table must live until the
+ * attempt has ended, because mechanisms and hooks read it. A client that is connected or half connected drops its old session
+ * first. Never blocks. Fails with WB_ERR_INVALID_ARG (NULL, or a key that is missing), WB_ERR_BAD_FORMAT (host, JID or number) or
+ * WB_ERR_NO_MEMORY; nothing has begun then and no event follows. */
 WB_API bool wb_client_connect(wb_client *client, wb_htable *config, wb_err *err);
 
-/* Ends the session: writes what waits, closes the stream, waits briefly for the server's closing tag, and raises "clientDisconnected". reason is
- * logged; WB_ERR_NONE is an ordinary end. On the loop. On a client without a session it only cancels a reconnect countdown. */
+/* Ends the session: writes what waits, closes the stream, waits briefly for the server's closing tag, and raises
+ * "clientDisconnected". reason is logged; WB_ERR_NONE is an ordinary end. On the loop. On a client without a session it only
+ * cancels a reconnect countdown. */
 WB_API void wb_client_disconnect(wb_client *client, wb_errcode reason);
 
-/* Sends a stanza. It is written in the next pass of the loop, with all others of that pass; success means that it will be written if the
- * session lives. Any thread; never blocks. Fails with WB_ERR_INVALID_STATE (no session), WB_ERR_BAD_FORMAT (text that is no XML, or over
- * the limit that the server announced), WB_ERR_NO_MEMORY (more than max_queue_bytes wait). Consumes one reference of the context. */
+/* Sends a stanza. It is written in the next pass of the loop, with all others of that pass; success means that it will be written
+ * if the session lives. Any thread; never blocks. Fails with WB_ERR_INVALID_STATE (no session), WB_ERR_BAD_FORMAT (text that is
+ * no XML, or over the limit that the server announced), WB_ERR_NO_MEMORY (more than max_queue_bytes wait). Consumes one reference
+ * of the context. */
 WB_API bool wb_client_send_stanza(wb_client *client, wb_dom_node *stanza, wb_err *err);
 
-/* Receives the answer of a tracked IQ, a result or an error; NULL: none came in time, or the session ended. Called exactly once. */
+/* Receives the answer of a tracked IQ, a result or an error; NULL: none came in time, or the session ended. Called exactly once.
+ */
 typedef void (*wb_client_iq_callback)(wb_dom_node *result, void *arg);
 
-/* Sends an IQ of type get or set under a fresh id, which replaces its attribute id, and calls back on the loop with the answer of that id that
- * comes from the address it was sent to. Any thread; never blocks. Fails as wb_client_send_stanza does; the callback is not called then.
- * A time-out of 0 calls back with NULL in the next pass of the loop. Consumes one reference of the context. */
+/* Sends an IQ of type get or set under a fresh id, which replaces its attribute id, and calls back on the loop with the answer of
+ * that id that comes from the address it was sent to. Any thread; never blocks. Fails as wb_client_send_stanza does; the callback
+ * is not called then. A time-out of 0 calls back with NULL in the next pass of the loop. Consumes one reference of the context.
+ */
 WB_API bool wb_client_track_iq(wb_client *client, wb_dom_node *iq, wb_client_iq_callback callback, void *arg,
                                unsigned timeout_seconds, wb_err *err);
 
-/* Reads a "reconnectStatusChanged" event; timeout (seconds, may be NULL) is the countdown of WB_RECONNECT_PENDING. False for another event. */
+/* Reads a "reconnectStatusChanged" event; timeout (seconds, may be NULL) is the countdown of WB_RECONNECT_PENDING. False for
+ * another event. */
 WB_API bool wb_client_reconnect_get_status(const wb_event_data *event, wb_reconnect_status *status, unsigned *timeout);
 
 /* The event of that name, which lives as long as the client; NULL for a name that the client does not raise. Any thread. */

@@ -12,7 +12,8 @@ extern "C" {
 /* Allocates size bytes; the caller frees them with wb_data_free (or free). NULL when memory is exhausted. */
 WB_API void *wb_data_malloc(size_t size);
 
-/* Copies a zero-terminated text; the caller frees the copy with wb_data_free (or free). NULL for NULL or when memory is exhausted. */
+/* Copies a zero-terminated text; the caller frees the copy with wb_data_free (or free). NULL for NULL or when memory is
+ * exhausted. */
 WB_API char *wb_data_strdup(const char *text);
 
 /* Frees what the two functions above returned; NULL is harmless. */

@@ -1,12 +1,12 @@
 /* XML trees. Every node lives in a context, an arena that owns it: creating a node is a step of a pointer, and the last
  * wb_dom_context_destroy frees the arena's chunks without looking at a node.
  *
- * Names are expanded names: "{namespace}local", with "{}local" for a name without a namespace. "local" alone means the same as "{}local",
- * and "namespace|local" the same as "{namespace}local". The library hands names out in the braced form.
+ * Names are expanded names: "{namespace}local", with "{}local" for a name without a namespace. "local" alone means the same as
+ * "{}local", and "namespace|local" the same as "{namespace}local". The library hands names out in the braced form.
  *
  * A context and its nodes are used by one thread at a time; only the reference count may be changed by several. Pointers that
- * these functions return live as long as the context, unless a comment says otherwise. No algorithm here recurses, so the depth of
- * a tree is bounded by memory alone. */
+ * these functions return live as long as the context, unless a comment says otherwise. No algorithm here recurses, so the depth
+ * of a tree is bounded by memory alone. */
 #ifndef WARBLER_DOM_H
 #define WARBLER_DOM_H
 
@@ -57,8 +57,8 @@ WB_API bool wb_dom_set_attribute(wb_dom_node *element, const char *name, const c
 WB_API const char *wb_dom_get_attribute(const wb_dom_node *element, const char *name);
 
 /* Declares a namespace prefix on the element ("": the default namespace), replacing an earlier declaration of that prefix on it.
- * Fails with WB_ERR_INVALID_ARG (a NULL argument, a text node, an empty URI for a prefix, a default namespace on an element that has none),
- * WB_ERR_BAD_FORMAT (no prefix, or one that XML reserves) or WB_ERR_NO_MEMORY. */
+ * Fails with WB_ERR_INVALID_ARG (a NULL argument, a text node, an empty URI for a prefix, a default namespace on an element that
+ * has none), WB_ERR_BAD_FORMAT (no prefix, or one that XML reserves) or WB_ERR_NO_MEMORY. */
 WB_API bool wb_dom_put_namespace(wb_dom_node *element, const char *prefix, const char *uri, wb_err *err);
 
 /* Copies the node into the context, with all below it when deep is true, else with its attributes and declarations only.
@@ -89,8 +89,8 @@ WB_API const char *wb_dom_get_first_text(const wb_dom_node *element);
 WB_API const char *wb_dom_get_value(const wb_dom_node *text);
 
 /* Writes the node and all below it as XML without a declaration. *xml is zero-terminated and the caller's to free();
- * *length, which may be NULL, is its length. Fails with WB_ERR_INVALID_ARG, WB_ERR_BAD_FORMAT (a text or value that is not UTF-8 or
- * holds a character that XML does not know) or WB_ERR_NO_MEMORY; *xml is then NULL. */
+ * *length, which may be NULL, is its length. Fails with WB_ERR_INVALID_ARG, WB_ERR_BAD_FORMAT (a text or value that is not UTF-8
+ * or holds a character that XML does not know) or WB_ERR_NO_MEMORY; *xml is then NULL. */
 WB_API bool wb_serialize_xml(const wb_dom_node *node, char **xml, size_t *length, wb_err *err);
 
 /* Reads one whole document into a context of its own; the caller owns that context's one reference, wb_dom_get_context(*root).

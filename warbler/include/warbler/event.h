@@ -25,7 +25,8 @@ typedef void (*wb_event_callback)(wb_event_data *event, void *arg);
  * Binding during a dispatch takes effect with the next one. Any thread. Fails with WB_ERR_INVALID_ARG or WB_ERR_NO_MEMORY. */
 WB_API bool wb_event_bind(wb_event *event, wb_event_callback callback, void *arg, wb_err *err);
 
-/* Unbinds every binding of the function; one that was not bound is harmless. Any thread. It does not wait for a call that is under way. */
+/* Unbinds every binding of the function; one that was not bound is harmless. Any thread. It does not wait for a call that is
+ * under way. */
 WB_API void wb_event_unbind(wb_event *event, wb_event_callback callback);
 
 #ifdef __cplusplus

@@ -25,9 +25,9 @@ typedef bool (*wb_htable_walkfunc)(wb_htable *table, const void *key, void *valu
  * Fails with WB_ERR_INVALID_ARG for a NULL function or out, or WB_ERR_NO_MEMORY. The caller destroys *out. */
 WB_API bool wb_htable_create(unsigned buckets, wb_htable_hashfunc hash, wb_htable_cmpfunc compare, wb_htable **out, wb_err *err);
 
-/* Inserts or replaces. The table keeps the two pointers; the cleaner (NULL: none) runs for them when they leave. Over an existing key the
- * entry's cleaner gets the old key and the old value, and the table holds the new ones.
- * Fails with WB_ERR_INVALID_ARG (NULL table) or WB_ERR_NO_MEMORY; the table is then as before and the pointers are the caller's. */
+/* Inserts or replaces. The table keeps the two pointers; the cleaner (NULL: none) runs for them when they leave. Over an existing
+ * key the entry's cleaner gets the old key and the old value, and the table holds the new ones. Fails with WB_ERR_INVALID_ARG
+ * (NULL table) or WB_ERR_NO_MEMORY; the table is then as before and the pointers are the caller's. */
 WB_API bool wb_htable_put(wb_htable *table, const void *key, void *value, wb_htable_cleaner cleaner, wb_err *err);
 
 /* The value stored under the key, or NULL. */

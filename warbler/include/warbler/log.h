@@ -31,11 +31,12 @@ typedef int (*wb_log_function)(FILE *stream, const char *format, va_list args);
 /* Logs one record. A level that does not pass costs a call, one load and one branch. Any thread. */
 WB_API void wb_log(wb_log_level level, const char *format, ...) WB_PRINTF(2, 3);
 
-/* Logs an error record under a caption, as "caption: message (function, file:line)". NULL err logs the caption alone. Any thread. */
+/* Logs an error record under a caption, as "caption: message (function, file:line)". NULL err logs the caption alone. Any thread.
+ */
 WB_API void wb_log_err(wb_log_level level, const wb_err *err, const char *caption);
 
-/* Logs the formatted text, one blank, and the node serialised as XML; a NULL node, or one that cannot be serialised, adds nothing.
- * Any thread that may read the node. */
+/* Logs the formatted text, one blank, and the node serialised as XML; a NULL node, or one that cannot be serialised, adds
+ * nothing. Any thread that may read the node. */
 WB_API void wb_log_dom(wb_log_level level, const wb_dom_node *node, const char *format, ...) WB_PRINTF(3, 4);
 
 /* Installs the function that receives the records; NULL restores vfprintf. Set it before other threads log. */

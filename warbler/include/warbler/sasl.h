@@ -29,12 +29,14 @@ typedef enum wb_sasl_error {
   WB_SASL_ERR_USER
 } wb_sasl_error;
 
-/* Called once by each start or step with its output. The client takes over out, which came from wb_data_malloc or wb_data_strdup (NULL: no
- * output); needs_base64 tells that out is raw; done tells that the mechanism expects nothing more than the server's success. */
+/* Called once by each start or step with its output. The client takes over out, which came from wb_data_malloc or wb_data_strdup
+ * (NULL: no output); needs_base64 tells that out is raw; done tells that the mechanism expects nothing more than the server's
+ * success. */
 typedef void (*wb_sasl_complete)(wb_sasl_mech_instance *instance, uint8_t *out, size_t length, bool needs_base64, bool done,
                                  wb_sasl_error error);
 
-/* What a mechanism does; all run on the event loop. clean and evaluate_step may be NULL: nothing to clean, no challenge is answered. */
+/* What a mechanism does; all run on the event loop. clean and evaluate_step may be NULL: nothing to clean, no challenge is
+ * answered. */
 typedef struct wb_sasl_mech_functions {
   /* Begins an exchange; config is the table given to wb_client_connect. */
   bool (*init)(wb_sasl_mech_instance *instance, wb_htable *config, wb_err *err);
@@ -46,8 +48,8 @@ typedef struct wb_sasl_mech_functions {
   bool (*evaluate_step)(wb_sasl_mech_instance *instance, uint8_t *in, size_t length, wb_sasl_complete complete, wb_err *err);
 } wb_sasl_mech_functions;
 
-/* Describes a mechanism; name and functions are copied. Fails with WB_ERR_INVALID_ARG (NULL argument, empty name, no init or evaluate_start)
- * or WB_ERR_NO_MEMORY. The caller owns *out until a factory takes it. */
+/* Describes a mechanism; name and functions are copied. Fails with WB_ERR_INVALID_ARG (NULL argument, empty name, no init or
+ * evaluate_start) or WB_ERR_NO_MEMORY. The caller owns *out until a factory takes it. */
 WB_API bool wb_sasl_mech_create(const char *name, const wb_sasl_mech_functions *functions, wb_sasl_mech **out, wb_err *err);
 
 /* Frees a mechanism that no factory took; NULL is harmless. */
@@ -60,8 +62,8 @@ WB_API void *wb_sasl_mech_instance_get_data(wb_sasl_mech_instance *instance);
 /* Makes an empty factory; config may be NULL. Fails with WB_ERR_INVALID_ARG (NULL out) or WB_ERR_NO_MEMORY. */
 WB_API bool wb_sasl_factory_create(wb_htable *config, wb_sasl_factory **out, wb_err *err);
 
-/* Adds a mechanism, which the factory then owns. Fails with WB_ERR_INVALID_ARG or WB_ERR_NO_MEMORY; the mechanism stays the caller's then.
- * Not while a client uses the factory. */
+/* Adds a mechanism, which the factory then owns. Fails with WB_ERR_INVALID_ARG or WB_ERR_NO_MEMORY; the mechanism stays the
+ * caller's then. Not while a client uses the factory. */
 WB_API bool wb_sasl_factory_add_mech(wb_sasl_factory *factory, wb_sasl_mech *mech, wb_err *err);
 
 /* Frees the factory and its mechanisms; NULL is harmless. */

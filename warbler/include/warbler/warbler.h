@@ -1,7 +1,8 @@
 /* Warbler: an XMPP client layer in C on libevent, OpenSSL and expat. This header includes the rest.
  *
- * For all functions: fallible ones return false and fill err, which comes last and may be NULL. Arguments are borrowed until the call
- * returns and returned pointers live as long as their object, unless a comment says otherwise. No C++ exception leaves the library. */
+ * For all functions: fallible ones return false and fill err, which comes last and may be NULL. Arguments are borrowed until the
+ * call returns and returned pointers live as long as their object, unless a comment says otherwise. No C++ exception leaves the
+ * library. */
 #ifndef WARBLER_WARBLER_H
 #define WARBLER_WARBLER_H
 

@@ -13,17 +13,18 @@ extern "C" {
 
 typedef struct wb_workq wb_workq;
 
-/* Runs one item on the dispatching thread. cancelled is true when the queue is destroyed before the item's turn: free what belongs to it. */
+/* Runs one item on the dispatching thread. cancelled is true when the queue is destroyed before the item's turn: free what
+ * belongs to it. */
 typedef void (*wb_workq_function)(void *arg, bool cancelled);
 
 /* Makes a queue over the event base that the table holds under "selector" (a struct event_base *, which must outlive the queue).
- * The base must be usable from several threads (evthread_use_pthreads and evthread_make_base_notifiable) before items are put from others.
- * Fails with WB_ERR_INVALID_ARG (no table, no selector, NULL out) or WB_ERR_NO_MEMORY. The caller destroys *out. */
+ * The base must be usable from several threads (evthread_use_pthreads and evthread_make_base_notifiable) before items are put
+ * from others. Fails with WB_ERR_INVALID_ARG (no table, no selector, NULL out) or WB_ERR_NO_MEMORY. The caller destroys *out. */
 WB_API bool wb_workq_create(wb_htable *config, wb_workq **out, wb_err *err);
 
 /* Puts an item; items run in the order in which they were put, each once, in the next pass of the loop. Any thread; never blocks.
- * Many items cost one wake-up of the loop. While nothing dispatches the base they wait. Fails with WB_ERR_INVALID_ARG or WB_ERR_NO_MEMORY;
- * the function is then not called. */
+ * Many items cost one wake-up of the loop. While nothing dispatches the base they wait. Fails with WB_ERR_INVALID_ARG or
+ * WB_ERR_NO_MEMORY; the function is then not called. */
 WB_API bool wb_workq_put(wb_workq *queue, wb_workq_function function, void *arg, wb_err *err);
 
 /* Cancels the items that wait and frees the queue; NULL is harmless. The queue's clients must be destroyed before. */
