@@ -153,12 +153,11 @@ void Session::on_parse_error(StreamError error) {
 void Session::write(std::string_view bytes) {
   if (link_ == nullptr || has_ended()) return;
   spoken_ = Clock::now();
-  // What the link has not been given yet goes first: the cut may lie inside a stanza.
-  if (sent_ < sending_.size()) {
-    sending_.append(bytes);
-    return;
+  if (sent_ == sending_.size()) {
+    link_->write(bytes);
+  } else {
+    sending_.append(bytes);  // part of a stanza may have gone to the link already
   }
-  link_->write(bytes);
 }
 
 void Session::pump() {
