@@ -147,7 +147,7 @@ void Directory::tell_of_the_gone(const Announcement &announcement) {
   }
 }
 
-void Directory::expel(const std::string &user, const std::string &capability, Done done) {
+void Directory::expel(const std::string &user, const std::string &capability, const Done &done) {
   const std::vector<std::string> whom = {user, capability};
   const auto published =
       store_.rows("SELECT jid, capability FROM publications WHERE active = 1 AND user = ?1 AND ?2 IN ('', capability)", whom);

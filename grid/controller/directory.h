@@ -46,7 +46,7 @@ class Directory {
   // Tells a client that has just subscribed which former publishers are not there.
   void tell_of_the_gone(const Announcement &announcement);
   // Ends what the user has announced, on the topics too; of one capability, or of all where it is empty.
-  void expel(const std::string &user, const std::string &capability, Done done);
+  void expel(const std::string &user, const std::string &capability, const Done &done);
 
   std::vector<std::string> publishers(const std::string &capability) const;
   std::map<std::string, std::vector<std::string>> all_publishers() const;  // by capability

@@ -17,7 +17,7 @@ namespace {
 using namespace controller;
 
 // One line a record, with its time.
-int write_log(FILE *stream, const char *format, va_list args) {
+__attribute__((format(printf, 2, 0))) int write_log(FILE *stream, const char *format, va_list args) {
   timeval now = {};
   gettimeofday(&now, nullptr);
   tm parts = {};

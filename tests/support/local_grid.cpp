@@ -62,6 +62,7 @@ pid_t start(const std::string &folder, const std::vector<std::string> &arguments
   std::vector<std::string> words = {QLK_GRID_COMMAND, "--folder", folder};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char *> argv;
+  argv.reserve(words.size() + 1);
   for (std::string &word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
@@ -110,7 +111,12 @@ LocalGrid::LocalGrid(Approval approval) : folder_(make_folder()) {
 }
 
 LocalGrid::~LocalGrid() {
-  const int code = take_down();
+  int code = -1;
+  try {
+    code = take_down();
+  } catch (const std::exception &error) {
+    ADD_FAILURE() << error.what();
+  }
   if (code != 0) ADD_FAILURE() << "quillon-grid ended with code " << code << "; the controller's log:\n" << controller_log();
   std::error_code ignored;
   if (code == 0) std::filesystem::remove_all(folder_, ignored);
@@ -193,6 +199,7 @@ std::string LocalGrid::token_owner(const std::string &token) {
   return outcome.exit_code == 0 ? outcome.output.substr(0, outcome.output.find('\n')) : "";
 }
 
+void LocalGrid::server_forget() { std::filesystem::remove_all(folder_ + "/data"); }
 void LocalGrid::server_stop() { run({"server-stop"}); }
 
 void LocalGrid::server_start(bool wait_for_controller) {

@@ -28,6 +28,8 @@ class LocalGrid {
   std::string domain() const;
   std::string ca_path() const { return folder_ + "/certificates/ca.pem"; }
   std::string controller_log() const;
+  // With the server stopped: makes it forget all topics and subscriptions, as one that comes back on another machine.
+  void server_forget();
 
   // The user's certificate and key, made when there are none. Options such as "--days", "-1" make them anew.
   Credentials enroll(const std::string &user, const std::vector<std::string> &options = {});
