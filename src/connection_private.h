@@ -16,6 +16,7 @@ namespace qlk {
 
 // The XMPP session, from the attempt to its end. One at a time: a connect ends what an earlier one left.
 struct SessionState {
+  unsigned number = 0;  // tells one session from the next
   bool open = false;    // from wb_client_connect until "clientDisconnected"
   bool posted = false;  // wb_client_connect has returned: what is put on the loop from now on comes after it
   bool wanted = false;  // a connect waits for it or has got it; one that comes up unwanted is ended at once
@@ -31,6 +32,7 @@ struct ConnectionPrivate {
 
   std::mutex mutex;  // guards what follows, the callbacks of the record, and changes of its two flags
   SessionState session;
+  unsigned sessions_begun = 0;
   bool connecting = false;  // a connect is under way, on connect_thread
   pthread_t connect_thread = {};
   bool cancelled = false;  // a disconnect came meanwhile

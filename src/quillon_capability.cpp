@@ -211,6 +211,7 @@ std::vector<qlk::CapabilityPtr> qlk::registry_snapshot(Registry registry) {
   std::vector<CapabilityPtr> snapshot;
   const std::lock_guard lock(registries.mutex);
   const quillon_array *list = registries.of(registry);
+  snapshot.reserve(list != nullptr ? static_cast<size_t>(list->size) : 0);
   for (int32_t i = 0; i < quillon_array_size(list); ++i)
     snapshot.push_back(static_cast<quillon_capability *>(quillon_array_get(list, i))->weak_self.lock());
   return snapshot;

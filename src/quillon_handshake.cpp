@@ -43,33 +43,34 @@ bool is_called_off(quillon_connection &connection) {
   return connection.extra->cancelled || connection.extra->destroyed;
 }
 
-bool is_session_open(quillon_connection &connection) {
+// The session that is open; 0 for none.
+unsigned open_session_number(quillon_connection &connection) {
   const std::lock_guard lock(connection.extra->mutex);
-  return connection.extra->session.open;
+  return connection.extra->session.open ? connection.extra->session.number : 0;
 }
 
 // ---- The end of a session
 
-// Waits until the end of the session has been reported. False on a time-out.
-bool wait_for_end(quillon_connection &connection) {
+// Waits until the end of the session has been reported: by then another may have begun. False on a time-out.
+bool wait_for_end(quillon_connection &connection, unsigned session) {
   const auto deadline = qlk::SteadyClock::now() + kDisconnectTime;
   for (;;) {
     quillon_monitor_clear(connection.disconnect_monitor);
-    if (!is_session_open(connection) || connection.extra->destroyed) return true;
+    if (open_session_number(connection) != session || connection.extra->destroyed) return true;
     if (!qlk::wait_notified(*connection.disconnect_monitor, deadline)) return false;
   }
 }
 
-// Ends the session that is open, or the attempt at one, and waits for its end.
-void end_session(quillon_connection &connection) {
+// Ends the session, or the attempt at one, and waits for its end.
+void end_session(quillon_connection &connection, unsigned session) {
   const std::lock_guard one_at_a_time(connection.extra->disconnect_mutex);
-  if (!is_session_open(connection)) return;
+  if (session == 0 || open_session_number(connection) != session) return;
   quillon_data *data = nullptr;
   if (quillon_wb_client_create(&data, &connection) == QUILLON_STATUS_OK) {
     quillon_monitor_clear(connection.disconnect_monitor);
     if (quillon_wb_client_disconnect(data) != QUILLON_STATUS_OK) {
       wb_log(WB_LOG_ERROR, "quillon_connection_disconnect disconnect timed out");
-    } else if (!wait_for_end(connection)) {
+    } else if (!wait_for_end(connection, session)) {
       wb_log(WB_LOG_ERROR, "quillon_connection_disconnect callback timed out");
     }
     quillon_wb_client_destroy(data);
@@ -80,10 +81,11 @@ void end_session(quillon_connection &connection) {
 // Ends what an earlier connect left: the session after a denial, or an attempt that was given up. Its end must be past before the
 // new attempt begins, because it wakes whoever waits. False when it does not end.
 bool end_previous_session(quillon_connection &connection) {
-  if (!is_session_open(connection)) return true;
+  const unsigned session = open_session_number(connection);
+  if (session == 0) return true;
   qlk::enter_loop(connection);  // an attempt that was given up has nobody to dispatch for it
-  if (connection.extra->loop->start_thread(connection.thread)) end_session(connection);
-  if (!is_session_open(connection)) return true;
+  if (connection.extra->loop->start_thread(connection.thread)) end_session(connection, session);
+  if (open_session_number(connection) == 0) return true;
   qlk::leave_loop(connection);
   wb_log(WB_LOG_ERROR, "the session of an earlier connect does not end");
   return false;
@@ -125,10 +127,15 @@ void advance_rotation(quillon_config &config) {
   if (++config.hosts_index >= config.hosts_count) config.hosts_index = 0;
 }
 
-// What a connect wants of the session from here on.
-void set_session(quillon_connection &connection, const qlk::SessionState &session) {
-  const std::lock_guard lock(connection.extra->mutex);
-  connection.extra->session = session;
+void open_new_session(qlk::ConnectionPrivate &extra) {
+  const std::lock_guard lock(extra.mutex);
+  if (++extra.sessions_begun == 0) extra.sessions_begun = 1;  // 0 stands for none
+  extra.session = {.number = extra.sessions_begun, .open = true, .posted = false, .wanted = true};
+}
+
+void forget_session(qlk::ConnectionPrivate &extra) {
+  const std::lock_guard lock(extra.mutex);
+  extra.session = {};
 }
 
 // The disconnects that come from now on can end the session themselves. It may have ended already.
@@ -147,13 +154,13 @@ bool take_session(quillon_connection &connection) {
 
 QUILLON_STATUS begin_session(quillon_connection &connection) {
   quillon_monitor_clear(connection.xmpp_connection_monitor);
-  set_session(connection, {.open = true, .posted = false, .wanted = true});
+  open_new_session(*connection.extra);
   qlk::enter_loop(connection);
   wb_err err = {};
   bool begun = false;
   connection.extra->gate->use([&](wb_client *client) { begun = wb_client_connect(client, connection.wb_config, &err); });
   if (!begun) {
-    set_session(connection, {});
+    forget_session(*connection.extra);
     qlk::leave_loop(connection);
     wb_log_err(WB_LOG_ERROR, &err, "could not connect to specified server");
     return QUILLON_STATUS_WB_ERROR;
@@ -170,7 +177,7 @@ bool wait_for_session(quillon_connection &connection) {
   const auto deadline = qlk::SteadyClock::now() + kXmppTime;
   for (;;) {
     quillon_monitor_clear(connection.xmpp_connection_monitor);
-    if (connection.is_xmpp_connected || !is_session_open(connection) || is_called_off(connection)) return true;
+    if (connection.is_xmpp_connected || open_session_number(connection) == 0 || is_called_off(connection)) return true;
     if (!qlk::wait_notified(*connection.xmpp_connection_monitor, deadline)) return false;
   }
 }
@@ -178,7 +185,7 @@ bool wait_for_session(quillon_connection &connection) {
 QUILLON_STATUS open_session(quillon_connection &connection) {
   if (const QUILLON_STATUS status = begin_session(connection); status != QUILLON_STATUS_OK) return status;
   const bool in_time = wait_for_session(connection);
-  if (is_called_off(connection) && !connection.extra->destroyed) end_session(connection);
+  if (is_called_off(connection) && !connection.extra->destroyed) end_session(connection, open_session_number(connection));
   if (take_session(connection)) return QUILLON_STATUS_OK;
   log_with_text("connection", QUILLON_STATUS_XMPP_ERROR);
   if (!in_time) wb_log(WB_LOG_INFO, "quillon connection response timed out");
@@ -444,20 +451,20 @@ QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connectio
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     quillon_connection &target = writable(connection);
     const qlk::ConnectionHold hold(target);
-    bool ends_session = false;
+    unsigned session = 0;  // that is to be ended
     bool ends_connect = false;
     {
       const std::lock_guard lock(target.extra->mutex);
       qlk::ConnectionPrivate &extra = *target.extra;
       ends_connect = extra.connecting;
       if (ends_connect) extra.cancelled = true;
-      ends_session = target.is_xmpp_connected || (extra.connecting && extra.session.posted);
+      if (target.is_xmpp_connected || (extra.connecting && extra.session.posted)) session = extra.session.number;
     }
     if (ends_connect) quillon_monitor_notify(target.xmpp_connection_monitor);
-    if (ends_session && qlk::is_on_loop(target)) {
+    if (session != 0 && qlk::is_on_loop(target)) {
       wb_log(WB_LOG_ERROR, "quillon_connection_disconnect cannot wait on the event loop thread");
-    } else if (ends_session) {
-      end_session(target);
+    } else {
+      end_session(target, session);
     }
     wb_log(WB_LOG_INFO, "quillon_connection_disconnect successful");
     return QUILLON_STATUS_OK;

@@ -292,7 +292,7 @@ QUILLON_STATUS quillon_wb_client_send_and_wait(quillon_data *data, wb_dom_node *
   if (data == nullptr || data->connection == nullptr || iq_req == nullptr) return QUILLON_STATUS_INVALID_ARGS;
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     qlk::NodePtr iq(iq_req);
-    if (is_on_loop(*data, __func__)) return QUILLON_STATUS_SEND_ERROR;
+    if (is_on_loop(*data, "a send that waits")) return QUILLON_STATUS_SEND_ERROR;
     data->status = send_and_wait(*data, std::move(iq));
     if (iq_result != nullptr) {
       *iq_result = data->response;
@@ -317,7 +317,7 @@ QUILLON_STATUS quillon_wb_client_disconnect(quillon_data *data) {
   qlk::trace(__func__);
   if (data == nullptr || data->connection == nullptr) return QUILLON_STATUS_INVALID_ARGS;
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
-    if (is_on_loop(*data, __func__)) return data->status = QUILLON_STATUS_SEND_ERROR;
+    if (is_on_loop(*data, "a disconnect")) return data->status = QUILLON_STATUS_SEND_ERROR;
     begin(*data, nullptr);
     if (!put(*data->connection->extra->loop, data->operation, _disconnect_cb)) return data->status = QUILLON_STATUS_SEND_ERROR;
     const bool done = await(*data, after(qlk::send_timeout_seconds(*data->connection)));
