@@ -2,6 +2,7 @@
 #include <openssl/ssl.h>
 
 #include <algorithm>
+#include <ostream>
 
 #include "client_test_support.h"
 
@@ -81,6 +82,8 @@ struct FaultCase {
   Misbehaviour misbehaviour;
 };
 
+void PrintTo(const FaultCase &one, std::ostream *out) { *out << one.name; }
+
 std::vector<FaultCase> all_faults() {
   std::vector<FaultCase> cases;
   for (const auto &[stage_name, stage] : kStages) {
@@ -113,6 +116,8 @@ struct EndCase {
   const char *end = "disconnected";
   Table table = {};
 };
+
+void PrintTo(const EndCase &one, std::ostream *out) { *out << one.name; }
 
 std::function<void(FakeServer::Options &)> falls_silent(Stage stage) {
   return [stage](FakeServer::Options &options) { options.faults[stage] = {Kind::silent, ""}; };

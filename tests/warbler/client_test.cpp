@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ostream>
 
 #include "client_test_support.h"
 
@@ -47,6 +48,8 @@ struct PeculiarCase {
   unsigned connections = 1;
   std::vector<std::string> mechanisms = {"EXTERNAL"};
 };
+
+void PrintTo(const PeculiarCase &one, std::ostream *out) { *out << one.name; }
 
 const PeculiarCase kPeculiarCases[] = {
     {"OneByteAtATime", [](auto &options) { options.byte_by_byte = true; }},
@@ -146,6 +149,8 @@ struct AnswerCase {
   unsigned timeout_seconds = 60;
 };
 
+void PrintTo(const AnswerCase &one, std::ostream *out) { *out << one.name; }
+
 constexpr char kRight[] = "<iq type='result' n='1' id='{id}' from='bob@grid.test/qlk' to='{own}'/>";
 
 const AnswerCase kAnswerCases[] = {
@@ -221,6 +226,8 @@ struct ReceivedCase {
   const char *record;  // what the application hears, or ""
   const char *type;    // of our answer, or "": none
 };
+
+void PrintTo(const ReceivedCase &one, std::ostream *out) { *out << one.name; }
 
 const ReceivedCase kReceivedCases[] = {
     {"Ping", "<iq type='get' id='a' from='bob@grid.test/x'><ping xmlns='urn:xmpp:ping'/></iq>", "", "result"},
