@@ -1,0 +1,141 @@
+#include "connection_fixture.h"
+#include "quillon_reconnection.h"
+
+namespace {
+
+using qlk_test::ConnectionFixture;
+using qlk_test::kApproved;
+using qlk_test::kPending;
+using qlk_test::Statuses;
+using test_support::FakeServer;
+using test_support::Fault;
+using test_support::Stage;
+using test_support::wait_for;
+
+class ReconnectionTest : public ConnectionFixture {
+ protected:
+  ReconnectionTest() { EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_create(&reconnection_, raw())); }
+  ~ReconnectionTest() override {
+    if (reconnection_ != nullptr) quillon_reconnection_destroy(reconnection_);
+    qlk::reconnection_wait_seconds = 60;
+  }
+
+  // The object is gone, and its thread with it.
+  void destroy() {
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_destroy(std::exchange(reconnection_, nullptr)));
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
+  }
+  bool wait_for_exits(size_t count) {
+    return wait_for([&] { return log_.count_exact("_reconnection_thread exits") == count; });
+  }
+  bool wait_for_connected() {
+    return wait_for([this] { return quillon_connection_is_connected(raw()); });
+  }
+
+  quillon_reconnection *reconnection_ = nullptr;
+};
+
+TEST_F(ReconnectionTest, RefusesNull) {
+  quillon_reconnection *made = reconnection_;
+  EXPECT_EQ(QUILLON_STATUS_QUILLON_ERROR, quillon_reconnection_create(&made, nullptr));
+  EXPECT_EQ(nullptr, made);
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_reconnection_start(nullptr));
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_reconnection_stop(nullptr));
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_reconnection_destroy(nullptr));
+  EXPECT_EQ(3u, log_.count_exact("reconnection is null"));
+}
+
+TEST_F(ReconnectionTest, StopBeforeStartDisconnectsNothing) {
+  serve();
+  ASSERT_EQ(QUILLON_STATUS_OK, connect());
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_stop(reconnection_));
+  EXPECT_EQ(1u, log_.count_exact("keepRunning is false"));
+  EXPECT_TRUE(quillon_connection_is_connected(raw()));
+}
+
+TEST_F(ReconnectionTest, ConnectsAtOnceAndAgainUntilItIsStopped) {
+  serve();
+  qlk::reconnection_wait_seconds = 1;
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  ASSERT_TRUE(wait_for([this] { return seen().connected == 1; }));
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));  // runs already
+  server_->close_all();
+  ASSERT_TRUE(wait_for([this] { return seen().connected == 2; }));
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_stop(reconnection_));
+  EXPECT_TRUE(wait_for_exits(1));
+  EXPECT_FALSE(quillon_connection_is_connected(raw()));
+  EXPECT_EQ(1u, log_.count_exact("_reconnection_thread starts"));
+
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  EXPECT_TRUE(wait_for_connected());
+}
+
+TEST_F(ReconnectionTest, StopCutsTheWaitShort) {
+  quillon_config_set_host(config_.get(), "127.0.0.1:1");
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  ASSERT_TRUE(wait_for([this] { return !seen().disconnected.empty(); }));
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_stop(reconnection_));
+  EXPECT_TRUE(wait_for_exits(1));
+  EXPECT_EQ(0u, log_.count("_reconnection_thread error"));
+}
+
+TEST_F(ReconnectionTest, LogsTheStatusesThatWaitingDoesNotCure) {
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));  // no host is set
+  EXPECT_TRUE(wait_for([this] { return log_.count("_reconnection_thread error ") == 1; }));
+}
+
+TEST_F(ReconnectionTest, StopEndsAConnectThatIsPending) {
+  serve();
+  approve_with(kPending);
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  ASSERT_TRUE(wait_until_pending());
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_stop(reconnection_));
+  EXPECT_TRUE(wait_for_exits(1));
+}
+
+TEST_F(ReconnectionTest, DestroyEndsAConnectToASilentServer) {
+  FakeServer::Options options;
+  options.faults[Stage::features] = {Fault::Kind::silent, ""};
+  serve(options);
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  ASSERT_TRUE(wait_for([this] { return server_->connections() == 1; }));
+  destroy();
+  EXPECT_EQ(1u, log_.count_exact("_reconnection_thread exits"));
+}
+
+// Stopped at whatever moment of the connect.
+TEST_F(ReconnectionTest, MayBeDestroyedAtAnyMoment) {
+  serve();
+  for (int round = 0; round < 30; ++round) {
+    if (reconnection_ == nullptr) {
+      ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_create(&reconnection_, raw()));
+    }
+    ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+    // Delay: the destroy comes at another moment of the connect in each round.
+    std::this_thread::sleep_for(std::chrono::microseconds(round * 300));
+    destroy();
+    ASSERT_FALSE(quillon_connection_is_connected(raw()));
+  }
+  EXPECT_EQ(30u, log_.count_exact("_reconnection_thread exits"));
+}
+
+TEST_F(ReconnectionTest, TheConnectCallbackMayDestroyIt) {
+  serve();
+  in_connect_cb_ = [this] { quillon_reconnection_destroy(std::exchange(reconnection_, nullptr)); };
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  EXPECT_TRUE(wait_for_exits(1));
+  EXPECT_FALSE(quillon_connection_is_connected(raw()));
+}
+
+TEST_F(ReconnectionTest, OutlivesItsConnection) {
+  serve();
+  approve_with(kPending);
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  ASSERT_TRUE(wait_until_pending());
+  connection_.reset();
+  destroy();
+  EXPECT_EQ(1u, log_.count_exact("_reconnection_thread exits"));
+}
+
+}  // namespace

@@ -1,0 +1,162 @@
+// The send adapter, with and without a session and a running event loop.
+#include "connection_fixture.h"
+#include "connection_private.h"
+#include "quillon_wb_client.h"
+
+namespace {
+
+using qlk_test::ConnectionFixture;
+using test_support::Element;
+using test_support::FakeServer;
+using test_support::wait_for;
+using Clock = std::chrono::steady_clock;
+
+struct DataDestroy {
+  void operator()(quillon_data *data) const { quillon_wb_client_destroy(data); }
+};
+using Data = std::unique_ptr<quillon_data, DataDestroy>;
+
+wb_dom_node *make_iq() {
+  return test_support::parse("<iq xmlns='jabber:client' type='get' to='silent@" GRID_DOMAIN "/qlk'><grid xmlns='quillon'/></iq>")
+      .release();
+}
+
+class SendTest : public ConnectionFixture {
+ protected:
+  Data make_data() {
+    quillon_data *data = nullptr;
+    EXPECT_EQ(QUILLON_STATUS_OK, quillon_wb_client_create(&data, raw()));
+    return Data(data);
+  }
+  QUILLON_STATUS send_and_wait() { return quillon_wb_client_send_and_wait(make_data().get(), make_iq(), &reply_); }
+  QUILLON_STATUS send_and_forget() { return quillon_wb_client_send_and_forget(make_data().get(), make_iq()); }
+
+  wb_dom_node *reply_ = nullptr;
+};
+
+TEST_F(SendTest, MissingArgumentsAreRefused) {
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_wb_client_create(nullptr, raw()));
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_wb_client_send_and_wait(nullptr, nullptr, &reply_));
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_wb_client_send_and_forget(nullptr, nullptr));
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_wb_client_disconnect(nullptr));
+  quillon_wb_client_destroy(nullptr);
+}
+
+TEST_F(SendTest, WithoutARunningLoopEachGivesUpInTime) {
+  quillon_config_set_send_timeout_seconds(config_.get(), 1);
+  const auto began = Clock::now();
+  EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, send_and_wait());
+  EXPECT_EQ(nullptr, reply_);
+  EXPECT_EQ(QUILLON_STATUS_UNKNOWN, send_and_forget());
+  EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, quillon_wb_client_disconnect(make_data().get()));
+  const auto took = Clock::now() - began;
+  EXPECT_GE(took, std::chrono::milliseconds(2990));
+  EXPECT_LT(took, std::chrono::seconds(5));
+
+  for (const int seconds : {0, -1}) {
+    quillon_config_set_send_timeout_seconds(config_.get(), seconds);
+    const auto then = Clock::now();
+    EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, send_and_wait());
+    EXPECT_EQ(QUILLON_STATUS_UNKNOWN, send_and_forget());
+    EXPECT_LT(Clock::now() - then, std::chrono::milliseconds(500));
+  }
+  // What was given up is not sent when the loop runs after all.
+  quillon_config_set_send_timeout_seconds(config_.get(), 5);
+  serve();
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_connection_connect(raw())) << log_.all();
+  for (const Element &stanza : server_->stanzas()) EXPECT_NE("silent@" GRID_DOMAIN "/qlk", stanza.attribute("to"));
+}
+
+// Another connection keeps the loop running: the XMPP client itself refuses then, at once.
+TEST_F(SendTest, WithoutASessionOfItsOwnTheClientRefuses) {
+  serve();
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_connection_connect(raw()));
+  const test_support::Connection other = test_support::make_connection();
+  quillon_connection_set_config(other.get(), config_.get());
+  quillon_data *data = nullptr;
+  quillon_wb_client_create(&data, other.get());
+  const Data owned(data);
+  EXPECT_EQ(QUILLON_STATUS_UNKNOWN, quillon_wb_client_send_and_wait(data, make_iq(), &reply_));
+  EXPECT_EQ(1u, log_.count("_send_and_wait_cb"));
+  EXPECT_EQ(QUILLON_STATUS_SEND_ERROR, quillon_wb_client_send_and_forget(data, make_iq()));
+  EXPECT_EQ(1u, log_.count("_send_and_forget_cb"));
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_wb_client_disconnect(data));
+  EXPECT_TRUE(quillon_connection_is_connected(raw()));
+}
+
+TEST_F(SendTest, ASilentPeerCostsTheTimeoutAndNoMore) {
+  serve();
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_connection_connect(raw()));
+  quillon_config_set_send_timeout_seconds(config_.get(), 1);
+  const auto began = Clock::now();
+  EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, send_and_wait());
+  EXPECT_EQ(nullptr, reply_);
+  EXPECT_GE(Clock::now() - began, std::chrono::milliseconds(990));
+  EXPECT_LT(Clock::now() - began, std::chrono::milliseconds(2500));
+  EXPECT_EQ(1u, log_.count_exact("_iq_response_callback timeout"));
+  quillon_config_set_send_timeout_seconds(config_.get(), 0);
+  EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, send_and_wait());
+  EXPECT_EQ(QUILLON_STATUS_OK, send_and_forget());
+}
+
+TEST_F(SendTest, DestroyingTheConnectionWakesWhoWaits) {
+  serve();
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_connection_connect(raw()));
+  quillon_config_set_send_timeout_seconds(config_.get(), 60);
+  const Data data = make_data();
+  auto waiting = qlk_test::run_aside([&] { return quillon_wb_client_send_and_wait(data.get(), make_iq(), &reply_); });
+  ASSERT_TRUE(
+      server_->wait_for_stanza([](const Element &stanza) { return stanza.attribute("to") == "silent@" GRID_DOMAIN "/qlk"; }));
+  connection_.reset();
+  ASSERT_TRUE(qlk_test::is_done(waiting));
+  EXPECT_EQ(QUILLON_STATUS_UNKNOWN, waiting.get());
+  EXPECT_EQ(nullptr, reply_);
+}
+
+// ---- Without waiting
+
+struct Outcome {
+  std::mutex mutex;
+  std::vector<QUILLON_STATUS> statuses;
+  bool had_reply = false;
+
+  static void on_done(void *arg, QUILLON_STATUS status, wb_dom_node *reply) {
+    auto &self = *static_cast<Outcome *>(arg);
+    const test_support::Node owned(reply);
+    const std::lock_guard lock(self.mutex);
+    self.statuses.push_back(status);
+    self.had_reply = reply != nullptr;
+  }
+  bool wait() {
+    return wait_for([this] {
+      const std::lock_guard lock(mutex);
+      return !statuses.empty();
+    });
+  }
+};
+
+TEST_F(SendTest, AnAsynchronousSendTellsItsOutcomeOnce) {
+  Outcome refused, answered, unanswered, ended;
+  qlk::send_async(*raw(), make_iq(), 1, Outcome::on_done, &refused);
+  EXPECT_EQ(qlk_test::Statuses{QUILLON_STATUS_NO_CONNECTION}, refused.statuses);
+
+  serve();
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_connection_connect(raw()));
+  qlk::send_async(
+      *raw(),
+      test_support::parse("<iq xmlns='jabber:client' type='get' to='" GRID_DOMAIN "'><ping xmlns='urn:xmpp:ping'/></iq>")
+          .release(),
+      5, Outcome::on_done, &answered);
+  ASSERT_TRUE(answered.wait());
+  EXPECT_EQ(qlk_test::Statuses{QUILLON_STATUS_OK}, answered.statuses);
+  EXPECT_TRUE(answered.had_reply);
+  qlk::send_async(*raw(), make_iq(), 1, Outcome::on_done, &unanswered);
+  ASSERT_TRUE(unanswered.wait());
+  EXPECT_EQ(qlk_test::Statuses{QUILLON_STATUS_SEND_TIMEOUT}, unanswered.statuses);
+  qlk::send_async(*raw(), make_iq(), 60, Outcome::on_done, &ended);
+  server_->close_all();
+  ASSERT_TRUE(ended.wait());
+  EXPECT_EQ(qlk_test::Statuses{QUILLON_STATUS_SEND_TIMEOUT}, ended.statuses);
+}
+
+}  // namespace
