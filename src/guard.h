@@ -1,4 +1,5 @@
-// The one place where C++ exceptions end: every exported function runs its body through a guard, so that none crosses the C boundary.
+// The one place where C++ exceptions end: every exported function runs its body through a guard, so that none crosses the C
+// boundary.
 #pragma once
 
 #include <cxxabi.h>

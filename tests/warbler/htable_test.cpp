@@ -100,7 +100,8 @@ TEST(Htable, IntegersAreKeysByTheirOwnValue) {
   for (uintptr_t i = 0; i < 100; ++i) {
     ASSERT_TRUE(wb_htable_put(table, reinterpret_cast<void *>(i), reinterpret_cast<void *>(i * i), nullptr, nullptr));
   }
-  for (uintptr_t i = 0; i < 100; ++i) EXPECT_EQ(reinterpret_cast<void *>(i * i), wb_htable_get(table, reinterpret_cast<void *>(i)));
+  for (uintptr_t i = 0; i < 100; ++i)
+    EXPECT_EQ(reinterpret_cast<void *>(i * i), wb_htable_get(table, reinterpret_cast<void *>(i)));
   wb_htable_destroy(table);
 }
 

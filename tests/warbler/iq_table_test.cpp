@@ -46,7 +46,8 @@ TEST_P(IqSender, OnlyTheAddresseeMayAnswer) {
   EXPECT_EQ(GetParam().accepted, table.take(id, GetParam().from, kOwn, iq));
   EXPECT_EQ(!GetParam().accepted, table.size() == 1);
 }
-INSTANTIATE_TEST_SUITE_P(Senders, IqSender, testing::ValuesIn(kSenderCases), [](const auto &c) { return std::string(c.param.name); });
+INSTANTIATE_TEST_SUITE_P(Senders, IqSender, testing::ValuesIn(kSenderCases),
+                         [](const auto &c) { return std::string(c.param.name); });
 
 TEST(IqTable, AnAnswerIsTakenOnceAndOnlyByItsId) {
   wb::IqTable table;
