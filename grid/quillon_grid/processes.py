@@ -26,7 +26,8 @@ def start_time(pid):
 
 
 def is_running(process):
-    return process is not None and start_time(process["pid"]) == process["started"]
+    # A process that ended before its start could be read has none.
+    return process is not None and process["started"] is not None and start_time(process["pid"]) == process["started"]
 
 
 def start(command, log, folder):
