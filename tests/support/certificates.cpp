@@ -1,0 +1,209 @@
+#include "certificates.h"
+
+#include <openssl/asn1.h>
+#include <openssl/bn.h>
+#include <openssl/ec.h>
+#include <openssl/objects.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509v3.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+
+namespace testpeer {
+
+namespace {
+
+constexpr long kDay = 24L * 60 * 60;
+constexpr char kXmppAddress[] = "1.3.6.1.5.5.7.8.5";
+
+void require(bool done, const std::string &what) {
+  if (!done) throw std::runtime_error("cannot make a certificate: " + what);
+}
+
+struct FileClose {
+  void operator()(FILE *file) const { std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<FILE, FileClose>;
+
+FilePtr open_to_write(const std::string &path) {
+  FilePtr file(std::fopen(path.c_str(), "wb"));
+  require(file != nullptr, path);
+  return file;
+}
+
+struct NamesFree {
+  void operator()(GENERAL_NAMES *names) const { GENERAL_NAMES_free(names); }
+};
+using NamesPtr = std::unique_ptr<GENERAL_NAMES, NamesFree>;
+
+// The list owns what is added.
+void add_name(GENERAL_NAMES *names, GENERAL_NAME *name) {
+  require(name != nullptr && sk_GENERAL_NAME_push(names, name) > 0, "no memory for an alternative name");
+}
+
+GENERAL_NAME *dns_name(const std::string &text) {
+  GENERAL_NAME *name = GENERAL_NAME_new();
+  ASN1_IA5STRING *value = ASN1_IA5STRING_new();
+  require(name != nullptr && value != nullptr && ASN1_STRING_set(value, text.data(), static_cast<int>(text.size())) == 1, text);
+  GENERAL_NAME_set0_value(name, GEN_DNS, value);
+  return name;
+}
+
+GENERAL_NAME *ip_address(const std::string &text) {
+  ASN1_OCTET_STRING *value = a2i_IPADDRESS(text.c_str());
+  require(value != nullptr, "no IP address: " + text);
+  GENERAL_NAME *name = GENERAL_NAME_new();
+  require(name != nullptr, text);
+  GENERAL_NAME_set0_value(name, GEN_IPADD, value);
+  return name;
+}
+
+GENERAL_NAME *xmpp_address(const std::string &text) {
+  GENERAL_NAME *name = GENERAL_NAME_new();
+  ASN1_TYPE *value = ASN1_TYPE_new();
+  ASN1_UTF8STRING *string = ASN1_UTF8STRING_new();
+  require(name != nullptr && value != nullptr && string != nullptr &&
+              ASN1_STRING_set(string, text.data(), static_cast<int>(text.size())) == 1,
+          text);
+  ASN1_TYPE_set(value, V_ASN1_UTF8STRING, string);
+  require(GENERAL_NAME_set0_othername(name, OBJ_txt2obj(kXmppAddress, 1), value) == 1, text);
+  return name;
+}
+
+void add_alternative_names(X509 *certificate, GENERAL_NAMES *names) {
+  if (sk_GENERAL_NAME_num(names) == 0) return;
+  require(X509_add1_ext_i2d(certificate, NID_subject_alt_name, names, 0, X509V3_ADD_DEFAULT) == 1, "alternative names");
+}
+
+void add_extension(X509 *certificate, int nid, const char *value) {
+  X509V3_CTX context;
+  X509V3_set_ctx(&context, certificate, certificate, nullptr, nullptr, 0);
+  X509_EXTENSION *extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
+  require(extension != nullptr, value);
+  const int added = X509_add_ext(certificate, extension, -1);
+  X509_EXTENSION_free(extension);
+  require(added == 1, value);
+}
+
+void add_subject(X509 *certificate, const char *field, const std::string &value) {
+  const auto *bytes = reinterpret_cast<const unsigned char *>(value.data());
+  X509_NAME *subject = X509_get_subject_name(certificate);
+  require(X509_NAME_add_entry_by_txt(subject, field, MBSTRING_UTF8, bytes, static_cast<int>(value.size()), -1, 0) == 1, value);
+}
+
+void set_serial_number(X509 *certificate) {
+  unsigned char bytes[16];
+  require(RAND_bytes(bytes, sizeof bytes) == 1, "no random bytes");
+  bytes[0] &= 0x7f;
+  BIGNUM *number = BN_bin2bn(bytes, sizeof bytes, nullptr);
+  const bool set = number != nullptr && BN_to_ASN1_INTEGER(number, X509_get_serialNumber(certificate)) != nullptr;
+  BN_free(number);
+  require(set, "serial number");
+}
+
+void set_period(X509 *certificate, Validity validity) {
+  long from = -kDay, to = 30 * kDay;
+  if (validity == Validity::expired) from = -10 * kDay, to = -kDay;
+  if (validity == Validity::not_yet) from = 5 * kDay;
+  X509_gmtime_adj(X509_getm_notBefore(certificate), from);
+  X509_gmtime_adj(X509_getm_notAfter(certificate), to);
+}
+
+// Everything that a certificate has before it is extended and signed.
+void begin(X509 *certificate, EVP_PKEY *key, const std::string &common_name, Validity validity) {
+  require(certificate != nullptr && key != nullptr, "no memory or no key");
+  X509_set_version(certificate, X509_VERSION_3);
+  set_serial_number(certificate);
+  set_period(certificate, validity);
+  add_subject(certificate, "CN", common_name);
+  require(X509_set_pubkey(certificate, key) == 1, "public key");
+}
+
+const char *usage_name(Usage usage) {
+  switch (usage) {
+    case Usage::server:
+      return "serverAuth";
+    case Usage::client:
+      return "clientAuth";
+    case Usage::other:
+      return "codeSigning";
+    case Usage::none:
+      break;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+TemporaryFolder::TemporaryFolder() : path_((std::filesystem::temp_directory_path() / "testpeer-XXXXXX").string()) {
+  if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("cannot make the temporary folder " + path_);
+}
+
+TemporaryFolder::~TemporaryFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+CertificateAuthority::CertificateAuthority(const std::string &name) : key_(EVP_EC_gen("P-256")), certificate_(X509_new()) {
+  begin(certificate_.get(), key_.get(), name, Validity::current);
+  require(X509_set_issuer_name(certificate_.get(), X509_get_subject_name(certificate_.get())) == 1, "issuer");
+  add_extension(certificate_.get(), NID_basic_constraints, "critical,CA:TRUE");
+  add_extension(certificate_.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
+  add_extension(certificate_.get(), NID_subject_key_identifier, "hash");
+  require(X509_sign(certificate_.get(), key_.get(), EVP_sha256()) > 0, "signature");
+  own_ = save(certificate_.get(), key_.get(), "");
+}
+
+Credentials CertificateAuthority::server(const ServerIdentity &identity) {
+  std::string common_name = identity.common_name;
+  if (common_name.empty() && !identity.addresses.empty()) common_name = identity.addresses.front();
+  if (identity.common_name.empty() && !identity.names.empty()) common_name = identity.names.front();
+  const KeyPtr key(EVP_EC_gen("P-256"));
+  const CertificatePtr certificate(X509_new());
+  begin(certificate.get(), key.get(), common_name.empty() ? "server" : common_name, identity.validity);
+  const NamesPtr names(GENERAL_NAMES_new());
+  for (const std::string &name : identity.names) add_name(names.get(), dns_name(name));
+  for (const std::string &address : identity.addresses) add_name(names.get(), ip_address(address));
+  add_alternative_names(certificate.get(), names.get());
+  return finish(certificate.get(), key.get(), identity.usage, identity.self_signed, identity.passphrase);
+}
+
+Credentials CertificateAuthority::client(const ClientIdentity &identity) {
+  const std::string address = identity.user + "@" + identity.domain;
+  const KeyPtr key(EVP_EC_gen("P-256"));
+  const CertificatePtr certificate(X509_new());
+  begin(certificate.get(), key.get(), identity.user, identity.validity);
+  if (identity.has_email_address) add_subject(certificate.get(), "emailAddress", address);
+  const NamesPtr names(GENERAL_NAMES_new());
+  if (identity.has_xmpp_address) add_name(names.get(), xmpp_address(address));
+  add_alternative_names(certificate.get(), names.get());
+  return finish(certificate.get(), key.get(), identity.usage, identity.self_signed, identity.passphrase);
+}
+
+Credentials CertificateAuthority::finish(X509 *certificate, EVP_PKEY *key, Usage usage, bool self_signed,
+                                         const std::string &passphrase) {
+  X509 *issuer = self_signed ? certificate : certificate_.get();
+  require(X509_set_issuer_name(certificate, X509_get_subject_name(issuer)) == 1, "issuer");
+  if (const char *name = usage_name(usage); name != nullptr) add_extension(certificate, NID_ext_key_usage, name);
+  require(X509_sign(certificate, self_signed ? key : key_.get(), EVP_sha256()) > 0, "signature");
+  return save(certificate, key, passphrase);
+}
+
+Credentials CertificateAuthority::save(X509 *certificate, EVP_PKEY *key, const std::string &passphrase) {
+  const std::string stem = folder_.file(std::to_string(issued_++));
+  Credentials files{stem + "-certificate.pem", stem + "-key.pem", passphrase};
+  require(PEM_write_X509(open_to_write(files.certificate).get(), certificate) == 1, files.certificate);
+  const auto *phrase = reinterpret_cast<const unsigned char *>(passphrase.data());
+  const FilePtr file = open_to_write(files.key);
+  const int written = passphrase.empty() ? PEM_write_PrivateKey(file.get(), key, nullptr, nullptr, 0, nullptr, nullptr)
+                                         : PEM_write_PrivateKey(file.get(), key, EVP_aes_256_cbc(), phrase,
+                                                                static_cast<int>(passphrase.size()), nullptr, nullptr);
+  require(written == 1, files.key);
+  return files;
+}
+
+}  // namespace testpeer

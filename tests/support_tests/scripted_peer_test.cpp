@@ -1,0 +1,543 @@
+// What the scripted peer is believed to do is seen to happen, by a client that does nothing of its own accord.
+#include "scripted_peer.h"
+
+#include <gtest/gtest.h>
+
+#include "raw_client.h"
+#include "wait.h"
+
+namespace testpeer {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char kDomain[] = "grid.quillon.internal";
+constexpr char kHead[] =
+    "<?xml version='1.0'?><stream:stream xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams' "
+    "to='grid.quillon.internal' from='user@grid.quillon.internal' version='1.0'>";
+constexpr char kStartTls[] = "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>";
+constexpr char kAuth[] = "<auth xmlns='urn:ietf:params:xml:ns:xmpp-sasl' mechanism='EXTERNAL'>dXNlcg==</auth>";  // "user"
+constexpr char kBind[] =
+    "<iq type='set' id='b1'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><resource>qlk</resource></bind></iq>";
+constexpr char kPing[] = "<iq type='get' id='p1'><ping xmlns='urn:xmpp:ping'/></iq>";
+constexpr char kFeaturesEnd[] = "</stream:features>";
+
+struct Identities {
+  CertificateAuthority authority{"The Authority"}, other{"Another Authority"};
+  Credentials server = authority.server(kDomain), client = authority.client("user", kDomain);
+
+  static Identities &get() {
+    static Identities identities;
+    return identities;
+  }
+};
+
+Options correct() {
+  return {.certificate = Identities::get().server, .client_authority = Identities::get().authority.certificate()};
+}
+
+Options with(Stage stage, const Fault &fault) {
+  Options options = correct();
+  options.faults.emplace(stage, fault);
+  return options;
+}
+
+bool shake_hands(RawClient &client) {
+  return client.start_tls(Identities::get().authority.certificate(), Identities::get().client, kDomain);
+}
+
+// Says what belongs to the stage, after all that comes before it; whether the session came so far.
+bool come_to(Stage last, RawClient &client) {
+  struct Step {
+    Stage stage;
+    const char *says, *hears;
+  };
+  const Step steps[] = {{Stage::stream_open, kHead, ""},
+                        {Stage::features, "", kFeaturesEnd},
+                        {Stage::starttls, kStartTls, "<proceed xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>"},
+                        {Stage::tls_handshake, nullptr, ""},
+                        {Stage::stream_open_tls, kHead, kFeaturesEnd},
+                        {Stage::sasl, kAuth, "</success>"},
+                        {Stage::stream_open_sasl, kHead, kFeaturesEnd},
+                        {Stage::bind, kBind, "</iq>"},
+                        {Stage::established, kPing, "</iq>"}};
+  for (const Step &step : steps) {
+    if (step.stage > last) return true;
+    if (step.says != nullptr) {
+      client.send(step.says);
+    } else if (!shake_hands(client)) {
+      return false;
+    }
+    if (step.stage != last && *step.hears != '\0' && !client.read_until(step.hears).ends_with(step.hears)) return false;
+  }
+  return true;
+}
+
+TEST(ScriptedPeer, EstablishesASession) {
+  Options options = correct();
+  options.max_bytes = 10'000;
+  const ScriptedPeer peer(options);
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::stream_open_sasl, client));
+  EXPECT_NE(std::string::npos, client.read_until(kFeaturesEnd).find("<max-bytes>10000</max-bytes>"));
+  client.send(kBind);
+  EXPECT_NE(std::string::npos, client.read_until("</iq>").find("<jid>user@grid.quillon.internal/qlk</jid>"));
+  ASSERT_TRUE(peer.wait_established(10s));
+  client.send(std::string(kPing) + "</stream:stream>");
+  EXPECT_NE(std::string::npos, client.read_all().find("<iq type='result' id='p1'"));
+  EXPECT_TRUE(client.ended_in_order());
+  EXPECT_TRUE(peer.wait_for_stanza([](const Stanza &stanza) { return stanza.attribute("id") == "p1"; }, 10s));
+
+  const Transcript seen = peer.newest()->transcript();
+  EXPECT_EQ("TLSv1.3", seen.tls.version);
+  EXPECT_EQ(kDomain, seen.tls.server_name);
+  EXPECT_EQ("emailAddress=user@grid.quillon.internal,CN=user", seen.tls.client_subject);
+  EXPECT_TRUE(seen.tls.client_verified);
+  EXPECT_EQ("EXTERNAL", seen.sasl_mechanism);
+  EXPECT_EQ("user", seen.sasl_response);
+  EXPECT_EQ(std::string(kHead) + kStartTls + kHead + kAuth + kHead + kBind + kPing + "</stream:stream>", seen.received);
+  EXPECT_EQ(std::vector<std::string>(), seen.violations);
+  EXPECT_TRUE(seen.is_closed_by_client);
+}
+
+TEST(ScriptedPeer, TakesRequestsTogetherWithTheHead) {
+  const ScriptedPeer peer(correct());
+  RawClient client(peer.port());
+  client.send(std::string(kHead) + kStartTls);
+  client.read_until("<proceed xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>");
+  ASSERT_TRUE(shake_hands(client));
+  client.send(std::string(kHead) + kAuth);
+  client.read_until("</success>");
+  client.send(std::string(kHead) + kBind + kPing);
+  EXPECT_NE(std::string::npos, client.read_until("id='p1' to='user@grid.quillon.internal/qlk'></iq>").find("id='b1'"));
+  const Transcript seen = peer.newest()->transcript();
+  EXPECT_EQ(1U, seen.at(Stage::stream_open).segments);
+  EXPECT_EQ(0U, seen.at(Stage::starttls).segments);
+  // Plain head, hello, the rest of the handshake with the second head, the third head.
+  EXPECT_EQ(4U, seen.flights());
+  EXPECT_TRUE(seen.is_established);
+}
+
+TEST(ScriptedPeer, UnderstandsAndSpeaksByteByByte) {
+  Options options = correct();
+  options.chunk_size = 1;
+  const ScriptedPeer peer(options);
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::stream_open_sasl, client));
+  const unsigned before = client.pieces();
+  const std::string answer = client.read_until(kFeaturesEnd);
+  EXPECT_EQ(answer.size(), client.pieces() - before);
+  for (const char byte : std::string_view(kBind)) client.send({&byte, 1});
+  EXPECT_NE(std::string::npos, client.read_until("</iq>").find("/qlk</jid>"));
+}
+
+TEST(ScriptedPeer, ListensOnIpv6) {
+  Options options = correct();
+  options.ipv6 = true;
+  options.faults.emplace(Stage::established, Fault::insert("<message>{host}</message>"));
+  const ScriptedPeer peer(options);
+  EXPECT_EQ("[::1]:" + std::to_string(peer.port()), peer.host());
+  RawClient client(peer.port(), true);
+  ASSERT_TRUE(come_to(Stage::established, client));
+  EXPECT_EQ("<message>" + peer.host() + "</message>", client.read_until("</message>"));
+}
+
+// ---- Faults
+
+class AtEachStage : public testing::TestWithParam<Stage> {};
+
+// As come_to, for a server that will not go on: the handshake is only begun.
+bool reach(Stage stage, RawClient &client) {
+  if (stage != Stage::tls_handshake) return come_to(stage, client);
+  const bool is_there = come_to(Stage::starttls, client) && client.read_until("/>").ends_with("/>");
+  client.send("hello");
+  return is_there;
+}
+
+TEST_P(AtEachStage, IsSilent) {
+  const ScriptedPeer peer(with(GetParam(), Fault::silent()));
+  RawClient client(peer.port());
+  ASSERT_TRUE(reach(GetParam(), client));
+  if (GetParam() == Stage::features) client.read_until("from='grid.quillon.internal'>");
+  if (GetParam() == Stage::established) {
+    EXPECT_TRUE(peer.wait_for_stanza([](const Stanza &) { return true; }, 10s));
+  }
+  EXPECT_TRUE(client.hears_nothing(20)) << client.read_all();
+}
+
+TEST_P(AtEachStage, Resets) {
+  const ScriptedPeer peer(with(GetParam(), Fault::reset()));
+  RawClient client(peer.port());
+  come_to(GetParam(), client);
+  client.read_all();
+  EXPECT_TRUE(client.was_reset() || GetParam() == Stage::tls_handshake);  // there it is the handshake that fails
+  EXPECT_TRUE(peer.wait_all_ended(10s));
+}
+
+TEST_P(AtEachStage, Closes) {
+  const ScriptedPeer peer(with(GetParam(), Fault::delay(1ms).then(Fault::close()).times(1)));
+  {
+    RawClient client(peer.port());
+    come_to(GetParam(), client);
+    client.read_all();
+    EXPECT_TRUE(client.ended_in_order() || GetParam() == Stage::tls_handshake);
+  }
+  EXPECT_TRUE(peer.wait_all_ended(10s));
+  RawClient second(peer.port());
+  EXPECT_TRUE(come_to(Stage::established, second));
+}
+
+TEST_P(AtEachStage, EndsWhileItWaits) {
+  for (const Fault &fault : {Fault::silent(), Fault::delay(1h), Fault::stop_reading(), Fault::half_close()}) {
+    auto peer = std::make_unique<ScriptedPeer>(with(GetParam(), fault));
+    RawClient client(peer->port());
+    ASSERT_TRUE(reach(GetParam(), client));
+    const auto start = Clock::now();
+    peer.reset();
+    EXPECT_LT(Clock::now() - start, 5s);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Stages, AtEachStage,
+                         testing::Values(Stage::accept, Stage::stream_open, Stage::features, Stage::starttls,
+                                         Stage::tls_handshake, Stage::stream_open_tls, Stage::sasl, Stage::stream_open_sasl,
+                                         Stage::bind, Stage::established),
+                         [](const auto &one) { return std::string(name_of(one.param)); });
+
+// What a client that comes to a stage is told there, up to the end of the connection or of the text.
+struct WordsCase {
+  const char *name;
+  Stage stage;
+  Options (*options)();
+  const char *words;
+};
+
+const WordsCase kWords[] = {
+    {"Replaced", Stage::sasl, [] { return with(Stage::sasl, Fault::say("<odd/>")); }, "<odd/>"},
+    {"Inserted", Stage::bind, [] { return with(Stage::bind, Fault::insert("<odd/>")); }, "<odd/><iq type='result' id='b1'>"},
+    {"StreamError", Stage::sasl, [] { return with(Stage::sasl, Fault::stream_error("policy-violation", "no")); },
+     "<stream:error><policy-violation xmlns='urn:ietf:params:xml:ns:xmpp-streams'></policy-violation>"
+     "<text xmlns='urn:ietf:params:xml:ns:xmpp-streams'>no</text></stream:error></stream:stream>"},
+    {"StreamErrorAfterAHead", Stage::stream_open,
+     [] { return with(Stage::stream_open, Fault::stream_error("see-other-host", "[::1]:9")); },
+     "from='grid.quillon.internal'><stream:error><see-other-host xmlns='urn:ietf:params:xml:ns:xmpp-streams'>[::1]:9</see-"},
+    {"NoStartTls", Stage::features,
+     [] {
+       Options it = correct();
+       it.offers_starttls = false;
+       return it;
+     },
+     "<stream:features></stream:features>"},
+    {"StartTlsFails", Stage::starttls,
+     [] {
+       Options it = correct();
+       it.refuses_starttls = true;
+       return it;
+     },
+     "<failure xmlns='urn:ietf:params:xml:ns:xmpp-tls'/></stream:stream>"},
+    {"PlainTextAfterProceed", Stage::starttls,
+     [] {
+       Options it = correct();
+       it.after_proceed = "<evil/>";
+       return it;
+     },
+     "<proceed xmlns='urn:ietf:params:xml:ns:xmpp-tls'/><evil/>"},
+    {"NoExternal", Stage::stream_open_tls,
+     [] {
+       Options it = correct();
+       it.mechanisms = {"PLAIN"};
+       return it;
+     },
+     "'><mechanism>PLAIN</mechanism></mechanisms>"},
+    {"WrongNamespace", Stage::stream_open,
+     [] {
+       Options it = correct();
+       it.stream_ns = "urn:other";
+       return it;
+     },
+     "xmlns:stream='urn:other'"},
+    {"SaslFailure", Stage::sasl,
+     [] {
+       Options it = correct();
+       it.sasl_failure = "not-authorized";
+       return it;
+     },
+     "<failure xmlns='urn:ietf:params:xml:ns:xmpp-sasl'><not-authorized/></failure>"},
+    {"SaslChallenge", Stage::sasl,
+     [] {
+       Options it = correct();
+       it.sasl_challenge = "who?";
+       return it;
+     },
+     "<challenge xmlns='urn:ietf:params:xml:ns:xmpp-sasl'>d2hvPw==</challenge>"},
+    {"BindError", Stage::bind,
+     [] {
+       Options it = correct();
+       it.bind_error = "conflict";
+       return it;
+     },
+     "<iq type='error' id='b1'><error type='cancel'><conflict xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/>"},
+    {"OtherJid", Stage::bind,
+     [] {
+       Options it = correct();
+       it.bound_jid = "a@b/c";
+       return it;
+     },
+     "<jid>a@b/c</jid>"},
+};
+
+class Words : public testing::TestWithParam<WordsCase> {};
+
+TEST_P(Words, AreHeard) {
+  const ScriptedPeer peer(GetParam().options());
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(GetParam().stage, client));
+  const std::string heard = client.read_until(GetParam().words);
+  EXPECT_TRUE(heard.ends_with(GetParam().words)) << heard;
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, Words, testing::ValuesIn(kWords), [](const auto &one) { return std::string(one.param.name); });
+
+TEST(ScriptedPeer, TruncatesTls) {
+  const ScriptedPeer peer(with(Stage::sasl, Fault::truncate()));
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::sasl, client));
+  client.read_all();
+  EXPECT_FALSE(client.ended_in_order());
+  EXPECT_FALSE(client.was_reset());
+}
+
+TEST(ScriptedPeer, ReadsOnAfterItHasClosedItsHalf) {
+  const ScriptedPeer peer(with(Stage::established, Fault::half_close()));
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::bind, client));
+  client.read_all();
+  EXPECT_TRUE(client.ended_in_order());
+  client.send(kPing);
+  EXPECT_TRUE(peer.wait_for_stanza([](const Stanza &stanza) { return stanza.child("ping") != nullptr; }, 10s));
+}
+
+TEST(ScriptedPeer, ReadsAgainWhenItIsTold) {
+  const ScriptedPeer peer(with(Stage::established, Fault::stop_reading()));
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::established, client));
+  EXPECT_TRUE(client.hears_nothing(20));
+  EXPECT_TRUE(peer.stanzas().empty());
+  peer.newest()->resume_reading();
+  EXPECT_NE(std::string::npos, client.read_until("</iq>").find("p1"));
+}
+
+// The client hears nothing of what it is told, so that the peer can say no more; it ends nevertheless.
+TEST(ScriptedPeer, EndsWhileItWrites) {
+  Latch is_writing;
+  Options options = correct();
+  options.on_stanza = [&](Connection &connection, const Stanza &) {
+    is_writing.count_down();
+    return connection.send(std::string(64UL * 1024 * 1024, ' '));
+  };
+  auto peer = std::make_unique<ScriptedPeer>(options);
+  RawClient client(peer->port());
+  ASSERT_TRUE(come_to(Stage::established, client));
+  ASSERT_TRUE(is_writing.wait(10s));
+  const auto start = Clock::now();
+  const std::shared_ptr<Connection> connection = peer->newest();
+  peer.reset();
+  EXPECT_LT(Clock::now() - start, 5s);
+  EXPECT_TRUE(connection->transcript().is_ended);
+  EXPECT_FALSE(connection->send("too late"));
+}
+
+TEST(ScriptedPeer, NotesWhatNoClientMayDo) {
+  const std::pair<const char *, const char *> cases[] = {{"<a></b>", "not-well-formed"}, {kPing, "not-authorized"}};
+  for (const auto &[words, condition] : cases) {
+    const ScriptedPeer peer(correct());
+    RawClient client(peer.port());
+    client.send(std::string(kHead) + words);
+    EXPECT_NE(std::string::npos, client.read_all().find(condition));
+    EXPECT_EQ(1U, peer.newest()->transcript().violations.size());
+  }
+  const ScriptedPeer peer(correct());
+  RawClient client(peer.port());
+  client.send(std::string(kHead) + kAuth);
+  EXPECT_NE(std::string::npos, client.read_all().find("<encryption-required/>"));
+  EXPECT_EQ(std::vector<std::string>{"SASL in plain"}, peer.newest()->transcript().violations);
+}
+
+// ---- Stanzas
+
+std::string grid_request(const std::string &to, const std::string &name) {
+  return "<iq type='get' id='g&amp;1' to='" + to + "'><grid xmlns='quillon' type='request'><" + name +
+         " xmlns='urn:grid'>text</" + name + "></grid></iq>";
+}
+
+TEST(ScriptedPeer, AnswersGridRequests) {
+  Options options = correct();
+  options.act_as_controller = options.echo_queries = true;
+  options.publishers = {"one@d/qlk", "two@d/qlk"};
+  options.controller_answers = {{"odd", "<even/>"}};
+  const ScriptedPeer peer(options);
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::bind, client));
+  client.read_until("</iq>");
+  const std::pair<std::string, std::string> cases[] = {
+      {"connectRequest", "<approvalStatus xmlns='urn:grid'>approved</approvalStatus>"},
+      {"subscribeRequest", "<jid xmlns='urn:grid'>one@d/qlk</jid><jid xmlns='urn:grid'>two@d/qlk</jid></xmppDetails>"},
+      {"initPublishRequest", "<initPublishResponse xmlns='urn:grid'></initPublishResponse></grid>"},
+      {"odd", "<grid xmlns='quillon' type='response'><even/></grid>"},
+      {"other", "<other xmlns='urn:grid'>text</other>"}};
+  for (const auto &[name, words] : cases) {
+    client.send(grid_request("controller@grid.quillon.internal/qlk", name));
+    EXPECT_NE(std::string::npos, client.read_until("</iq>").find(words)) << name;
+  }
+  client.send(grid_request("one@d/qlk", "connectRequest"));
+  EXPECT_EQ(
+      "<iq type='result' id='g&amp;1' to='user@grid.quillon.internal/qlk' from='one@d/qlk'><grid xmlns='quillon' type='response'>"
+      "<connectRequest xmlns='urn:grid'>text</connectRequest></grid></iq>",
+      client.read_until("</iq>"));
+}
+
+TEST(ScriptedPeer, RepliesAsItIsTold) {
+  Options options = correct();
+  options.on_stanza = [](Connection &connection, const Stanza &stanza) {
+    connection.reply(stanza, {.error = "gone", .after = 30ms});
+    connection.reply(stanza, {.payload = "<x/>", .id = "other", .from = "a@b", .copies = 2});
+    return true;
+  };
+  const ScriptedPeer peer(options);
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::established, client));
+  const std::string twice = "<iq type='result' id='other' to='user@grid.quillon.internal/qlk' from='a@b'><x/></iq>";
+  const std::string error = client.read_until("<gone xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error></iq>");
+  EXPECT_EQ(0U, error.find(twice + twice + "<iq type='error' id='p1' to='user@grid.quillon.internal/qlk'><error")) << error;
+}
+
+TEST(ScriptedPeer, IsLedByTheTest) {
+  const ScriptedPeer peer(correct());
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::established, client));
+  client.read_until("</iq>");
+  peer.send("<message/>");
+  EXPECT_EQ("<message/>", client.read_until("/>"));
+  peer.newest()->close_stream();
+  EXPECT_EQ("</stream:stream>", client.read_until("</stream:stream>"));
+  EXPECT_TRUE(client.hears_nothing(10));  // the connection is the client's until it has answered
+  client.send("</stream:stream>");
+  EXPECT_EQ("", client.read_all());
+  EXPECT_TRUE(client.ended_in_order());
+
+  RawClient second(peer.port());
+  ASSERT_TRUE(come_to(Stage::established, second));
+  ASSERT_TRUE(peer.wait_established(10s, 2));
+  peer.newest()->reset();
+  second.read_all();
+  EXPECT_TRUE(second.was_reset());
+}
+
+// ---- Certificates
+
+struct CertificateCase {
+  const char *name;
+  Credentials (*issue)(Identities &);
+  const char *asked_for;
+  long result;
+};
+
+const CertificateCase kCertificates[] = {
+    {"Good",
+     [](Identities &by) {
+       return by.authority.server({.names = {"other", kDomain}});
+     },
+     kDomain, X509_V_OK},
+    {"Address", [](Identities &by) { return by.authority.server({.addresses = {"127.0.0.1"}}); }, "127.0.0.1", X509_V_OK},
+    {"EncryptedKey", [](Identities &by) { return by.authority.server({.names = {kDomain}, .passphrase = "secret"}); }, kDomain,
+     X509_V_OK},
+    {"OtherName", [](Identities &by) { return by.authority.server("other"); }, kDomain, X509_V_ERR_HOSTNAME_MISMATCH},
+    {"Expired", [](Identities &by) { return by.authority.server({.names = {kDomain}, .validity = Validity::expired}); }, kDomain,
+     X509_V_ERR_CERT_HAS_EXPIRED},
+    {"NotYetValid", [](Identities &by) { return by.authority.server({.names = {kDomain}, .validity = Validity::not_yet}); },
+     kDomain, X509_V_ERR_CERT_NOT_YET_VALID},
+    {"SelfSigned", [](Identities &by) { return by.authority.server({.names = {kDomain}, .self_signed = true}); }, kDomain,
+     X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT},
+    {"OtherAuthority", [](Identities &by) { return by.other.server(kDomain); }, kDomain,
+     X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
+    {"WrongUsage", [](Identities &by) { return by.authority.server({.names = {kDomain}, .usage = Usage::client}); }, kDomain,
+     X509_V_ERR_INVALID_PURPOSE},
+};
+
+class ServerCertificate : public testing::TestWithParam<CertificateCase> {};
+
+TEST_P(ServerCertificate, IsAcceptedOrNot) {
+  Identities &identities = Identities::get();
+  Options options = correct();
+  options.certificate = GetParam().issue(identities);
+  const ScriptedPeer peer(options);
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::starttls, client));
+  client.read_until("/>");
+  EXPECT_EQ(GetParam().result == X509_V_OK,
+            client.start_tls(identities.authority.certificate(), identities.client, GetParam().asked_for));
+  EXPECT_EQ(GetParam().result, client.verify_result());
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ServerCertificate, testing::ValuesIn(kCertificates),
+                         [](const auto &one) { return std::string(one.param.name); });
+
+TEST(ScriptedPeer, ChecksTheClientsCertificate) {
+  Identities &identities = Identities::get();
+  struct Case {
+    Credentials credentials;
+    const char *error;
+  };
+  const Case cases[] = {
+      {identities.authority.client({.user = "user", .domain = kDomain, .passphrase = "secret"}), ""},
+      {identities.other.client("user", kDomain), "certificate verify failed"},
+      {identities.authority.client({.user = "u", .domain = kDomain, .validity = Validity::expired}), "certificate verify failed"},
+      {{}, "peer did not return a certificate"}};
+  Options options = correct();
+  options.needs_client_certificate = true;
+  for (const Case &one : cases) {
+    const ScriptedPeer peer(options);
+    RawClient client(peer.port());
+    ASSERT_TRUE(come_to(Stage::starttls, client));
+    client.read_until("/>");
+    client.start_tls(identities.authority.certificate(), one.credentials, kDomain);  // the client may not know it yet
+    EXPECT_TRUE(peer.newest()->wait_until([](const Transcript &seen) { return !seen.tls.version.empty(); }, 10s));
+    EXPECT_EQ(one.error, peer.newest()->transcript().tls_error);
+  }
+}
+
+TEST(ScriptedPeer, KeepsToItsTlsVersions) {
+  Options options = correct();
+  options.tls_version_max = TlsVersion::tls_1_2;
+  const ScriptedPeer older(options);
+  RawClient client(older.port());
+  ASSERT_TRUE(come_to(Stage::sasl, client));
+  EXPECT_EQ("TLSv1.2", older.newest()->transcript().tls.version);
+
+  options.tls_version_min = options.tls_version_max = TlsVersion::tls_1_1;
+  const ScriptedPeer oldest(options);
+  RawClient refused(oldest.port());
+  EXPECT_FALSE(come_to(Stage::sasl, refused));
+}
+
+// ---- Waiting
+
+TEST(Wait, EndsWithTheConditionOrTheDeadline) {
+  Mailbox<int> mailbox;
+  Latch latch(2);
+  std::thread other([&] {
+    mailbox.push(7);
+    latch.count_down();
+    latch.count_down();
+  });
+  EXPECT_EQ(7, mailbox.pop(10s));
+  EXPECT_TRUE(latch.wait(10s));
+  EXPECT_TRUE(eventually(10s, [&] { return mailbox.size() == 0; }));
+  other.join();
+  EXPECT_EQ(std::nullopt, mailbox.pop(1ms));
+  EXPECT_FALSE(Latch().wait(1ms));
+  EXPECT_FALSE(eventually(2ms, [] { return false; }));
+}
+
+}  // namespace
+}  // namespace testpeer
