@@ -1,8 +1,9 @@
 #include "dom_builder.h"
 
 #include <cstring>
+#include <utility>
 
-wb::DomBuilder::DomBuilder(size_t attributes_max) : attributes_max_(attributes_max), table_(NameTable::create()) {}
+wb::DomBuilder::DomBuilder(const BuildOptions &options) : options_(options), table_(NameTable::create()) {}
 
 wb::DomBuilder::~DomBuilder() { table_->release(); }
 
@@ -14,7 +15,7 @@ wb::BuildResult wb::DomBuilder::declare(const char **attributes, Declaration **l
   for (; *attributes != nullptr; attributes += 2) {
     QName *const name = table_->qname(*attributes);
     if (name == nullptr) return BuildResult::bad_namespace;
-    if (++count > attributes_max_) return BuildResult::too_many_attributes;
+    if (++count > options_.attributes_max) return BuildResult::too_many_attributes;
     Prefix *const prefix = name->declares;
     if (prefix == nullptr) {
       written_.push_back(Written{name, attributes[1]});
@@ -56,7 +57,8 @@ wb::BuildResult wb::DomBuilder::open(const char *name, const char **attributes) 
   Element *const element = make_element(*context_, nullptr);
   const bool has_attributes = *attributes != nullptr;
   if (has_attributes) {
-    if (const BuildResult result = declare(attributes, &element->declarations); result != BuildResult::ok) return result;
+    Declaration **const link = options_.keeps_declarations ? &element->declarations : nullptr;
+    if (const BuildResult result = declare(attributes, link); result != BuildResult::ok) return result;
   }
   element->name = table_->element_name(*written);
   if (element->name == nullptr) return BuildResult::bad_namespace;
@@ -83,6 +85,14 @@ wb::BuildResult wb::DomBuilder::enter(const char *name, const char **attributes)
 
 void wb::DomBuilder::text(const char *bytes, size_t length) {
   if (current_ == nullptr) return;
+  if (options_.text_waits) {
+    if (waiting_ != nullptr) {
+      append_text(*waiting_, bytes, length);
+    } else {
+      waiting_ = make_text(*context_, bytes, length);
+    }
+    return;
+  }
   wb_dom_node *const last = current_->last_child;
   if (last != nullptr && last->is_text) {
     append_text(*as_text(last), bytes, length);
@@ -98,6 +108,7 @@ bool wb::DomBuilder::close() {
   }
   --depth_;
   if (current_ == nullptr) return false;
+  if (waiting_ != nullptr) append_child(*current_, *std::exchange(waiting_, nullptr));
   current_ = static_cast<Element *>(current_->parent);
   return current_ == nullptr;
 }

@@ -15,10 +15,19 @@ namespace wb {
 
 enum class BuildResult : uint8_t { ok, bad_namespace, too_many_attributes };
 
+struct BuildOptions {
+  size_t attributes_max = SIZE_MAX;  // of one element, declarations among them
+  // The trees carry the declarations that they were read with.
+  bool keeps_declarations = true;
+  // Text goes to the element whose end tag comes next, all in one: what stands before a child becomes the beginning of the
+  // child's text.
+  bool text_waits = false;
+};
+
 class DomBuilder {
  public:
   // Throws std::bad_alloc, as do open, enter and text.
-  explicit DomBuilder(size_t attributes_max);
+  explicit DomBuilder(const BuildOptions &options);
   ~DomBuilder();
   DomBuilder(const DomBuilder &) = delete;
   DomBuilder &operator=(const DomBuilder &) = delete;
@@ -41,6 +50,13 @@ class DomBuilder {
   // Ends the tree being built as it stands; its open elements stay around what follows, like entered ones.
   void detach() { current_ = nullptr; }
 
+  // Text waits for an end tag.
+  bool has_waiting_text() const { return waiting_ != nullptr; }
+
+  // What the tree being built, and all names so far, take beyond their first block, in bytes.
+  size_t tree_bytes() const { return context_ != nullptr ? context_->arena.reserved() : 0; }
+  size_t names_bytes() const { return table_->reserved(); }
+
   // The names of the peer take so much memory that the parser and this builder should be replaced by fresh ones.
   bool is_full() const { return table_->is_full(); }
 
@@ -61,7 +77,7 @@ class DomBuilder {
   BuildResult declare(const char **attributes, Declaration **link);
   BuildResult put_attributes(Attribute **link);
 
-  const size_t attributes_max_;
+  const BuildOptions options_;
   NameTable *table_;
   std::vector<Undo> undo_;
   std::vector<Written> written_;  // of the element at hand
@@ -70,6 +86,7 @@ class DomBuilder {
   ContextRef context_;
   Element *root_ = nullptr;
   Element *current_ = nullptr;
+  Text *waiting_ = nullptr;
 };
 
 }  // namespace wb

@@ -25,7 +25,7 @@ using ParserPtr = std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserFree>
 
 struct Document {
   ParserPtr parser;
-  wb::DomBuilder builder{SIZE_MAX};
+  wb::DomBuilder builder{wb::BuildOptions{}};
   wb_errcode error = WB_ERR_NONE;
   const char *message = nullptr;
 

@@ -78,6 +78,9 @@ class NameTable {
     return store_.count() + qnames_.count() + prefixes_.count() > kNamesMax || arena_.reserved() > kBytesMax;
   }
 
+  // What the names take beyond the first block, in bytes.
+  size_t reserved() const { return arena_.reserved(); }
+
   static constexpr size_t kNamesMax = 4096;
   static constexpr size_t kBytesMax = 256u << 10;
 

@@ -9,6 +9,7 @@
 
 #include "expat_deferral.h"
 #include "guard.h"
+#include "xml_text.h"
 
 namespace {
 
@@ -22,32 +23,13 @@ bool is_blank(const char *bytes, size_t length) {
   return std::all_of(bytes, bytes + length, [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; });
 }
 
-void append_attribute(std::string &out, std::string_view name, std::string_view value) {
-  out.append(" ").append(name).append("=\"");
-  for (const char c : value) {
-    switch (c) {
-      case '&':
-      case '<':
-      case '"':
-      case '\t':
-      case '\n':
-      case '\r':
-        out.append("&#").append(std::to_string(static_cast<int>(c))).append(";");
-        break;
-      default:
-        out.push_back(c);
-    }
-  }
-  out.push_back('"');
-}
-
 // The start tag of the stream's root, cut down to what the stanzas depend on.
 std::string make_head(const char *name, const wb::Element &root) {
   std::string head = std::string("<") + name;
   for (const wb::Declaration *declaration = root.declarations; declaration != nullptr; declaration = declaration->next) {
     std::string attribute = "xmlns";
     if (declaration->prefix->length != 0) attribute.append(":").append(declaration->prefix->view());
-    append_attribute(head, attribute, declaration->uri->view());
+    wb::append_attribute(head, attribute, declaration->uri->view());
   }
   return head + ">";
 }
@@ -278,7 +260,9 @@ void wb::StreamParser::check_pending() {
 }
 
 void wb::StreamParser::make_parser() {
-  builder_ = std::make_unique<DomBuilder>(limits_.max_attributes);
+  BuildOptions options;
+  options.attributes_max = limits_.max_attributes;
+  builder_ = std::make_unique<DomBuilder>(options);
   parser_.reset(XML_ParserCreate("UTF-8"));
   if (parser_ == nullptr) throw std::bad_alloc();
   given_ = 0;

@@ -83,3 +83,22 @@ bool wb::is_ncname(std::string_view text) {
   }
   return true;
 }
+
+void wb::append_attribute(std::string &out, std::string_view name, std::string_view value) {
+  out.append(" ").append(name).append("=\"");
+  for (const char c : value) {
+    switch (c) {
+      case '&':
+      case '<':
+      case '"':
+      case '\t':
+      case '\n':
+      case '\r':
+        out.append("&#").append(std::to_string(static_cast<int>(c))).append(";");
+        break;
+      default:
+        out.push_back(c);
+    }
+  }
+  out.push_back('"');
+}

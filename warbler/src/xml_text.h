@@ -1,6 +1,7 @@
 // What XML 1.0 and UTF-8 allow: characters, and names in the sense of Namespaces in XML.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace wb {
@@ -23,5 +24,8 @@ bool begins_name(std::string_view text);
 
 // A name without a colon, by the rules of XML 1.0, fifth edition.
 bool is_ncname(std::string_view text);
+
+// Appends a blank and name="value", the value written so that every parser reads it as it is here. Throws std::bad_alloc.
+void append_attribute(std::string &out, std::string_view name, std::string_view value);
 
 }  // namespace wb
