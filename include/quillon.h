@@ -1125,6 +1125,102 @@ QUILLON_API extern const char *const element_tokenreq_name;
 QUILLON_API extern const char *const element_tokenresp_name;
 QUILLON_API extern const char *const element_tokenchild_name;
 
+/* ---- Bulk download ------------------------------------------------------------------------------------------ */
+
+/* Fetches a large XML document from an HTTPS service and hands it out item by item; an item is an element two levels below the
+ * root. The request goes out as a POST with the header "user:" followed by the client's bare JID. A thread of the library
+ * transfers while the application's thread parses: in between are at most 50 pieces of the response as they came, of 16 KiB or
+ * less, and an application that stops calling quillon_bulkdownload_next stops the transfer.
+ *
+ * A document is refused (QUILLON_STATUS_XML_ERROR) when it is not well-formed, declares a document type, nests more than 16384
+ * elements, has a tag or comment of more than 4 MiB, or an item that takes more than 64 MiB of memory. HTTP statuses are not
+ * looked at: what an error page holds is parsed like any other document.
+ *
+ * create, the setters, open, next, close and destroy are for one thread at a time. */
+typedef struct _quillon_bulkdownload quillon_bulkdownload;
+
+/* The state of an open download. */
+typedef struct _quillon_bulkdownload_iter quillon_bulkdownload_iter;
+
+/* Prepares the TLS context, an OpenSSL SSL_CTX *, of the transfer that begins: certificate, key, trusted CAs, verification. On
+ * the transfer thread. quillon_config_fill_ssl_ctx(config, ssl_ctx, true) does what the library would. A context that does not
+ * verify accepts every certificate that bears the host's name. */
+typedef void (*quillon_bulkdownload_ssl_ctx_cb)(quillon_bulkdownload *bulkdownload, void *ssl_ctx, void *user_data);
+
+/* Reserved: the library calls no function of this type. */
+typedef void (*quillon_bulkdownload_open_result_cb)(quillon_bulkdownload *bulkdownload, void *user_data, QUILLON_STATUS status,
+                                                    const char *description, int description_length);
+
+/* Makes an object with nothing set. Applications use quillon_bulkdownload_create. */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_default_create(quillon_bulkdownload **bulkdownload);
+
+/* Makes every pointer of the object NULL without freeing anything. bulkdownload must not be NULL. */
+QUILLON_API void quillon_bulkdownload_default_initialize(quillon_bulkdownload *bulkdownload);
+
+/* Makes a bulk download for the configuration, which must outlive it and have a user name: the name is copied. The certificates
+ * are read at each open.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a configuration without a user name */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_create(quillon_bulkdownload **bulkdownload, quillon_config *config);
+
+/* Frees the object and clears the caller's pointer; a download that is still open is closed first.
+ * Blocks:  as quillon_bulkdownload_close. */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_destroy(quillon_bulkdownload **bulkdownload);
+
+/* Sets what fills the TLS context, and what is passed to it. Until then the configuration fills it. NULL callback: nothing does,
+ * so that there is no client certificate and the server is not verified. */
+QUILLON_API void quillon_bulkdownload_set_ssl_ctx_cb(quillon_bulkdownload *bulkdownload,
+                                                     quillon_bulkdownload_ssl_ctx_cb callback);
+QUILLON_API void quillon_bulkdownload_set_ssl_ctx_cb_user_data(quillon_bulkdownload *bulkdownload, void *user_data);
+
+/* Sets the service's URL, 1 to 65536 bytes.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for one that is empty or too long; the old one is kept */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_set_url(quillon_bulkdownload *bulkdownload, const char *url);
+
+/* Sets the request: an element, which is written as XML at once and stays the caller's. Without success there is no request
+ * afterwards.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_INVALID_ARGS  also for an element of more than 65536 bytes as XML
+ *          QUILLON_STATUS_WB_ERROR      the element is NULL or cannot be written */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_set_request(quillon_bulkdownload *bulkdownload, wb_dom_node *request);
+
+/* Starts the transfer and returns; how it goes is told by quillon_bulkdownload_next. After a close it may be called again.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_INVALID_ARGS  also when there is no request, or the download is open already
+ *          QUILLON_STATUS_REST_ERROR    the transfer thread could not be started */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_open(quillon_bulkdownload *bulkdownload);
+
+/* Hands out the next item. *p_node is NULL with QUILLON_STATUS_OK at the end of the data, which is also where a document ends
+ * that breaks off. The node lives in a context of its own, which the caller ends with
+ * wb_dom_context_destroy(wb_dom_get_context(node)).
+ * Text is found in the element whose end tag comes next: what stands before a child, indentation too, is the beginning of the
+ * child's text, and what follows the last child is the element's own. Namespace declarations are not kept.
+ * Blocks:  until an item is whole, without a limit.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_INVALID_ARGS     also when the download is not open
+ *          QUILLON_STATUS_XML_ERROR        a piece of the response could not be parsed: items that were whole before the fault
+ *                                          come with the following calls, and no others
+ *          QUILLON_STATUS_REST_ERROR, QUILLON_STATUS_REST_INIT_ERROR, QUILLON_STATUS_MALLOC_ERROR
+ *                                          the transfer failed; *p_node may hold an item that came before, and is NULL when there
+ *                                          are no more */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_next(quillon_bulkdownload *bulkdownload, wb_dom_node **p_node);
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_iter_next(quillon_bulkdownload_iter *iter, wb_dom_node **p_node);
+
+/* Ends the download, breaking the transfer off if it is still under way. Nodes that were handed out stay.
+ * Blocks:  for about a second at most, whatever the server does; longer only while a TLS-context callback is running.
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_INVALID_ARGS  also when the download is not open
+ *          QUILLON_STATUS_REST_ERROR    the transfer thread could not be joined; the download is closed all the same */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_close(quillon_bulkdownload *bulkdownload);
+
+/* Ends an open download as quillon_bulkdownload_close does, from its iterator. NULL is harmless. */
+QUILLON_API void quillon_bulkdownload_iter_free(quillon_bulkdownload_iter *iter);
+
+/* Writes what the HTTP library says of the last transfer into description, at most description_length - 1 bytes and a zero; the
+ * rest of it becomes zero too. Faults of the XML are not told.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a length below 1 */
+QUILLON_API QUILLON_STATUS quillon_bulkdownload_get_error_details(quillon_bulkdownload *bulkdownload, char *description,
+                                                                  int description_length);
+
 #ifdef __cplusplus
 }
 #endif

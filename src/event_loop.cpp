@@ -1,10 +1,9 @@
 #include "event_loop.h"
 
-#include <signal.h>
-
 #include <chrono>
 
 #include "guard.h"
+#include "signals_blocked.h"
 
 namespace qlk {
 
@@ -15,22 +14,6 @@ namespace {
 constexpr std::chrono::seconds kLeavingTime{5};
 
 thread_local const EventLoop *dispatched_here = nullptr;
-
-// Signals of the application are for its own threads: a thread started while this lives blocks them all.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous_);
-  }
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-  SignalsBlocked(const SignalsBlocked &) = delete;
-  SignalsBlocked &operator=(const SignalsBlocked &) = delete;
-
- private:
-  sigset_t previous_;
-};
 
 }  // namespace
 

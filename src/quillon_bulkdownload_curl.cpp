@@ -1,0 +1,273 @@
+#include "quillon_bulkdownload_curl.h"
+
+#include <openssl/ssl.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "guard.h"
+#include "owners.h"
+#include "pthread_lock.h"
+#include "quillon_bulkdownload.h"
+#include "quillon_grid.h"
+#include "signals_blocked.h"
+
+namespace {
+
+constexpr size_t CURL_TO_WBLOG_BUFFER_SIZE = 32768;
+constexpr char contentFormat[] = R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?> )";
+constexpr char xmltaghead[] = "Content-Type: application/xml";
+constexpr char usertag[] = "user:";
+constexpr char domain[] = "@" GRID_DOMAIN;
+
+struct EasyCleanup {
+  void operator()(CURL *handle) const { curl_easy_cleanup(handle); }
+};
+using EasyPtr = std::unique_ptr<CURL, EasyCleanup>;
+struct SlistFree {
+  void operator()(curl_slist *list) const { curl_slist_free_all(list); }
+};
+using SlistPtr = std::unique_ptr<curl_slist, SlistFree>;
+
+// What curl reads until the transfer is over.
+struct Transfer {
+  qlk::StringPtr user;
+  EasyPtr handle;
+  SlistPtr headers;
+  qlk::StringPtr body;
+  char error[CURL_ERROR_SIZE];
+};
+
+// curl's global state is counted, and since 7.84 setting it up is safe beside other users of curl in the process. It is never
+// given back: others may be inside curl at any time, and it is one block for the life of the process.
+bool is_curl_ready() {
+  static const bool ready = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+  return ready;
+}
+
+// curl asks here at least once a second, also while it resolves the name, connects or waits: what lets a close break it off.
+int on_progress(void *userdata, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return static_cast<const qlk::ThrdsSharedData *>(userdata)->stopWrite ? 1 : 0;
+}
+
+void append_header(SlistPtr &headers, const char *line) {
+  if (curl_slist *const longer = curl_slist_append(headers.get(), line); longer != nullptr) {
+    static_cast<void>(headers.release());
+    headers.reset(longer);
+  }
+}
+
+// "user:" and the bare JID; empty when something is missing.
+void fill_user_header(quillon_string *header, const quillon_string *user_name) {
+  const bool filled = quillon_string_assign_cstr(header, usertag, sizeof usertag - 1) == QUILLON_STATUS_OK &&
+                      quillon_string_append(header, user_name) == QUILLON_STATUS_OK &&
+                      quillon_string_append_cstr(header, domain, sizeof domain - 1) == QUILLON_STATUS_OK;
+  if (!filled) quillon_string_set_data_len(header, 0);
+}
+
+void set_url(CURL *handle, const quillon_string *url) {
+  const bool given = quillon_string_validate(url);
+  wb_log(given ? WB_LOG_INFO : WB_LOG_ERROR, "curl_easy_setopt() for CURLOPT_URL: '%s'\n", quillon_string_cstr(url));
+  if (given) curl_easy_setopt(handle, CURLOPT_URL, quillon_string_cstr(url));
+}
+
+void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
+  const quillon_bulkdownload &bulkdownload = *iter.bulkdownload;
+  CURL *const handle = transfer.handle.get();
+  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer.error);
+  curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, qlk::curl_logtrace);
+  curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
+  transfer.body.reset(qlk::createRequestContent(&bulkdownload));
+  set_url(handle, bulkdownload.zebUrl);
+  append_header(transfer.headers, xmltaghead);
+  fill_user_header(transfer.user.get(), bulkdownload.user_name);
+  if (quillon_string_validate(transfer.user.get())) append_header(transfer.headers, quillon_string_cstr(transfer.user.get()));
+  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, transfer.headers.get());
+  curl_easy_setopt(handle, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_ANY));
+  // The peer is verified by the TLS context as the callback prepares it.
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+  if (quillon_string_validate(transfer.body.get())) {
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, quillon_string_cstr(transfer.body.get()));
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(quillon_string_length(transfer.body.get())));
+  }
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, qlk::write);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &iter.thrdsSharedData);
+  if (bulkdownload.ssl_ctx_cb != nullptr) {
+    curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, qlk::_ssl_ctx_cb);
+    curl_easy_setopt(handle, CURLOPT_SSL_CTX_DATA, &iter);
+  }
+
+  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, on_progress);
+  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &iter.thrdsSharedData);
+  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_PROXY, "");  // else one is taken from the environment
+#if LIBCURL_VERSION_NUM >= 0x075700
+  curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // a name that is still being looked up does not hold a close
+#endif
+}
+
+void perform(Transfer &transfer, quillon_bulkdownload_iter &iter) {
+  quillon_bulkdownload &bulkdownload = *iter.bulkdownload;
+  quillon_string *user = nullptr;
+  const bool made = quillon_string_default_create(&user) == QUILLON_STATUS_OK;
+  transfer.user.reset(user);
+  if (!made) {
+    bulkdownload.status = QUILLON_STATUS_MALLOC_ERROR;
+    return wb_log(WB_LOG_ERROR, "curlThrdFunc failed: QUILLON_STATUS_MALLOC_ERROR at file %s line %d\n", __FILE__, __LINE__);
+  }
+  bulkdownload.status = QUILLON_STATUS_OK;
+  if (is_curl_ready()) transfer.handle.reset(curl_easy_init());
+  if (transfer.handle == nullptr) {
+    bulkdownload.status = QUILLON_STATUS_REST_INIT_ERROR;
+    return wb_log(WB_LOG_ERROR, "curlThrdFunc failed: unable to initialize curl at file %s line %d\n", __FILE__, __LINE__);
+  }
+  set_options(transfer, iter);
+  const CURLcode result = curl_easy_perform(transfer.handle.get());
+  bulkdownload.curlErrorCode = result;
+  bulkdownload.status = result == CURLE_OK ? QUILLON_STATUS_OK : QUILLON_STATUS_REST_ERROR;
+  if (result == CURLE_OK) return;
+  wb_log(WB_LOG_ERROR, "curl_easy_perform() failed: (%d) %s at file %s line %d\n", static_cast<int>(result),
+         curl_easy_strerror(result), __FILE__, __LINE__);
+}
+
+void finish(qlk::ThrdsSharedData &shared) {
+  const qlk::PthreadLock lock(shared.mutex);
+  shared.curlThrdFinished = true;
+  pthread_cond_signal(&shared.notEmpty);
+}
+
+// Waits until the slot at head may be filled. False: the transfer is to give up.
+bool wait_for_room(qlk::ThrdsSharedData &shared) {
+  const qlk::PthreadLock lock(shared.mutex);
+  while (shared.count == qlk::kChunksMax && !shared.stopWrite) pthread_cond_wait(&shared.notFull, &shared.mutex);
+  return !shared.stopWrite;
+}
+
+// Puts the bytes into the slot, into its old memory if there is room. False when memory is exhausted; the slot is empty then.
+bool fill_slot(qlk::ThrdsSharedData &shared, size_t slot, const char *bytes, size_t length) {
+  char *&chunk = shared.chunkArr[slot];
+  if (chunk == nullptr || shared.chunkCapacity[slot] < length + 1) {
+    std::free(chunk);
+    chunk = static_cast<char *>(std::malloc(length + 1));
+    shared.chunkCapacity[slot] = chunk != nullptr ? length + 1 : 0;
+    if (chunk == nullptr) return false;
+  }
+  std::memcpy(chunk, bytes, length);
+  chunk[length] = '\0';
+  shared.chunkLength[slot] = length;
+  return true;
+}
+
+}  // namespace
+
+void qlk::initThrdsSharedData(ThrdsSharedData *shared) {
+  if (shared == nullptr) return;
+  std::fill(std::begin(shared->chunkArr), std::end(shared->chunkArr), nullptr);
+  std::fill(std::begin(shared->chunkLength), std::end(shared->chunkLength), 0);
+  std::fill(std::begin(shared->chunkCapacity), std::end(shared->chunkCapacity), 0);
+  shared->head = shared->tail = shared->count = 0;
+  shared->curlThrdFinished = false;
+  shared->stopWrite = false;
+  pthread_mutex_init(&shared->mutex, nullptr);
+  pthread_cond_init(&shared->notEmpty, nullptr);
+  pthread_cond_init(&shared->notFull, nullptr);
+}
+
+void qlk::freeThrdsSharedData(ThrdsSharedData *shared) {
+  if (shared == nullptr) return;
+  for (char *&chunk : shared->chunkArr) {
+    std::free(chunk);
+    chunk = nullptr;
+  }
+  pthread_mutex_destroy(&shared->mutex);
+  pthread_cond_destroy(&shared->notEmpty);
+  pthread_cond_destroy(&shared->notFull);
+}
+
+qlk::BulkDownloadErrorCode qlk::curlInvoke(quillon_bulkdownload_iter *iter) {
+  if (iter == nullptr) return eERR_FAILED;
+  // A write to a connection that the server has closed raises SIGPIPE, which curl leaves to us.
+  const SignalsBlocked blocked;
+  iter->is_started = pthread_create(&iter->thrd, nullptr, curlThrdFunc, iter) == 0;
+  if (iter->is_started) return eERR_SUCC;
+  wb_log(WB_LOG_ERROR, "pthread_create() failed at file %s line %d\n", __FILE__, __LINE__);
+  return eERR_FAILED;
+}
+
+qlk::BulkDownloadErrorCode qlk::curlEnd(quillon_bulkdownload_iter *iter) {
+  if (iter == nullptr) return eERR_FAILED;
+  ThrdsSharedData &shared = iter->thrdsSharedData;
+  {
+    const PthreadLock lock(shared.mutex);
+    shared.stopWrite = true;
+    pthread_cond_signal(&shared.notFull);
+  }
+  const bool joined = iter->is_started && pthread_join(iter->thrd, nullptr) == 0;
+  iter->is_started = false;
+  if (joined) return eERR_SUCC;
+  wb_log(WB_LOG_ERROR, "pthread_join() failed at file %s line %d\n", __FILE__, __LINE__);
+  return eERR_FAILED;
+}
+
+quillon_string *qlk::createRequestContent(const quillon_bulkdownload *bulkdownload) {
+  if (bulkdownload == nullptr) return nullptr;
+  quillon_string *content = nullptr;
+  if (quillon_string_create(&content, contentFormat, sizeof contentFormat - 1) != QUILLON_STATUS_OK) return nullptr;
+  if (bulkdownload->request == nullptr || quillon_string_append(content, bulkdownload->request) != QUILLON_STATUS_OK) {
+    wb_log(WB_LOG_ERROR, "quillon_string_insert_cstr() failed at file %s line %d\n", __FILE__, __LINE__);
+  }
+  return content;
+}
+
+void *qlk::curlThrdFunc(void *userdata) {
+  trace(__func__);
+  auto *const iter = static_cast<quillon_bulkdownload_iter *>(userdata);
+  if (iter == nullptr || iter->bulkdownload == nullptr) {
+    wb_log(WB_LOG_ERROR, "curlThrdFunc failed: Invalid user data at file %s line %d\n", __FILE__, __LINE__);
+    if (iter != nullptr) finish(iter->thrdsSharedData);
+    return nullptr;
+  }
+  Transfer transfer;
+  perform(transfer, *iter);
+  finish(iter->thrdsSharedData);
+  return nullptr;
+}
+
+size_t qlk::write(char *ptr, size_t size, size_t nmemb, void *userdata) {
+  if (userdata == nullptr) return 0;
+  trace(__func__);
+  const size_t length = size * nmemb;
+  wb_log(WB_LOG_DEBUG, "Curl write callback - chunk size = %zu bytes\n", length);
+  ThrdsSharedData &shared = *static_cast<ThrdsSharedData *>(userdata);
+  if (!wait_for_room(shared)) return 0;
+  const bool filled = fill_slot(shared, shared.head, ptr, length);
+  if (!filled) wb_log(WB_LOG_ERROR, "malloc() failed at file %s line %d\n", __FILE__, __LINE__);
+  const PthreadLock lock(shared.mutex);
+  ++shared.count;
+  if (filled) shared.head = (shared.head + 1) % kChunksMax;
+  pthread_cond_signal(&shared.notEmpty);
+  return filled ? length : 0;
+}
+
+int qlk::curl_logtrace(CURL * /*handle*/, curl_infotype type, char *data, size_t size, void * /*userp*/) {
+  if (type != CURLINFO_TEXT || wb_log_get_level() < WB_LOG_DEBUG) return 0;
+  char text[CURL_TO_WBLOG_BUFFER_SIZE];
+  const size_t length = std::min(size, sizeof text - 1);
+  std::memcpy(text, data, length);
+  text[length] = '\0';
+  wb_log(WB_LOG_DEBUG, "CURL Info: %s", text);
+  return 0;
+}
+
+CURLcode qlk::_ssl_ctx_cb(CURL * /*curl*/, void *sslctx, void *parm) {
+  trace(__func__);
+  if (parm == nullptr) return CURLE_GOT_NOTHING;
+  // curl lets the environment name a file for the session's secrets.
+  if (sslctx != nullptr) SSL_CTX_set_keylog_callback(static_cast<SSL_CTX *>(sslctx), nullptr);
+  quillon_bulkdownload &bulkdownload = *static_cast<quillon_bulkdownload_iter *>(parm)->bulkdownload;
+  bulkdownload.ssl_ctx_cb(&bulkdownload, sslctx, bulkdownload.ssl_ctx_cb_user_data);
+  return CURLE_OK;
+}
