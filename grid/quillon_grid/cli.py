@@ -21,8 +21,8 @@ ACCOUNT_COMMANDS = {
 
 
 def make_parser():
-    parser = argparse.ArgumentParser(prog="quillon-grid", description="A local grid for development and tests: an XMPP server of its own and "
-                                     "the controller, in one folder.", epilog="exit codes: 0 done, 1 failed or refused, 2 wrong usage, 3 not up")
+    parser = argparse.ArgumentParser(prog="quillon-grid", description="A local grid for development and tests: an XMPP server of its own, "
+                                     "the controller and the bulk service, in one folder.", epilog="exit codes: 0 done, 1 failed or refused, 2 wrong usage, 3 not up")
     parser.add_argument("--folder", default=os.environ.get("QUILLON_GRID_FOLDER") or ".grid",
                         help="where the grid lives (default: $QUILLON_GRID_FOLDER, else ./.grid)")
     # Also accepted after the command; absent there, it must not undo what came before.
@@ -35,7 +35,7 @@ def make_parser():
         sub.set_defaults(run=run)
         return sub
 
-    up = command("up", run_up, "starts the server and the controller, and returns when the grid is ready")
+    up = command("up", run_up, "starts the server, the controller and the bulk service, and returns when the grid is ready")
     up.add_argument("--foreground", action="store_true", help="stay, and take the grid down at the end (Ctrl-C)")
     up.add_argument("--lifeline", action="store_true", help="with --foreground: end when standard input ends, that is, with the caller")
     up.add_argument("--port", type=port_number, default=0, help="the server's port on 127.0.0.1 (default: 0, a free one, which is kept)")
@@ -45,7 +45,7 @@ def make_parser():
     up.add_argument("--domain", help=f"the XMPP domain (default: as before, at first {DOMAIN})")
     command("down", run_down, "stops the grid; accounts, capabilities and certificates stay in the folder")
     command("status", run_status, "tells whether the grid is up, and counts")
-    command("env", run_env, "prints NAME=value lines for the shell: address, port, domain and CA certificate")
+    command("env", run_env, "prints NAME=value lines for the shell: address, port, domain, CA certificate and bulk service")
     command("server-stop", lambda grid, _: grid.server_stop(), "stops the XMPP server only")
     start = command("server-start", lambda grid, options: grid.server_start(not options.no_wait), "starts the XMPP server on the port it had")
     start.add_argument("--no-wait", action="store_true", help="do not wait until the controller has come back")
@@ -105,16 +105,19 @@ def run_status(grid, _):
     print(f"server: running at {grid.host}, process {grid.state['server']['pid']}" if server else "server: stopped")
     print(f"controller: {status.get('state', 'not answering')}, process {grid.state['controller']['pid']}" if controller else
           "controller: stopped")
+    bulk = grid.is_bulk_running()
+    print(f"bulk service: running at {grid.bulk_url}, process {grid.state['bulk']['pid']}" if bulk else "bulk service: stopped")
     for name, value in status.items():
         if name != "state":
             print(f"{name}: {value}")
-    return 0 if server and status.get("state") == "ready" else 3
+    return 0 if server and bulk and status.get("state") == "ready" else 3
 
 
 def run_env(grid, _):
     if grid.state["port"] is None:
         raise GridError(f"there is no grid in {grid.folder}", 3)
-    values = {"FOLDER": grid.folder, "DOMAIN": grid.domain, "HOST": grid.host, "PORT": str(grid.state["port"]), "CA": grid.ca}
+    values = {"FOLDER": grid.folder, "DOMAIN": grid.domain, "HOST": grid.host, "PORT": str(grid.state["port"]), "CA": grid.ca,
+              "BULK_PORT": str(grid.state["bulk_port"]), "BULK_URL": grid.bulk_url}
     for name, value in values.items():
         print(f"QUILLON_GRID_{name}={shlex.quote(value)}")
 

@@ -12,7 +12,7 @@ import select
 import signal
 import sys
 
-from . import certificates, control, processes, prosody
+from . import bulk, certificates, control, processes, prosody
 from .errors import GridError
 
 DOMAIN = "grid.quillon.internal"
@@ -22,21 +22,22 @@ READY_SECONDS = 60
 USER_NAME = re.compile(r"[A-Za-z0-9][A-Za-z0-9._-]{0,63}")
 
 
-def find_controller():
-    """The controller's program: named by the environment, beside this command, or in a build folder, the released one first."""
+def find_program(name, variable, beside=None):
+    """One of the grid's programs: named by the environment, beside another, beside this command, or in a build folder, the released one first."""
     grid = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     build = os.path.join(os.path.dirname(grid), "build")
-    named = os.environ.get("QUILLON_GRID_CONTROLLER")
+    named = os.environ.get(variable)
     if named:
         return named
-    first = [os.path.join(grid, "quillon-controller"), os.path.join(build, "release", "grid", "quillon-controller")]
+    first = [os.path.join(os.path.dirname(beside), name)] if beside else []
+    first += [os.path.join(grid, name), os.path.join(build, "release", "grid", name)]
     with contextlib.suppress(OSError):
-        built = [os.path.join(build, name, "grid", "quillon-controller") for name in os.listdir(build)]
+        built = [os.path.join(build, folder, "grid", name) for folder in os.listdir(build)]
         first += sorted(filter(os.path.exists, built), key=os.path.getmtime, reverse=True)
     for path in first:
         if os.access(path, os.X_OK):
             return path
-    raise GridError("the program quillon-controller is not built: build it, or tell where it is with --controller")
+    raise GridError(f"the program {name} is not built: build it, or tell where it is with ${variable}")
 
 
 class Grid:
@@ -44,7 +45,8 @@ class Grid:
         self.folder = os.path.abspath(folder)
         self.children = {}
         self.exit_codes = {}
-        self.state = {"domain": None, "port": None, "approval": "auto", "server": None, "controller": None, "server_wanted": False}
+        self.state = {"domain": None, "port": None, "approval": "auto", "server": None, "controller": None, "server_wanted": False,
+                      "bulk": None, "bulk_port": None}
         self.load()
 
     def path(self, *names):
@@ -85,6 +87,10 @@ class Grid:
         return f"127.0.0.1:{self.state['port']}"
 
     @property
+    def bulk_url(self):
+        return f"https://127.0.0.1:{self.state['bulk_port']}/bulk"
+
+    @property
     def ca(self):
         return self.path("certificates", "ca.pem")
 
@@ -97,6 +103,9 @@ class Grid:
     def is_controller_running(self):
         return processes.is_running(self.state["controller"])
 
+    def is_bulk_running(self):
+        return processes.is_running(self.state["bulk"])
+
     def set_domain(self, domain):
         if domain and self.state["domain"] not in (None, domain):
             raise GridError(f"this grid's certificates are for {self.state['domain']}: use another folder for {domain}", 2)
@@ -107,7 +116,7 @@ class Grid:
     def up(self, port=0, approval=None, controller=None, domain=None):
         """Returns when the grid is ready. False when it was up already."""
         with self.locked(create=True):
-            if self.is_server_running() and self.is_controller_running():
+            if self.is_server_running() and self.is_controller_running() and self.is_bulk_running():
                 return False
             keeps_server = self.is_server_running() and port in (0, self.state["port"])  # its controller died: the clients need not notice
             if not keeps_server:
@@ -115,15 +124,19 @@ class Grid:
             self.set_domain(domain)
             if approval:
                 self.state["approval"] = approval
-            program = os.path.abspath(controller or find_controller())
+            program = os.path.abspath(controller or find_program("quillon-controller", "QUILLON_GRID_CONTROLLER"))
             if not os.access(program, os.X_OK):
                 raise GridError(f"{program} is not a program")
+            bulk_program = os.path.abspath(find_program("quillon-bulk", "QUILLON_GRID_BULK", program))
             prosody.program()
             self.make_certificates()
             try:
                 if not keeps_server:
                     self.start_server(port)
-                self.start_controller(program)
+                if not self.is_controller_running():
+                    self.start_controller(program)
+                if not self.is_bulk_running():
+                    self.start_bulk(bulk_program)
                 self.wait_until_ready()
             except BaseException:
                 self.stop_processes()
@@ -135,7 +148,7 @@ class Grid:
         if not os.path.isdir(self.folder):
             return False
         with self.locked():
-            running = self.is_server_running() or self.is_controller_running()
+            running = self.is_server_running() or self.is_controller_running() or self.is_bulk_running()
             self.stop_processes()
             return running
 
@@ -143,7 +156,7 @@ class Grid:
         self.state["server_wanted"] = False
         if os.path.exists(self.path("grid.json")):
             self.save()
-        for name in ("controller", "server"):  # the controller takes its leave of the server
+        for name in ("bulk", "controller", "server"):  # the controller takes its leave of the server
             self.stop_process(name)
 
     def stop_process(self, name):
@@ -191,6 +204,20 @@ class Grid:
                    "--database", self.path("controller.sqlite"), "--control", control.NAME, "--approval", self.state["approval"]]
         self.state["controller"], self.children["controller"] = processes.start(command, self.path("controller.log"), self.folder)
         self.save()
+
+    def start_bulk(self, program):
+        """On the port that it had before if that is free, else on a free one."""
+        for _ in range(PORT_ATTEMPTS):
+            kept = self.state["bulk_port"]
+            port = kept if kept and processes.is_port_free(kept) else processes.pick_port()
+            started = bulk.start(program, self.folder, self.domain, self.ca, port)
+            if started is not None:
+                self.state["bulk"], self.children["bulk"] = started
+                self.state["bulk_port"] = port
+                self.save()
+                return
+            self.state["bulk_port"] = None
+        raise GridError("no port could be had for the bulk service")
 
     def wait_until_ready(self):
         child = self.children.get("controller")
@@ -275,9 +302,10 @@ class Grid:
         self.down()
         if complaint is not None:
             raise GridError(f"{complaint}; see the logs in {self.folder}")
-        if self.exit_codes.get("controller", 0) != 0:
-            log = self.path("controller.log")
-            raise GridError(f"the controller ended with code {self.exit_codes['controller']}; the end of {log}:\n{processes.tail(log, 60)}")
+        for name, title in (("controller", "the controller"), ("bulk", "the bulk service")):
+            if self.exit_codes.get(name, 0) != 0:
+                log = self.path(f"{name}.log")
+                raise GridError(f"{title} ended with code {self.exit_codes[name]}; the end of {log}:\n{processes.tail(log, 60)}")
         return 0
 
     def reap(self):
@@ -289,4 +317,6 @@ class Grid:
             return "the controller has ended" if self.state["controller"] is not None else None
         if self.state["server_wanted"] and not self.is_server_running():
             return "the XMPP server has ended"
+        if self.state["bulk"] is not None and not self.is_bulk_running():
+            return "the bulk service has ended"
         return None
