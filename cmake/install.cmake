@@ -1,11 +1,14 @@
-# What `cmake --install` lays down: headers, both kinds of both libraries, and how pkg-config and CMake find them.
+# What `cmake --install` lays down: headers, both kinds of both libraries, and how pkg-config and CMake find them. The components are what
+# running programs need (runtime), what building them needs (development), and the commands (tools).
 include(CMakePackageConfigHelpers)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 
 install(DIRECTORY include/ warbler/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 install(FILES LICENSE README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # Two sets: who links the shared libraries needs none of the packages that the archives need.
-install(TARGETS qlk_shared warbler_shared EXPORT libqlk-shared)
+install(TARGETS qlk_shared warbler_shared EXPORT libqlk-shared
+        LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
 install(TARGETS qlk_static warbler_static EXPORT libqlk-static)
 # libqlk finds the libwarbler beside it, wherever the two are laid.
 set_target_properties(qlk_shared PROPERTIES INSTALL_RPATH "\$ORIGIN")
