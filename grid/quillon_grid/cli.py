@@ -7,7 +7,7 @@ import os
 import shlex
 import sys
 
-from . import control
+from . import control, profile
 from .errors import GridError
 from .grid import DOMAIN, Grid
 
@@ -54,7 +54,8 @@ def make_parser():
     certificate.add_argument("--days", type=int, default=3650, help="how long it lasts; below 0: it has expired")
     certificate.add_argument("--name", help="the one name that it bears instead of the grid's")
 
-    enroll = command("enroll", run_enroll, "issues a user's certificate and key, and prints their paths; needs no running grid")
+    enroll = command("enroll", run_enroll, "issues a user's certificate and key, writes a profile for qlk beside "
+                     "them, and prints the three paths; needs no running grid")
     enroll.add_argument("user", metavar="USER")
     enroll.add_argument("--days", type=int, help="how long the certificate lasts (365); below 0: it has expired")
     enroll.add_argument("--passphrase-file", metavar="FILE", help="encrypt the key with the first line of this file")
@@ -124,8 +125,13 @@ def run_env(grid, _):
 
 def run_enroll(grid, options):
     passphrase = options.passphrase_file and os.path.abspath(options.passphrase_file)
-    for path in grid.enroll(options.user, options.days, passphrase, options.renew, options.domain):
-        print(path)
+    certificate, key = grid.enroll(options.user, options.days, passphrase, options.renew, options.domain)
+    path = os.path.join(os.path.dirname(certificate), "profile.toml")
+    has_port = grid.state["port"] is not None
+    has_bulk = grid.state["bulk_port"] is not None
+    profile.write(path, options.user, grid.host if has_port else None, grid.ca, certificate, key, passphrase,
+                  grid.bulk_url if has_bulk else None)
+    print(certificate, key, path, sep="\n")
 
 
 def run_control(*fields):

@@ -1,0 +1,77 @@
+#include "connect.h"
+
+#include <poll.h>
+
+#include "session.h"
+#include "terminal.h"
+
+namespace tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char *title_of(Step step) {
+  switch (step) {
+    case Step::host:
+      return "host";
+    case Step::address:
+      return "address";
+    case Step::tls:
+      return "TLS";
+    case Step::peer:
+      return "peer";
+    case Step::sasl:
+      return "SASL";
+    case Step::session:
+      return "session";
+    case Step::account:
+      break;
+  }
+  return "account";
+}
+
+void print_step(Step step, const std::string &text) {
+  std::string title = title_of(step);
+  title.resize(10, ' ');
+  print_line(paint(stdout, Style::strong, title) + text);
+  flush_output();
+}
+
+// Until the user ends it; throws Failure when the session is lost.
+void stay(const Session &session, const Stop &stop) {
+  for (;;) {
+    pollfd waited[] = {{stop.descriptor(), POLLIN, 0}, {session.lost_descriptor(), POLLIN, 0}};
+    poll(waited, 2, -1);
+    stop.check();
+    if (session.is_lost()) throw Failure(ExitCode::no_connection, "the session is lost: " + session.lost_reason());
+  }
+}
+
+ExitCode run(const Context &context, Stop &stop, bool stays) {
+  const Settings settings = complete_settings(context.connection, stop);
+  const auto begin = Clock::now();
+  Session session(settings, stop, print_step);
+  session.join();
+  const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  char text[64];
+  std::snprintf(text, sizeof text, "joined the grid in %.0f ms", seconds * 1000);
+  print_line(paint(stdout, Style::good, text));
+  flush_output();
+  if (stays) stay(session, stop);
+  return ExitCode::done;
+}
+
+}  // namespace
+
+void add_connect_command(CLI::App &app, Context &context) {
+  const auto stays = std::make_shared<bool>(false);
+  CLI::App *command =
+      add_command(app, context, "connect", "Joins the grid and tells each step: address, TLS, peer, SASL, session, account",
+                  "  qlk connect\n"
+                  "  qlk connect --profile .grid/users/alice/profile.toml --stay",
+                  [&context, stays](Stop &stop) { return run(context, stop, *stays); });
+  command->add_flag("--stay", *stays, "Stay in the grid until Ctrl-C, and tell when the session is lost");
+}
+
+}  // namespace tool

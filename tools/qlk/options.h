@@ -1,0 +1,62 @@
+// The options that every command shares, and the settings that come of them and of the profile.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "failure.h"
+#include "profile.h"
+#include "secret.h"
+#include "stop.h"
+
+namespace tool {
+
+struct ConnectionOptions {
+  std::string profile, user, certificate, key, ca, description;
+  std::vector<std::string> hosts, groups;
+  int passphrase_fd = -1;
+  int timeout_seconds = 0;
+  int verbosity = 0;
+};
+
+struct Settings {
+  std::string profile_path;  // empty: none was read
+  Profile values;
+  Secret passphrase;
+};
+
+// What the commands share. The one that was named puts itself into run.
+struct Context {
+  ConnectionOptions connection;
+  std::function<ExitCode(Stop &)> run;
+};
+
+// The profile with the options over it; nothing is checked but that the profile can be read.
+Settings merge_settings(const ConnectionOptions &options);
+
+// The same, complete: whatever a connection needs is there, and the key can be opened; the pass phrase is asked for where it has
+// to be. Throws Failure naming what is missing.
+Settings complete_settings(const ConnectionOptions &options, const Stop &stop);
+
+// The pass phrase from the file descriptor, the profile's file, or the terminal. True when it came from the terminal.
+bool obtain_passphrase(const ConnectionOptions &options, const Stop &stop, Settings &settings);
+
+// A command with its text, its examples and the options of the connection. body is run once everything is parsed.
+CLI::App *add_command(CLI::App &app, Context &context, const std::string &name, const std::string &text,
+                      const std::string &examples, std::function<ExitCode(Stop &)> body);
+
+// Lays the help out in 80 columns.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  HelpFormatter();
+  std::string make_description(const CLI::App *app) const override;
+  std::string make_option(const CLI::Option *option, bool is_positional) const override;
+  std::string make_option_opts(const CLI::Option *option) const override;
+  std::string make_subcommand(const CLI::App *command) const override;
+};
+
+}  // namespace tool
