@@ -24,7 +24,11 @@ std::string Grid::run(const std::string &arguments) const {
   return output;
 }
 
-void Grid::administrate(const std::string &arguments) const { run(arguments); }
+std::string Grid::administrate(const std::string &arguments) const {
+  std::string printed = run(arguments);
+  if (!printed.empty() && printed.back() == '\n') printed.pop_back();
+  return printed;
+}
 
 std::string Grid::value(const std::string &name) const {
   const size_t at = environment_.find("\n" + name + "=");

@@ -10,12 +10,14 @@ class Grid {
   // command is the path of quillon-grid, folder that of a grid which is up.
   Grid(std::string command, std::string folder);
 
-  // Runs an administrator's command, such as "approve bob"; ends the program when it fails.
-  void administrate(const std::string &arguments) const;
+  // Runs an administrator's command, such as "approve bob", and returns what it prints, without the last line's end; ends the
+  // program when it fails.
+  std::string administrate(const std::string &arguments) const;
 
   const std::string &command() const { return command_; }
   const std::string &folder() const { return folder_; }
   std::string host() const { return value("QUILLON_GRID_HOST"); }
+  std::string bulk_url() const { return value("QUILLON_GRID_BULK_URL"); }
   std::string ca() const { return value("QUILLON_GRID_CA"); }
   std::string certificate(const std::string &user) const { return folder_ + "/users/" + user + "/certificate.pem"; }
   std::string key(const std::string &user) const { return folder_ + "/users/" + user + "/key.pem"; }

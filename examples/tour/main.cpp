@@ -1,45 +1,22 @@
 // A tour of the grid: everything it prints has just come over the wire. Usage: tour QUILLON-GRID-COMMAND FOLDER
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <thread>
-#include <vector>
 
+#include "board.h"
+#include "catalogue.h"
+#include "comeback.h"
+#include "download.h"
 #include "member.h"
 #include "publisher.h"
 
 namespace {
 
+using tour::Board;
 using tour::Grid;
+using tour::kPatience;
 using tour::Member;
-
-constexpr std::chrono::seconds kPatience{20};
-
-// What the library's threads tell the tour's.
-class Board {
- public:
-  void note(const std::string &text) {
-    const std::lock_guard lock(mutex_);
-    notes_.push_back(text);
-    changed_.notify_all();
-  }
-  // The notes, once there are so many; ends the program when they do not come.
-  std::vector<std::string> wait_for(size_t count) {
-    std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, kPatience, [&] { return notes_.size() >= count; })) {
-      std::fprintf(stderr, "waited in vain: %zu of %zu came\n", notes_.size(), count);
-      std::exit(1);
-    }
-    return notes_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> notes_;
-};
 
 void note_account(quillon_connection *, QUILLON_STATUS status, void *board) {
   static_cast<Board *>(board)->note(quillon_status_get_message(status));
@@ -88,16 +65,59 @@ void wait_for_publishers(quillon_capability *capability, int32_t count) {
   }
 }
 
-void ask(Member &bob, const std::string &day) {
+// Asks the capability's publishers with <name>text</name>.
+void ask(const Member &bob, const std::string &text, const char *name = "day") {
   const auto began = std::chrono::steady_clock::now();
   wb_dom_node *answer = nullptr;
-  Member::expect_ok(quillon_connection_query(bob.connection(), bob.capability(), Member::payload("day", day), &answer), "ask");
+  Member::expect_ok(quillon_connection_query(bob.connection(), bob.capability(), Member::payload(name, text), &answer), "ask");
   const auto took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - began);
   char line[256];
-  std::snprintf(line, sizeof line, "asked about %s: %s (%.1f ms)", day.c_str(), Member::text_of(answer).c_str(),
+  std::snprintf(line, sizeof line, "asked about %s: %s (%.1f ms)", text.c_str(), Member::text_of(answer).c_str(),
                 static_cast<double>(took.count()) / 1000);
   Member::say("bob", line);
   wb_dom_context_destroy(wb_dom_get_context(answer));
+}
+
+// The publisher sends so many notifications, and bob's board gets them.
+void expect_notifications(tour::PublisherProcess &publisher, Board &readings, size_t count) {
+  const size_t before = readings.count();
+  publisher.send_notifications(count);
+  publisher.wait_for("sent");
+  const auto all = readings.wait_for(before + count);
+  std::string received;
+  for (size_t i = before; i < all.size(); ++i) received += " " + all[i];
+  Member::say("bob", "received the notifications" + received);
+}
+
+// The publisher asks the controller whether bob may see warnings, and then he may.
+void show_rights(const Grid &grid, const Member &bob) {
+  ask(bob, "the coast", tour::kWarning);
+  grid.administrate(std::string("allow bob ") + tour::kCapability + " " + tour::kWarning);
+  Member::say("admin", std::string("allowed bob the operation ") + tour::kWarning + " of " + tour::kCapability);
+  ask(bob, "the coast", tour::kWarning);
+}
+
+// A token that proves to another service who bob is. It is a secret: its length is all that is shown of it.
+void show_token(const Grid &grid, const Member &bob) {
+  quillon_authentication_token *token = nullptr;
+  Member::expect_ok(quillon_authentication_token_create(&token, bob.connection()), "create a token");
+  const char *text = quillon_authentication_token_get(token);
+  if (text == nullptr) Member::expect_ok(QUILLON_STATUS_QUILLON_ERROR, "get a token");
+  Member::say("bob", "got a token of " + std::to_string(std::string(text).size()) + " characters from the controller");
+  Member::say("admin", "the token's owner is " + grid.administrate(std::string("token-owner ") + text));
+  quillon_authentication_token_destroy(token);
+}
+
+// The server goes and comes back, and so do its clients.
+void show_restart(const Grid &grid, tour::PublisherProcess &carol, tour::Comeback &bob) {
+  grid.administrate("server-stop");
+  Member::say("admin", "stopped the server");
+  bob.wait_for_loss();
+  grid.administrate("server-start");
+  Member::say("admin", "started the server");
+  carol.reconnect();
+  carol.wait_for("ready");
+  bob.bring_back();
 }
 
 int run_tour(const std::string &program, const Grid &grid) {
@@ -110,6 +130,7 @@ int run_tour(const std::string &program, const Grid &grid) {
 
   Board account, readings;
   Member bob(grid, "bob");
+  tour::Comeback comeback(bob);
   Member::expect_ok(
       quillon_connection_register_notification_handler(bob.connection(), tour::kNamespace, "reading", note_reading, &readings),
       "register the notification handler");
@@ -118,13 +139,14 @@ int run_tour(const std::string &program, const Grid &grid) {
   wait_for_publishers(bob.capability(), 1);
   Member::say("bob", std::string("subscribed to ") + tour::kCapability + "; published by " + publishers_of(bob.capability()));
 
-  alice.send_notifications(10);
-  alice.wait_for("sent");
-  std::string received;
-  for (const std::string &reading : readings.wait_for(10)) received += " " + reading;
-  Member::say("bob", "received the notifications" + received);
+  expect_notifications(alice, readings, 10);
 
   for (int day = 1; day <= 10; ++day) ask(bob, "day " + std::to_string(day));
+
+  show_rights(grid, bob);
+  show_token(grid, bob);
+  tour::show_catalogue(bob);
+  tour::show_download(grid, bob, 100000);
 
   tour::PublisherProcess carol(program, grid, "carol");
   carol.wait_for("ready");
@@ -133,6 +155,10 @@ int run_tour(const std::string &program, const Grid &grid) {
   alice.kill();
   Member::say("admin", "killed alice's process");
   ask(bob, "day 11");
+
+  show_restart(grid, carol, comeback);
+  ask(bob, "day 12");
+  expect_notifications(carol, readings, 3);
 
   carol.stop();
   Member::say("carol", "disconnected");

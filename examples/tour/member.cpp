@@ -14,6 +14,7 @@ Member::Member(const Grid &grid, const std::string &user) : user_(user) {
   expect_ok(quillon_config_set_client_cert_chain_filename(config_, grid.certificate(user).c_str()), "set the certificate");
   expect_ok(quillon_config_set_client_cert_key_filename(config_, grid.key(user).c_str()), "set the key");
   expect_ok(quillon_config_set_server_cert_chain_filename(config_, grid.ca().c_str()), "set the CA");
+  expect_ok(quillon_config_set_bulk_server_cert_chain_filename(config_, grid.ca().c_str()), "set the CA of downloads");
   expect_ok(quillon_config_set_send_timeout_seconds(config_, 3), "set the time-out");
   expect_ok(quillon_connection_create(&connection_), "create a connection");
   expect_ok(quillon_connection_set_config(connection_, config_), "give the connection its configuration");

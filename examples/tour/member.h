@@ -19,6 +19,7 @@ class Member {
   Member(const Member &) = delete;
   Member &operator=(const Member &) = delete;
 
+  quillon_config *config() const { return config_; }
   quillon_connection *connection() const { return connection_; }
   quillon_capability *capability() const { return capability_; }
   const std::string &user() const { return user_; }

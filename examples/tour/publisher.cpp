@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "comeback.h"
 #include "member.h"
 
 namespace tour {
@@ -18,6 +19,30 @@ wb_dom_node *answer_forecast(wb_dom_node *request, void *arg) {
   return Member::payload("forecast", "sunny on " + Member::text_of(request) + ", says " + user);
 }
 
+// The user part of the address from which the request came: it stands in the envelope around the payload.
+std::string sender_of(const wb_dom_node *request) {
+  const char *from = wb_dom_get_attribute(wb_dom_get_parent(wb_dom_get_parent(request)), "from");
+  const std::string jid = from != nullptr ? from : "";
+  return jid.substr(0, jid.find('@'));
+}
+
+wb_dom_node *answer_warning(wb_dom_node *request, void *arg) {
+  const auto &member = *static_cast<const Member *>(arg);
+  const std::string sender = sender_of(request);
+  const bool allowed = quillon_connection_is_authorized(member.connection(), kCapability, kWarning, sender.c_str());
+  const std::string answer = allowed ? "a storm comes to " + Member::text_of(request) : "the controller does not allow " + sender;
+  return Member::payload("forecast", answer + ", says " + member.user());
+}
+
+void notify(const Member &member, int count) {
+  for (int i = 1; i <= count; ++i) {
+    Member::expect_ok(
+        quillon_connection_notify(member.connection(), member.capability(), Member::payload("reading", std::to_string(i))),
+        "send a notification");
+  }
+  Member::say(member.user(), "sent " + std::to_string(count) + " notifications");
+}
+
 }  // namespace
 
 int run_publisher(const Grid &grid, const std::string &user) {
@@ -25,18 +50,20 @@ int run_publisher(const Grid &grid, const std::string &user) {
   Member member(grid, user);
   Member::expect_ok(quillon_connection_register_query_handler(member.connection(), kNamespace, "day", answer_forecast, &name),
                     "register the query handler");
+  Member::expect_ok(quillon_connection_register_query_handler(member.connection(), kNamespace, kWarning, answer_warning, &member),
+                    "register the handler of what needs permission");
+  Comeback comeback(member);
   Member::expect_ok(quillon_connection_connect(member.connection()), "connect");
   Member::say(user, "connected: approved by the controller");
   Member::expect_ok(quillon_capability_publish(member.capability(), member.connection()), "publish the capability");
   Member::say(user, std::string("publishes ") + kCapability + " and answers queries: ready");
   int count = 0;
-  while (std::cin >> count && count > 0) {
-    for (int i = 1; i <= count; ++i) {
-      Member::expect_ok(
-          quillon_connection_notify(member.connection(), member.capability(), Member::payload("reading", std::to_string(i))),
-          "send a notification");
+  for (std::string order; std::cin >> order;) {
+    if (order == "notify" && std::cin >> count) notify(member, count);
+    if (order == "reconnect") {
+      comeback.wait_for_loss();
+      comeback.bring_back();
     }
-    Member::say(user, "sent " + std::to_string(count) + " notifications");
   }
   return 0;
 }
@@ -74,8 +101,13 @@ void PublisherProcess::wait_for(const std::string &word) {
   std::exit(1);
 }
 
-void PublisherProcess::send_notifications(int count) {
-  std::fprintf(to_, "%d\n", count);
+void PublisherProcess::send_notifications(size_t count) {
+  std::fprintf(to_, "notify %zu\n", count);
+  std::fflush(to_);
+}
+
+void PublisherProcess::reconnect() {
+  std::fputs("reconnect\n", to_);
   std::fflush(to_);
 }
 

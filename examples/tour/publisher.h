@@ -10,7 +10,11 @@
 
 namespace tour {
 
-// What the child process runs: joins as user, publishes, answers queries, and sends notifications when told to on standard input.
+// The operation that needs the controller's permission, and the name of its request.
+inline constexpr char kWarning[] = "warning";
+
+// What the child process runs: joins as user, publishes, answers queries, and does what it is told on standard input:
+// "notify COUNT" or "reconnect".
 int run_publisher(const Grid &grid, const std::string &user);
 
 // The parent's handle on such a process.
@@ -24,7 +28,9 @@ class PublisherProcess {
 
   // Prints what the publisher says until it has said the word; ends the program when it leaves before.
   void wait_for(const std::string &word);
-  void send_notifications(int count);
+  void send_notifications(size_t count);
+  // Lets it wait until the server is gone, and come back by its reconnection object.
+  void reconnect();
   // Leaves the publisher no time to say farewell.
   void kill();
   // Lets it disconnect and end.
