@@ -29,6 +29,7 @@
 #include <stdio.h>
 #include <warbler/warbler.h>
 
+/* Marks what the library exports. */
 #if defined(__GNUC__)
 #define QUILLON_API __attribute__((visibility("default")))
 #else
@@ -41,6 +42,7 @@ extern "C" {
 
 /* ---- Status codes ------------------------------------------------------------------------------------------- */
 
+/* What a call came to, and what has become of a connection or an account. */
 typedef enum QUILLON_STATUS {
   QUILLON_STATUS_OK = 0,                             /* success */
   QUILLON_STATUS_MALLOC_ERROR = 1,                   /* memory is exhausted */
@@ -93,12 +95,12 @@ QUILLON_API QUILLON_STATUS quillon_status_get_from_error(wb_dom_node *error);
 
 /* Which records pass: those of the level and of all above it in this list. */
 typedef enum QUILLON_LOG_LEVEL {
-  QUILLON_LOG_NONE = 0,
-  QUILLON_LOG_ERROR = 1,
-  QUILLON_LOG_WARN = 2,
-  QUILLON_LOG_INFO = 3,
-  QUILLON_LOG_VERBOSE = 4,
-  QUILLON_LOG_DEBUG = 5
+  QUILLON_LOG_NONE = 0,    /* nothing */
+  QUILLON_LOG_ERROR = 1,   /* what failed */
+  QUILLON_LOG_WARN = 2,    /* what is odd, and was dealt with */
+  QUILLON_LOG_INFO = 3,    /* the course of things: connects, ends of sessions */
+  QUILLON_LOG_VERBOSE = 4, /* each step of it */
+  QUILLON_LOG_DEBUG = 5    /* what helps to find a fault */
 } QUILLON_LOG_LEVEL;
 
 /* A size of buffer, in bytes, that holds every record but those with a large stanza. */
@@ -110,8 +112,8 @@ typedef int (*quillon_log_cb)(const char *format, va_list args);
 
 /* The settings of the logger; change them through the functions below. */
 typedef struct _quillon_log {
-  quillon_log_cb log_cb;
-  QUILLON_LOG_LEVEL loglevel;
+  quillon_log_cb log_cb;      /* receives the records; NULL: they go to standard error */
+  QUILLON_LOG_LEVEL loglevel; /* which records pass */
 } quillon_log;
 
 /* The settings in force: at first standard error and QUILLON_LOG_INFO. */
@@ -218,16 +220,16 @@ QUILLON_API void quillon_string_tolower(quillon_string *string);
 /* A singly linked list of pointers to elements. fcb frees an element that the list deletes (NULL: elements stay the caller's);
  * ccb tells whether an element is the one looked for (NULL: nothing is ever found). Indices count from 0. */
 typedef struct _quillon_list {
-  size_t length;
+  size_t length; /* the number of elements */
   void (*fcb)(void *data);
   bool (*ccb)(const void *element, const void *value);
-  struct _node *head;
+  struct _node *head; /* the first element; NULL when there is none */
 } quillon_list;
 
 /* One element of a list. */
 struct _node {
-  void *data;
-  struct _node *next;
+  void *data;         /* the application's pointer */
+  struct _node *next; /* the next element; NULL at the end */
 };
 
 /* Makes all fields zero and NULL without freeing anything. list must not be NULL. */
@@ -280,7 +282,7 @@ typedef void (*quillon_array_items_free_callback)(void *item);
 typedef struct _quillon_array {
   void **items;
   int32_t size;
-  int32_t max;
+  int32_t max; /* the slots that are allocated */
   quillon_array_items_equal_callback equal_callback;
   quillon_array_items_free_callback free_callback;
 } quillon_array;
@@ -317,10 +319,10 @@ QUILLON_API void quillon_array_string_free(void *item);
 /* A notification that stays until it is cleared, with a pointer to pass along. All functions may run on any threads at once, but
  * destroy only when no other thread uses the monitor any more. NULL is harmless everywhere. */
 typedef struct _quillon_monitor {
-  pthread_mutex_t mutex;
-  pthread_cond_t cond;
-  bool is_notified;
-  void *user_data;
+  pthread_mutex_t mutex; /* held to look at is_notified and to change it */
+  pthread_cond_t cond;   /* what waiters wait on */
+  bool is_notified;      /* from notify to clear */
+  void *user_data;       /* the pointer to pass along */
 } quillon_monitor;
 
 /* Makes a monitor that is not notified and carries NULL. */
@@ -356,17 +358,17 @@ typedef void (*quillon_queue_items_free_callback)(void *item);
 /* An unbounded queue of pointers, first in, first out; NULL is a possible item. Any threads may push and pop at once, but destroy
  * only when no other thread uses the queue any more. Nothing is logged. */
 typedef struct _quillon_queue {
-  struct _linked_list *first;
-  struct _linked_list *last;
-  quillon_queue_items_free_callback free_callback;
-  pthread_mutex_t mutex;
-  pthread_cond_t cond;
+  struct _linked_list *first;                      /* the item that is popped next; NULL when the queue is empty */
+  struct _linked_list *last;                       /* the item that was pushed last */
+  quillon_queue_items_free_callback free_callback; /* frees what is left at the end; may be NULL */
+  pthread_mutex_t mutex;                           /* held to look at the items and to change them */
+  pthread_cond_t cond;                             /* what poppers wait on */
 } quillon_queue;
 
 /* One item of a queue. */
 struct _linked_list {
-  void *item;
-  struct _linked_list *next;
+  void *item;                /* the application's pointer */
+  struct _linked_list *next; /* the item pushed after it; NULL at the end */
 };
 
 /* Makes an empty queue; free_callback may be NULL. *out is NULL when memory is exhausted. */
@@ -521,19 +523,21 @@ QUILLON_API bool quillon_sasl_mech_external_create(wb_htable *config, wb_sasl_me
  * callbacks before connecting. Functions that block must not be called on the event loop, which they would wait for: that is
  * where disconnect_cb and the TLS-context callback run. Such a call fails at once, with an error logged. */
 typedef struct _quillon_connection quillon_connection;
+
+/* A service of the grid that is subscribed to, published or queried. */
 typedef struct _quillon_capability quillon_capability;
 
 /* What the controller has said of the account last, and DISCONNECTED after the end of a session. */
 typedef enum QUILLON_CONNECTION_STATE_ENUM {
-  QUILLON_CONNECTION_STATE_UNKNOWN = 0,
-  QUILLON_CONNECTION_STATE_BEFORE_CONNECT = 1,
-  QUILLON_CONNECTION_STATE_CONNECTED = 2,
-  QUILLON_CONNECTION_STATE_DISCONNECTED = 3,
-  QUILLON_CONNECTION_STATE_DISABLED = 4,
-  QUILLON_CONNECTION_STATE_ENABLED = 5,
-  QUILLON_CONNECTION_STATE_DELETED = 6,
-  QUILLON_CONNECTION_STATE_AUTHORIZATION_CHANGED = 7,
-  QUILLON_CONNECTION_STATE_MAX = 8
+  QUILLON_CONNECTION_STATE_UNKNOWN = 0,               /* something that this library does not know */
+  QUILLON_CONNECTION_STATE_BEFORE_CONNECT = 1,        /* nothing yet */
+  QUILLON_CONNECTION_STATE_CONNECTED = 2,             /* the connection was admitted */
+  QUILLON_CONNECTION_STATE_DISCONNECTED = 3,          /* the session has ended */
+  QUILLON_CONNECTION_STATE_DISABLED = 4,              /* the account was disabled */
+  QUILLON_CONNECTION_STATE_ENABLED = 5,               /* the account was enabled */
+  QUILLON_CONNECTION_STATE_DELETED = 6,               /* the account was deleted */
+  QUILLON_CONNECTION_STATE_AUTHORIZATION_CHANGED = 7, /* what the account may do has changed */
+  QUILLON_CONNECTION_STATE_MAX = 8                    /* the end of the range, no state */
 } QUILLON_CONNECTION_STATE_ENUM;
 
 /* The connection is part of the grid now. On the thread that connects, before connect returns. */
@@ -787,8 +791,8 @@ typedef struct _quillon_query quillon_query;
 
 /* A query handler with its argument. */
 typedef struct _quillon_query_callback_info {
-  quillon_query_cb callback;
-  void *arg;
+  quillon_query_cb callback; /* the handler */
+  void *arg;                 /* passed to it */
 } quillon_query_callback_info;
 
 /* Makes an engine and starts its request-handler thread.
@@ -856,8 +860,8 @@ typedef struct _quillon_notification quillon_notification;
 
 /* A notification handler with its argument. */
 typedef struct _quillon_notification_callback_info {
-  quillon_notification_cb callback;
-  void *arg;
+  quillon_notification_cb callback; /* the handler */
+  void *arg;                        /* passed to it */
 } quillon_notification_callback_info;
 
 /* Makes an engine and starts its dispatch thread. connection may be NULL: the engine then only receives.

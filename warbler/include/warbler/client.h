@@ -48,12 +48,14 @@
 extern "C" {
 #endif
 
+/* A client, which has one session at most. */
 typedef struct wb_client wb_client;
 
+/* What has become of the countdown of "client_reconnect_countdown". */
 typedef enum wb_reconnect_status {
-  WB_RECONNECT_CANCELED = 0,
-  WB_RECONNECT_PENDING = 1,
-  WB_RECONNECT_STARTING = 2
+  WB_RECONNECT_CANCELED = 0, /* it was cancelled; the client does not connect by itself */
+  WB_RECONNECT_PENDING = 1,  /* it began */
+  WB_RECONNECT_STARTING = 2  /* it has ended, and the client connects */
 } wb_reconnect_status;
 
 /* Makes a client that uses the queue and its event base; both must outlive it. Fails with WB_ERR_INVALID_ARG or WB_ERR_NO_MEMORY.

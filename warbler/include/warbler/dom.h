@@ -19,7 +19,10 @@
 extern "C" {
 #endif
 
+/* A context: the arena that owns the nodes of one tree or of several. */
 typedef struct wb_dom_ctx wb_dom_ctx;
+
+/* A node: an element or a text. */
 typedef struct wb_dom_node wb_dom_node;
 
 /* Makes a context with one reference, the caller's. Fails with WB_ERR_INVALID_ARG (NULL out) or WB_ERR_NO_MEMORY. */

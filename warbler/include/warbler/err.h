@@ -25,7 +25,7 @@ typedef enum wb_errcode {
 
 /* A filled error record. The texts are constants: they are never freed and outlive the record. */
 typedef struct wb_err {
-  wb_errcode code;
+  wb_errcode code;      /* what kind of failure */
   const char *message;  /* what happened, in words */
   const char *function; /* the function that noticed it */
   const char *file;     /* the source file of that function */

@@ -10,6 +10,7 @@
 extern "C" {
 #endif
 
+/* An event of one object; the object owns it. */
 typedef struct wb_event wb_event;
 
 /* What a bound function receives. It lives until the function returns. */
@@ -19,6 +20,7 @@ typedef struct wb_event_data {
   void *data;       /* what it carries; the event's description tells */
 } wb_event_data;
 
+/* A bound function; arg is what it was bound with. */
 typedef void (*wb_event_callback)(wb_event_data *event, void *arg);
 
 /* Binds a function; the functions of an event run in the order in which they were bound, on the thread that raises the event.

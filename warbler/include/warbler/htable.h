@@ -10,8 +10,10 @@
 extern "C" {
 #endif
 
+/* A table; it knows its keys by the two functions that it was made with. */
 typedef struct wb_htable wb_htable;
 
+/* The hash of a key; equal keys have equal hashes. */
 typedef unsigned (*wb_htable_hashfunc)(const void *key);
 /* 0 when the keys are equal, anything else otherwise. */
 typedef int (*wb_htable_cmpfunc)(const void *a, const void *b);

@@ -17,6 +17,7 @@
 extern "C" {
 #endif
 
+/* Reads one document. */
 typedef struct wb_item_reader wb_item_reader;
 
 /* Receives an item. Its context has one reference, the receiver's, who ends it with

@@ -14,14 +14,15 @@
 extern "C" {
 #endif
 
+/* How important a record is, and as a threshold, which records pass: those of the level and of all above it in this list. */
 typedef enum wb_log_level {
-  WB_LOG_NONE = 0,
-  WB_LOG_ERROR = 1,
-  WB_LOG_WARN = 2,
-  WB_LOG_INFO = 3,
-  WB_LOG_VERBOSE = 4,
-  WB_LOG_DEBUG = 5,
-  WB_LOG_TRACE = 6
+  WB_LOG_NONE = 0,    /* the threshold that nothing passes */
+  WB_LOG_ERROR = 1,   /* what failed */
+  WB_LOG_WARN = 2,    /* what is odd, and was dealt with */
+  WB_LOG_INFO = 3,    /* the course of things */
+  WB_LOG_VERBOSE = 4, /* each step of it */
+  WB_LOG_DEBUG = 5,   /* what helps to find a fault */
+  WB_LOG_TRACE = 6    /* stanzas that come, and calls of the library */
 } wb_log_level;
 
 /* Receives one record. stream is standard error. It may be called on any thread, on several at once, and must not log itself.

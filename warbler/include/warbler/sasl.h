@@ -13,8 +13,13 @@
 extern "C" {
 #endif
 
+/* A mechanism: its name and what it does. */
 typedef struct wb_sasl_mech wb_sasl_mech;
+
+/* One exchange by a mechanism. */
 typedef struct wb_sasl_mech_instance wb_sasl_mech_instance;
+
+/* The mechanisms that a client may use, in the order of preference. */
 typedef struct wb_sasl_factory wb_sasl_factory;
 
 /* How a step of a mechanism ended. Anything but WB_SASL_ERR_NONE aborts the exchange. */

@@ -9,6 +9,7 @@
 extern "C" {
 #endif
 
+/* The TLS side of one connection. */
 typedef struct wb_tls_session wb_tls_session;
 
 /* Prepares a TLS context (an OpenSSL SSL_CTX *) that the client has just made for one connection attempt: certificate, key,

@@ -11,6 +11,7 @@
 extern "C" {
 #endif
 
+/* A queue over one event base. */
 typedef struct wb_workq wb_workq;
 
 /* Runs one item on the dispatching thread. cancelled is true when the queue is destroyed before the item's turn: free what
