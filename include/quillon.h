@@ -1136,11 +1136,12 @@ QUILLON_API extern const char *const element_tokenchild_name;
  * transfers while the application's thread parses: in between are at most 50 pieces of the response as they came, of 16 KiB or
  * less, and an application that stops calling quillon_bulkdownload_next stops the transfer.
  *
- * A document is refused (QUILLON_STATUS_XML_ERROR) when it is not well-formed, declares a document type, nests more than 16384
- * elements, has a tag or comment of more than 4 MiB, or an item that takes more than 64 MiB of memory. HTTP statuses are not
- * looked at: what an error page holds is parsed like any other document.
+ * A document is refused (QUILLON_STATUS_XML_ERROR) when it is not well-formed, has declarations in its document type, nests
+ * more than 16384 elements, has a tag or comment of more than 4 MiB, or an item that takes more than 64 MiB of memory. HTTP
+ * statuses are not looked at: what an error page holds is parsed like any other document.
  *
- * create, the setters, open, next, close and destroy are for one thread at a time. */
+ * create, the setters, open, next, close and destroy are for one thread at a time. What is set while a download is open may
+ * still reach its transfer, and holds from the next open on. */
 typedef struct _quillon_bulkdownload quillon_bulkdownload;
 
 /* The state of an open download. */

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "guard.h"
 #include "owners.h"
@@ -18,9 +19,11 @@
 
 namespace {
 
-void replace(quillon_string *&field, qlk::StringPtr fresh) {
-  const qlk::StringPtr old(field);
-  field = fresh.release();
+void set_string(quillon_bulkdownload *bulkdownload, quillon_string *_quillon_bulkdownload::*field, qlk::StringPtr fresh) {
+  qlk::StringPtr old;
+  const qlk::PthreadLock lock(bulkdownload->settings);
+  old.reset(bulkdownload->*field);
+  bulkdownload->*field = fresh.release();
 }
 
 void free_iter(quillon_bulkdownload_iter *iter) {
@@ -63,13 +66,6 @@ bool take_chunk(qlk::ThrdsSharedData &shared, qlk::ParseData &data) {
   shared.tail = (slot + 1) % qlk::kChunksMax;
   pthread_cond_signal(&shared.notFull);
   return true;
-}
-
-QUILLON_STATUS end_iter(quillon_bulkdownload_iter *iter) {
-  const bool ended = qlk::curlEnd(iter) == qlk::eERR_SUCC;
-  if (iter->bulkdownload->iter == iter) iter->bulkdownload->iter = nullptr;
-  free_iter(iter);
-  return ended ? QUILLON_STATUS_OK : QUILLON_STATUS_REST_ERROR;
 }
 
 QUILLON_STATUS refuse_closed(int line) {
@@ -135,7 +131,7 @@ QUILLON_STATUS quillon_bulkdownload_create(quillon_bulkdownload **bulkdownload, 
 QUILLON_STATUS quillon_bulkdownload_destroy(quillon_bulkdownload **bulkdownload) {
   qlk::trace(__func__);
   if (bulkdownload == nullptr || *bulkdownload == nullptr) return QUILLON_STATUS_INVALID_ARGS;
-  if ((*bulkdownload)->iter != nullptr) end_iter((*bulkdownload)->iter);
+  quillon_bulkdownload_iter_free((*bulkdownload)->iter);
   quillon_string_destroy(&(*bulkdownload)->user_name);
   quillon_string_destroy(&(*bulkdownload)->zebUrl);
   quillon_string_destroy(&(*bulkdownload)->request);
@@ -146,12 +142,16 @@ QUILLON_STATUS quillon_bulkdownload_destroy(quillon_bulkdownload **bulkdownload)
 
 void quillon_bulkdownload_set_ssl_ctx_cb(quillon_bulkdownload *bulkdownload, quillon_bulkdownload_ssl_ctx_cb callback) {
   qlk::trace(__func__);
-  if (bulkdownload != nullptr) bulkdownload->ssl_ctx_cb = callback;
+  if (bulkdownload == nullptr) return;
+  const qlk::PthreadLock lock(bulkdownload->settings);
+  bulkdownload->ssl_ctx_cb = callback;
 }
 
 void quillon_bulkdownload_set_ssl_ctx_cb_user_data(quillon_bulkdownload *bulkdownload, void *user_data) {
   qlk::trace(__func__);
-  if (bulkdownload != nullptr) bulkdownload->ssl_ctx_cb_user_data = user_data;
+  if (bulkdownload == nullptr) return;
+  const qlk::PthreadLock lock(bulkdownload->settings);
+  bulkdownload->ssl_ctx_cb_user_data = user_data;
 }
 
 QUILLON_STATUS quillon_bulkdownload_set_url(quillon_bulkdownload *bulkdownload, const char *url) {
@@ -161,14 +161,14 @@ QUILLON_STATUS quillon_bulkdownload_set_url(quillon_bulkdownload *bulkdownload, 
   if (!qlk::string_length_ok(length)) return QUILLON_STATUS_INVALID_ARGS;
   quillon_string *fresh = nullptr;
   const QUILLON_STATUS status = quillon_string_create(&fresh, url, length);
-  if (status == QUILLON_STATUS_OK) replace(bulkdownload->zebUrl, qlk::StringPtr(fresh));
+  if (status == QUILLON_STATUS_OK) set_string(bulkdownload, &_quillon_bulkdownload::zebUrl, qlk::StringPtr(fresh));
   return status;
 }
 
 QUILLON_STATUS quillon_bulkdownload_set_request(quillon_bulkdownload *bulkdownload, wb_dom_node *request) {
   qlk::trace(__func__);
   if (bulkdownload == nullptr) return QUILLON_STATUS_INVALID_ARGS;
-  quillon_string_destroy(&bulkdownload->request);
+  set_string(bulkdownload, &_quillon_bulkdownload::request, nullptr);
   quillon_string *fresh = nullptr;
   if (const QUILLON_STATUS status = quillon_string_default_create(&fresh); status != QUILLON_STATUS_OK) return status;
   qlk::StringPtr string(fresh);
@@ -183,7 +183,7 @@ QUILLON_STATUS quillon_bulkdownload_set_request(quillon_bulkdownload *bulkdownlo
     return QUILLON_STATUS_INVALID_ARGS;
   }
   quillon_string_set(fresh, xml, length + 1, length);
-  bulkdownload->request = string.release();
+  set_string(bulkdownload, &_quillon_bulkdownload::request, std::move(string));
   return QUILLON_STATUS_OK;
 }
 
@@ -228,12 +228,18 @@ QUILLON_STATUS quillon_bulkdownload_iter_next(quillon_bulkdownload_iter *iter, w
 QUILLON_STATUS quillon_bulkdownload_close(quillon_bulkdownload *bulkdownload) {
   qlk::trace(__func__);
   if (bulkdownload == nullptr) return QUILLON_STATUS_INVALID_ARGS;
-  return bulkdownload->iter != nullptr ? end_iter(bulkdownload->iter) : refuse_closed(__LINE__);
+  if (bulkdownload->iter == nullptr) return refuse_closed(__LINE__);
+  const bool ended = qlk::curlEnd(bulkdownload->iter) == qlk::eERR_SUCC;
+  quillon_bulkdownload_iter_free(bulkdownload->iter);
+  return ended ? QUILLON_STATUS_OK : QUILLON_STATUS_REST_ERROR;
 }
 
 void quillon_bulkdownload_iter_free(quillon_bulkdownload_iter *iter) {
   qlk::trace(__func__);
-  if (iter != nullptr) end_iter(iter);
+  if (iter == nullptr) return;
+  if (iter->is_started) qlk::curlEnd(iter);
+  if (iter->bulkdownload->iter == iter) iter->bulkdownload->iter = nullptr;
+  free_iter(iter);
 }
 
 QUILLON_STATUS quillon_bulkdownload_get_error_details(quillon_bulkdownload *bulkdownload, char *description,

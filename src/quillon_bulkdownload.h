@@ -25,6 +25,8 @@ struct _quillon_bulkdownload {
   void *result_cb_user_data;
   std::atomic<CURLcode> curlErrorCode;  // of the last transfer; written by its thread, as is status
   std::atomic<QUILLON_STATUS> status;
+  // Private addition, held while ssl_ctx_cb, its user data, zebUrl or request are set, and while the transfer thread reads them.
+  mutable pthread_mutex_t settings = PTHREAD_MUTEX_INITIALIZER;
 };
 
 struct _quillon_bulkdownload_iter {

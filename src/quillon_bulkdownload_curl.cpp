@@ -67,10 +67,27 @@ void fill_user_header(quillon_string *header, const quillon_string *user_name) {
   if (!filled) quillon_string_set_data_len(header, 0);
 }
 
+qlk::StringPtr copy_setting(const quillon_bulkdownload &bulkdownload, quillon_string *_quillon_bulkdownload::*field) {
+  const qlk::PthreadLock lock(bulkdownload.settings);
+  quillon_string *copy = nullptr;
+  if (bulkdownload.*field != nullptr) quillon_string_copy_create(&copy, bulkdownload.*field);
+  return qlk::StringPtr(copy);
+}
+
 void set_url(CURL *handle, const quillon_string *url) {
   const bool given = quillon_string_validate(url);
   wb_log(given ? WB_LOG_INFO : WB_LOG_ERROR, "curl_easy_setopt() for CURLOPT_URL: '%s'\n", quillon_string_cstr(url));
   if (given) curl_easy_setopt(handle, CURLOPT_URL, quillon_string_cstr(url));
+}
+
+struct TlsCallback {
+  quillon_bulkdownload_ssl_ctx_cb function;
+  void *user_data;
+};
+
+TlsCallback tls_callback_of(const quillon_bulkdownload &bulkdownload) {
+  const qlk::PthreadLock lock(bulkdownload.settings);
+  return {bulkdownload.ssl_ctx_cb, bulkdownload.ssl_ctx_cb_user_data};
 }
 
 void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
@@ -80,7 +97,7 @@ void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
   curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, qlk::curl_logtrace);
   curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
   transfer.body.reset(qlk::createRequestContent(&bulkdownload));
-  set_url(handle, bulkdownload.zebUrl);
+  set_url(handle, copy_setting(bulkdownload, &_quillon_bulkdownload::zebUrl).get());
   append_header(transfer.headers, xmltaghead);
   fill_user_header(transfer.user.get(), bulkdownload.user_name);
   if (quillon_string_validate(transfer.user.get())) append_header(transfer.headers, quillon_string_cstr(transfer.user.get()));
@@ -94,7 +111,7 @@ void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
   }
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, qlk::write);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &iter.thrdsSharedData);
-  if (bulkdownload.ssl_ctx_cb != nullptr) {
+  if (tls_callback_of(bulkdownload).function != nullptr) {
     curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, qlk::_ssl_ctx_cb);
     curl_easy_setopt(handle, CURLOPT_SSL_CTX_DATA, &iter);
   }
@@ -193,6 +210,7 @@ qlk::BulkDownloadErrorCode qlk::curlInvoke(quillon_bulkdownload_iter *iter) {
   const SignalsBlocked blocked;
   iter->is_started = pthread_create(&iter->thrd, nullptr, curlThrdFunc, iter) == 0;
   if (iter->is_started) return eERR_SUCC;
+  finish(iter->thrdsSharedData);  // a next would wait for it
   wb_log(WB_LOG_ERROR, "pthread_create() failed at file %s line %d\n", __FILE__, __LINE__);
   return eERR_FAILED;
 }
@@ -216,7 +234,8 @@ quillon_string *qlk::createRequestContent(const quillon_bulkdownload *bulkdownlo
   if (bulkdownload == nullptr) return nullptr;
   quillon_string *content = nullptr;
   if (quillon_string_create(&content, contentFormat, sizeof contentFormat - 1) != QUILLON_STATUS_OK) return nullptr;
-  if (bulkdownload->request == nullptr || quillon_string_append(content, bulkdownload->request) != QUILLON_STATUS_OK) {
+  const StringPtr request = copy_setting(*bulkdownload, &_quillon_bulkdownload::request);
+  if (request == nullptr || quillon_string_append(content, request.get()) != QUILLON_STATUS_OK) {
     wb_log(WB_LOG_ERROR, "quillon_string_insert_cstr() failed at file %s line %d\n", __FILE__, __LINE__);
   }
   return content;
@@ -268,6 +287,7 @@ CURLcode qlk::_ssl_ctx_cb(CURL * /*curl*/, void *sslctx, void *parm) {
   // curl lets the environment name a file for the session's secrets.
   if (sslctx != nullptr) SSL_CTX_set_keylog_callback(static_cast<SSL_CTX *>(sslctx), nullptr);
   quillon_bulkdownload &bulkdownload = *static_cast<quillon_bulkdownload_iter *>(parm)->bulkdownload;
-  bulkdownload.ssl_ctx_cb(&bulkdownload, sslctx, bulkdownload.ssl_ctx_cb_user_data);
+  const TlsCallback callback = tls_callback_of(bulkdownload);
+  if (callback.function != nullptr) callback.function(&bulkdownload, sslctx, callback.user_data);
   return CURLE_OK;
 }

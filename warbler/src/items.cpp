@@ -155,8 +155,10 @@ void XMLCALL wb_item_reader::on_instruction(void *self, const XML_Char *target, 
   });
 }
 
-void XMLCALL wb_item_reader::on_doctype(void *self, const XML_Char *, const XML_Char *, const XML_Char *, int) {
-  guard(self, [](wb_item_reader &reader) { reader.fail(WB_ERR_BAD_FORMAT, "document type declaration"); });
+void XMLCALL wb_item_reader::on_doctype(void *self, const XML_Char *, const XML_Char *, const XML_Char *, int has_subset) {
+  guard(self, [&](wb_item_reader &reader) {
+    if (has_subset != 0) reader.fail(WB_ERR_BAD_FORMAT, "declarations in the document type");
+  });
 }
 
 void wb_item_reader::make_parser() {

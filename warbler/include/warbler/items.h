@@ -2,8 +2,9 @@
  * a tree in a context of its own. What stands around the items is checked and dropped, so that a document of any length takes
  * little memory.
  *
- * Items carry names, attributes and texts, but no namespace declarations. A document type declaration is refused, and with it
- * every entity that XML does not know itself; comments and processing instructions are passed over. */
+ * Items carry names, attributes and texts, but no namespace declarations. A document type may be named, but not declare
+ * anything, so that there are no entities but those that XML itself knows; what it refers to is not fetched. Comments and
+ * processing instructions are passed over. */
 #ifndef WARBLER_ITEMS_H
 #define WARBLER_ITEMS_H
 
@@ -42,8 +43,8 @@ WB_API bool wb_item_reader_create(const wb_item_reader_options *options, wb_item
 
 /* Reads the next piece of the document; the callbacks run inside, also for what is whole before a fault. A document is not told
  * its end: one that breaks off is no failure.
- * Fails with WB_ERR_BAD_FORMAT (no XML, misused namespaces, a document type declaration, or over a limit), WB_ERR_NO_MEMORY or
- * WB_ERR_INVALID_ARG (NULL). After a failure every further piece fails in the same way. */
+ * Fails with WB_ERR_BAD_FORMAT (no XML, misused namespaces, declarations in the document type, or over a limit), WB_ERR_NO_MEMORY
+ * or WB_ERR_INVALID_ARG (NULL). After a failure every further piece fails in the same way. */
 WB_API bool wb_item_reader_feed(wb_item_reader *reader, const char *bytes, size_t length, wb_err *err);
 
 /* Frees the reader; an item that is not whole goes with it, those that were handed out stay. NULL is harmless. */
