@@ -24,14 +24,14 @@ typedef struct wb_sasl_factory wb_sasl_factory;
 
 /* How a step of a mechanism ended. Anything but WB_SASL_ERR_NONE aborts the exchange. */
 typedef enum wb_sasl_error {
-  WB_SASL_ERR_NONE = 0,
-  WB_SASL_ERR_ABORTED,
-  WB_SASL_ERR_INCORRECT_ENCODING,
-  WB_SASL_ERR_INVALID_AUTHZID,
-  WB_SASL_ERR_MECH_TOO_WEAK,
-  WB_SASL_ERR_NOT_AUTHORIZED,
-  WB_SASL_ERR_TEMPORARY_AUTH_FAILURE,
-  WB_SASL_ERR_USER
+  WB_SASL_ERR_NONE = 0,               /* it went well */
+  WB_SASL_ERR_ABORTED,                /* the mechanism gives up */
+  WB_SASL_ERR_INCORRECT_ENCODING,     /* the challenge cannot be decoded */
+  WB_SASL_ERR_INVALID_AUTHZID,        /* the identity to act as is not valid */
+  WB_SASL_ERR_MECH_TOO_WEAK,          /* the mechanism does not protect enough */
+  WB_SASL_ERR_NOT_AUTHORIZED,         /* the credentials do not do */
+  WB_SASL_ERR_TEMPORARY_AUTH_FAILURE, /* it may go well later */
+  WB_SASL_ERR_USER                    /* the first value that a mechanism may use for reasons of its own */
 } wb_sasl_error;
 
 /* Called once by each start or step with its output. The client takes over out, which came from wb_data_malloc or wb_data_strdup
