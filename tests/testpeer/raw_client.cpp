@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <stdexcept>
@@ -68,8 +69,9 @@ bool RawClient::read_piece() {
 }
 
 std::string RawClient::read_until(std::string_view end) {
-  size_t at = std::string::npos;
-  while (end.empty() || (at = unread_.find(end)) == std::string::npos) {
+  size_t searched = 0, at = std::string::npos;
+  while (end.empty() || (at = unread_.find(end, searched)) == std::string::npos) {
+    searched = unread_.size() - std::min(unread_.size(), end.size());
     if (!read_piece()) return std::exchange(unread_, {});
   }
   std::string read = unread_.substr(0, at + end.size());
@@ -82,9 +84,12 @@ bool RawClient::hears_nothing(int milliseconds) {
   return unread_.empty() && (ssl_ == nullptr || SSL_pending(ssl_.get()) == 0) && poll(&source, 1, milliseconds) == 0;
 }
 
-bool RawClient::start_tls(const std::string &authority, const Credentials &own, const std::string &server_name) {
+bool RawClient::start_tls(const CertificateAuthority &authority, const Credentials &own, const std::string &server_name) {
   const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
-  SSL_CTX_load_verify_locations(context.get(), authority.c_str(), nullptr);
+  X509_STORE *store = SSL_CTX_get_cert_store(context.get());
+  X509_STORE_load_file(store, authority.certificate().c_str());
+  X509_STORE_load_file(store, authority.revocations().c_str());
+  X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK);
   SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
   SSL_CTX_set_default_passwd_cb_userdata(context.get(), const_cast<char *>(own.passphrase.c_str()));
   if (!own.certificate.empty() && (SSL_CTX_use_certificate_file(context.get(), own.certificate.c_str(), SSL_FILETYPE_PEM) != 1 ||

@@ -1,15 +1,14 @@
 // What the scripted peer is believed to do is seen to happen, by a client that does nothing of its own accord.
-#include "scripted_peer.h"
-
 #include <gtest/gtest.h>
+#include <qlk/testpeer.hpp>
 
 #include "raw_client.h"
-#include "wait.h"
 
 namespace testpeer {
 namespace {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 constexpr char kDomain[] = "grid.quillon.internal";
 constexpr char kHead[] =
@@ -42,9 +41,7 @@ Options with(Stage stage, const Fault &fault) {
   return options;
 }
 
-bool shake_hands(RawClient &client) {
-  return client.start_tls(Identities::get().authority.certificate(), Identities::get().client, kDomain);
-}
+bool shake_hands(RawClient &client) { return client.start_tls(Identities::get().authority, Identities::get().client, kDomain); }
 
 // Says what belongs to the stage, after all that comes before it; whether the session came so far.
 bool come_to(Stage last, RawClient &client) {
@@ -215,6 +212,15 @@ struct WordsCase {
 const WordsCase kWords[] = {
     {"Replaced", Stage::sasl, [] { return with(Stage::sasl, Fault::say("<odd/>")); }, "<odd/>"},
     {"Inserted", Stage::bind, [] { return with(Stage::bind, Fault::insert("<odd/>")); }, "<odd/><iq type='result' id='b1'>"},
+    {"Cut", Stage::bind, [] { return with(Stage::bind, Fault::cut(20).then(Fault::close())); }, "<iq type='result' id"},
+    {"HeadWithProlog", Stage::stream_open,
+     [] {
+       Options it = correct();
+       it.prolog = entity_bomb_prolog();
+       return it;
+     },
+     "&e8;'>]><stream:stream xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams' id='s0' version='1.0' "
+     "xml:lang='en' from='grid.quillon.internal'>"},
     {"StreamError", Stage::sasl, [] { return with(Stage::sasl, Fault::stream_error("policy-violation", "no")); },
      "<stream:error><policy-violation xmlns='urn:ietf:params:xml:ns:xmpp-streams'></policy-violation>"
      "<text xmlns='urn:ietf:params:xml:ns:xmpp-streams'>no</text></stream:error></stream:stream>"},
@@ -411,6 +417,62 @@ TEST(ScriptedPeer, RepliesAsItIsTold) {
   EXPECT_EQ(0U, error.find(twice + twice + "<iq type='error' id='p1' to='user@grid.quillon.internal/qlk'><error")) << error;
 }
 
+// Grid requests and other stanzas meet faults of their own, and answers of their own.
+TEST(ScriptedPeer, MeetsRequestsAsItIsTold) {
+  Options options = correct();
+  options.act_as_controller = options.echo_queries = true;
+  options.request_faults = {{"cut", Fault::cut(9).then(Fault::insert("<a id='{id}' to='{jid}'/>"))},
+                            {"presence", Fault::insert("<presence/>").times(1)},
+                            {"gone", Fault::close()}};
+  options.request_replies = {{"odd", {.error = "gone", .from = ""}}, {"mute", {.copies = 0}}};
+  const ScriptedPeer peer(options);
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::bind, client));
+  client.read_until("</iq>");
+  client.send("<presence/><presence/>" + grid_request("a@b", "mute") + grid_request("a@b", "cut"));
+  EXPECT_EQ("<presence/><iq type=<a id='g&amp;1' to='user@grid.quillon.internal/qlk'/>", client.read_until("qlk'/>"));
+  client.send(grid_request("a@b", "odd"));
+  EXPECT_EQ("<iq type='error' id='g&amp;1' to='user@grid.quillon.internal/qlk'><error", client.read_until("<error"));
+  peer.notify("<news xmlns='urn:grid'/>");
+  const std::string notification =
+      "<message from='controller@grid.quillon.internal/qlk' to='user@grid.quillon.internal/qlk'>"
+      "<grid xmlns='quillon' type='notification'><news xmlns='urn:grid'/></grid></message>";
+  EXPECT_TRUE(client.read_until("</message>").ends_with(notification));
+  client.send(grid_request("a@b", "gone"));
+  EXPECT_EQ("", client.read_all());
+  EXPECT_TRUE(client.ended_in_order());
+}
+
+TEST(ScriptedPeer, CutsWhateverItSays) {
+  Options options = correct();
+  options.cut_at = 3;
+  const ScriptedPeer peer(options);
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::bind, client));
+  const unsigned before = client.pieces();
+  EXPECT_TRUE(client.read_until("</iq>").starts_with("<iq type"));
+  EXPECT_EQ(2U, client.pieces() - before);
+}
+
+TEST(ScriptedPeer, SendsHostileBytesWhole) {
+  Options options = correct();
+  std::vector<HostileBytes> all = hostile_stanzas();
+  options.on_stanza = [&all](Connection &connection, const Stanza &stanza) {
+    return connection.send(all.at(std::stoul(stanza.attribute("id"))).bytes + "<end/>");
+  };
+  const ScriptedPeer peer(options);
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::bind, client));
+  client.read_until("</iq>");
+  for (size_t i = 0; i < all.size(); ++i) {
+    client.send("<message id='" + std::to_string(i) + "'/>");
+    EXPECT_TRUE(client.read_until("<end/>") == all[i].bytes + "<end/>") << all[i].name;
+  }
+  EXPECT_EQ(64UL * 1024 * 1024, large_stanza().size());
+  EXPECT_EQ("<message><a><a></a></a></message>", deep_stanza(2));
+  EXPECT_EQ("<message a0='' a1=''/>", crowded_stanza(2));
+}
+
 TEST(ScriptedPeer, IsLedByTheTest) {
   const ScriptedPeer peer(correct());
   RawClient client(peer.port());
@@ -462,6 +524,13 @@ const CertificateCase kCertificates[] = {
      X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
     {"WrongUsage", [](Identities &by) { return by.authority.server({.names = {kDomain}, .usage = Usage::client}); }, kDomain,
      X509_V_ERR_INVALID_PURPOSE},
+    {"Revoked",
+     [](Identities &by) {
+       Credentials revoked = by.authority.server(kDomain);
+       by.authority.revoke(revoked);
+       return revoked;
+     },
+     kDomain, X509_V_ERR_CERT_REVOKED},
 };
 
 class ServerCertificate : public testing::TestWithParam<CertificateCase> {};
@@ -474,8 +543,7 @@ TEST_P(ServerCertificate, IsAcceptedOrNot) {
   RawClient client(peer.port());
   ASSERT_TRUE(come_to(Stage::starttls, client));
   client.read_until("/>");
-  EXPECT_EQ(GetParam().result == X509_V_OK,
-            client.start_tls(identities.authority.certificate(), identities.client, GetParam().asked_for));
+  EXPECT_EQ(GetParam().result == X509_V_OK, client.start_tls(identities.authority, identities.client, GetParam().asked_for));
   EXPECT_EQ(GetParam().result, client.verify_result());
 }
 
@@ -492,15 +560,18 @@ TEST(ScriptedPeer, ChecksTheClientsCertificate) {
       {identities.authority.client({.user = "user", .domain = kDomain, .passphrase = "secret"}), ""},
       {identities.other.client("user", kDomain), "certificate verify failed"},
       {identities.authority.client({.user = "u", .domain = kDomain, .validity = Validity::expired}), "certificate verify failed"},
+      {identities.authority.client("revoked", kDomain), "certificate verify failed"},
       {{}, "peer did not return a certificate"}};
   Options options = correct();
+  identities.authority.revoke(cases[3].credentials);
+  options.client_revocations = identities.authority.revocations();
   options.needs_client_certificate = true;
   for (const Case &one : cases) {
     const ScriptedPeer peer(options);
     RawClient client(peer.port());
     ASSERT_TRUE(come_to(Stage::starttls, client));
     client.read_until("/>");
-    client.start_tls(identities.authority.certificate(), one.credentials, kDomain);  // the client may not know it yet
+    client.start_tls(identities.authority, one.credentials, kDomain);  // the client may not know it yet
     EXPECT_TRUE(peer.newest()->wait_until([](const Transcript &seen) { return !seen.tls.version.empty(); }, 10s));
     EXPECT_EQ(one.error, peer.newest()->transcript().tls_error);
   }

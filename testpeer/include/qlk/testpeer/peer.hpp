@@ -1,12 +1,10 @@
-// A server for tests of XMPP clients, within the test's own process: correct by default, and wrong in whatever way it is told.
+// The scripted peer itself: a server on a port of the loopback that the system chooses.
 //
+//   using namespace testpeer;
 //   CertificateAuthority authority;
 //   ScriptedPeer peer({.certificate = authority.server("grid.example"), .faults = {{Stage::sasl, Fault::reset()}}});
 //   ... let the client connect to peer.host() ...
-//   EXPECT_TRUE(peer.wait_connections(1, 2s));
-//
-// Each connection has a thread of its own. Everything here may be called from any thread. The destructor ends all connections at
-// once and joins the threads; a Connection that is still held afterwards can be asked but does nothing more.
+//   assert(peer.wait_connections(1, std::chrono::seconds(10)));
 #pragma once
 
 #include <chrono>
@@ -16,26 +14,29 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
-#include "peer_connection.h"
-#include "script.h"
+#include <qlk/testpeer/connection.hpp>
+#include <qlk/testpeer/script.hpp>
 
 namespace testpeer {
 
+// Each connection has a thread of its own. Everything here may be called from any thread; what waits tells whether the condition
+// came to hold before the deadline.
 class ScriptedPeer {
  public:
   using Milliseconds = std::chrono::milliseconds;
 
   // Listens when it returns. Throws std::runtime_error when it cannot, or when a certificate cannot be loaded.
   explicit ScriptedPeer(Options options = {});
+  // Ends all connections at once, as a server that is killed does, and joins the threads: callbacks of the script that are under
+  // way are waited for.
   ~ScriptedPeer();
   ScriptedPeer(const ScriptedPeer &) = delete;
   ScriptedPeer &operator=(const ScriptedPeer &) = delete;
 
   unsigned port() const;
-  // "127.0.0.1:PORT" or "[::1]:PORT"; in texts of the script "{host}" stands for it.
+  // "127.0.0.1:PORT" or "[::1]:PORT"; in texts of the script "{host}" stands for it. Lives as long as the peer.
   const std::string &host() const;
 
   // How many connections there were, and how many of them had a session; those that have ended count too.
@@ -52,29 +53,18 @@ class ScriptedPeer {
 
   // All stanzas of established sessions in the order in which they came.
   std::vector<Stanza> stanzas() const;
-  // The first that the predicate accepts, of those that came and those that come before the deadline. The predicate must not
-  // ask the peer itself.
+  // The first that the predicate accepts, of those that came and those that come before the deadline; nothing when there is none.
+  // The predicate runs under the peer's lock and must not ask the peer anything.
   std::optional<Stanza> wait_for_stanza(const std::function<bool(const Stanza &)> &predicate, Milliseconds deadline) const;
 
-  // To all sessions that are established.
+  // Sends the bytes to all sessions that are established. Blocks as Connection::send does.
   void send(std::string_view bytes) const;
+  // Sends each of them a message from the controller with this notification, an XML element.
+  void notify(std::string_view payload) const;
 
  private:
-  void accept_connections();
-  void serve(int descriptor);
-  void join_ended();
-
-  struct Served {
-    std::shared_ptr<Connection> connection;
-    std::thread thread;
-  };
-
-  const std::shared_ptr<PeerState> state_;
-  int listener_ = -1;
-  unsigned port_ = 0;
-  WakePipe stop_;
-  std::vector<Served> served_;  // of the acceptor, and of the destructor once that was joined
-  std::thread acceptor_;
+  class Server;
+  const std::unique_ptr<Server> server_;
 };
 
 }  // namespace testpeer

@@ -1,9 +1,9 @@
-// An XMPP stream as its receiver reads it: the head, stanza after stanza, the end. And the little that is needed to write one.
+// An XMPP stream as its receiver reads it: the head, stanza after stanza, the end. And base64, as SASL writes it.
 #pragma once
 
 #include <expat.h>
+#include <qlk/testpeer/element.hpp>
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,25 +12,6 @@
 #include <vector>
 
 namespace testpeer {
-
-struct Element {
-  std::string ns, local;
-  std::map<std::string, std::string> attributes;  // by local name; one with a namespace by "{uri}local"
-  std::string text;                               // all texts that stand directly in it, joined
-  std::vector<Element> children;
-
-  bool is(std::string_view local_name, std::string_view uri) const { return local == local_name && ns == uri; }
-  // Empty when there is no such attribute.
-  std::string attribute(const std::string &name) const;
-  // The first child of that name, in any namespace if none is given; null when there is none.
-  const Element *child(std::string_view local_name, std::string_view uri = {}) const;
-  // XML that stands for itself: each element declares its own namespace, its text comes before its children.
-  std::string xml() const;
-};
-using Stanza = Element;
-
-// Text as it may stand in an element, and in an attribute within single or double quotes.
-std::string escape(std::string_view text);
 
 std::string base64_encode(std::string_view bytes);
 // Nothing when it is not in base64. "=" stands for no bytes, as in SASL.

@@ -1,13 +1,14 @@
-#include "certificates.h"
-
 #include <openssl/asn1.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
+#include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
+#include <openssl/x509.h>
 #include <openssl/x509v3.h>
 #include <stdlib.h>
+#include <qlk/testpeer/certificates.hpp>
 
 #include <cstdio>
 #include <filesystem>
@@ -29,16 +30,24 @@ struct FileClose {
 };
 using FilePtr = std::unique_ptr<FILE, FileClose>;
 
-FilePtr open_to_write(const std::string &path) {
-  FilePtr file(std::fopen(path.c_str(), "wb"));
+FilePtr open_file(const std::string &path, const char *mode) {
+  FilePtr file(std::fopen(path.c_str(), mode));
   require(file != nullptr, path);
   return file;
 }
 
-struct NamesFree {
-  void operator()(GENERAL_NAMES *names) const { GENERAL_NAMES_free(names); }
+template <auto Free>
+struct Freeing {
+  template <typename Object>
+  void operator()(Object *object) const {
+    Free(object);
+  }
 };
-using NamesPtr = std::unique_ptr<GENERAL_NAMES, NamesFree>;
+using KeyPtr = std::unique_ptr<EVP_PKEY, Freeing<EVP_PKEY_free>>;
+using CertificatePtr = std::unique_ptr<X509, Freeing<X509_free>>;
+using RevocationsPtr = std::unique_ptr<X509_CRL, Freeing<X509_CRL_free>>;
+using TimePtr = std::unique_ptr<ASN1_TIME, Freeing<ASN1_TIME_free>>;
+using NamesPtr = std::unique_ptr<GENERAL_NAMES, Freeing<GENERAL_NAMES_free>>;
 
 // The list owns what is added.
 void add_name(GENERAL_NAMES *names, GENERAL_NAME *name) {
@@ -148,7 +157,35 @@ TemporaryFolder::~TemporaryFolder() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-CertificateAuthority::CertificateAuthority(const std::string &name) : key_(EVP_EC_gen("P-256")), certificate_(X509_new()) {
+// The authority's key and what is made with it.
+class CertificateAuthority::Signer {
+ public:
+  explicit Signer(const std::string &name);
+
+  Credentials server(const ServerIdentity &identity);
+  Credentials client(const ClientIdentity &identity);
+  void revoke(const Credentials &credentials);
+
+  const Credentials &own() const { return own_; }
+  const std::string &revocations() const { return revocations_file_; }
+  const TemporaryFolder &folder() const { return folder_; }
+
+ private:
+  Credentials finish(X509 *certificate, EVP_PKEY *key, Usage usage, bool self_signed, const std::string &passphrase);
+  Credentials save(X509 *certificate, EVP_PKEY *key, const std::string &passphrase);
+  void save_revocations();
+
+  TemporaryFolder folder_;
+  KeyPtr key_;
+  CertificatePtr certificate_;
+  RevocationsPtr revocations_;
+  std::string revocations_file_ = folder_.file("revocations.pem");
+  Credentials own_;
+  int issued_ = 0;
+};
+
+CertificateAuthority::Signer::Signer(const std::string &name)
+    : key_(EVP_EC_gen("P-256")), certificate_(X509_new()), revocations_(X509_CRL_new()) {
   begin(certificate_.get(), key_.get(), name, Validity::current);
   require(X509_set_issuer_name(certificate_.get(), X509_get_subject_name(certificate_.get())) == 1, "issuer");
   add_extension(certificate_.get(), NID_basic_constraints, "critical,CA:TRUE");
@@ -156,9 +193,13 @@ CertificateAuthority::CertificateAuthority(const std::string &name) : key_(EVP_E
   add_extension(certificate_.get(), NID_subject_key_identifier, "hash");
   require(X509_sign(certificate_.get(), key_.get(), EVP_sha256()) > 0, "signature");
   own_ = save(certificate_.get(), key_.get(), "");
+  require(X509_CRL_set_version(revocations_.get(), X509_CRL_VERSION_2) == 1 &&
+              X509_CRL_set_issuer_name(revocations_.get(), X509_get_subject_name(certificate_.get())) == 1,
+          "list of revocations");
+  save_revocations();
 }
 
-Credentials CertificateAuthority::server(const ServerIdentity &identity) {
+Credentials CertificateAuthority::Signer::server(const ServerIdentity &identity) {
   std::string common_name = identity.common_name;
   if (common_name.empty() && !identity.addresses.empty()) common_name = identity.addresses.front();
   if (identity.common_name.empty() && !identity.names.empty()) common_name = identity.names.front();
@@ -172,7 +213,7 @@ Credentials CertificateAuthority::server(const ServerIdentity &identity) {
   return finish(certificate.get(), key.get(), identity.usage, identity.self_signed, identity.passphrase);
 }
 
-Credentials CertificateAuthority::client(const ClientIdentity &identity) {
+Credentials CertificateAuthority::Signer::client(const ClientIdentity &identity) {
   const std::string address = identity.user + "@" + identity.domain;
   const KeyPtr key(EVP_EC_gen("P-256"));
   const CertificatePtr certificate(X509_new());
@@ -184,8 +225,8 @@ Credentials CertificateAuthority::client(const ClientIdentity &identity) {
   return finish(certificate.get(), key.get(), identity.usage, identity.self_signed, identity.passphrase);
 }
 
-Credentials CertificateAuthority::finish(X509 *certificate, EVP_PKEY *key, Usage usage, bool self_signed,
-                                         const std::string &passphrase) {
+Credentials CertificateAuthority::Signer::finish(X509 *certificate, EVP_PKEY *key, Usage usage, bool self_signed,
+                                                 const std::string &passphrase) {
   X509 *issuer = self_signed ? certificate : certificate_.get();
   require(X509_set_issuer_name(certificate, X509_get_subject_name(issuer)) == 1, "issuer");
   if (const char *name = usage_name(usage); name != nullptr) add_extension(certificate, NID_ext_key_usage, name);
@@ -193,17 +234,55 @@ Credentials CertificateAuthority::finish(X509 *certificate, EVP_PKEY *key, Usage
   return save(certificate, key, passphrase);
 }
 
-Credentials CertificateAuthority::save(X509 *certificate, EVP_PKEY *key, const std::string &passphrase) {
+Credentials CertificateAuthority::Signer::save(X509 *certificate, EVP_PKEY *key, const std::string &passphrase) {
   const std::string stem = folder_.file(std::to_string(issued_++));
   Credentials files{stem + "-certificate.pem", stem + "-key.pem", passphrase};
-  require(PEM_write_X509(open_to_write(files.certificate).get(), certificate) == 1, files.certificate);
+  require(PEM_write_X509(open_file(files.certificate, "wb").get(), certificate) == 1, files.certificate);
   const auto *phrase = reinterpret_cast<const unsigned char *>(passphrase.data());
-  const FilePtr file = open_to_write(files.key);
+  const FilePtr file = open_file(files.key, "wb");
   const int written = passphrase.empty() ? PEM_write_PrivateKey(file.get(), key, nullptr, nullptr, 0, nullptr, nullptr)
                                          : PEM_write_PrivateKey(file.get(), key, EVP_aes_256_cbc(), phrase,
                                                                 static_cast<int>(passphrase.size()), nullptr, nullptr);
   require(written == 1, files.key);
   return files;
 }
+
+void CertificateAuthority::Signer::revoke(const Credentials &credentials) {
+  const FilePtr file = open_file(credentials.certificate, "rb");
+  const CertificatePtr certificate(PEM_read_X509(file.get(), nullptr, nullptr, nullptr));
+  require(certificate != nullptr, credentials.certificate);
+  X509_REVOKED *entry = X509_REVOKED_new();
+  const TimePtr now(X509_gmtime_adj(nullptr, 0));
+  require(entry != nullptr && now != nullptr &&
+              X509_REVOKED_set_serialNumber(entry, X509_get_serialNumber(certificate.get())) == 1 &&
+              X509_REVOKED_set_revocationDate(entry, now.get()) == 1 && X509_CRL_add0_revoked(revocations_.get(), entry) == 1,
+          "no memory for a revocation");
+  save_revocations();
+}
+
+void CertificateAuthority::Signer::save_revocations() {
+  const TimePtr now(X509_gmtime_adj(nullptr, -kDay)), next(X509_gmtime_adj(nullptr, 30 * kDay));
+  X509_CRL *list = revocations_.get();
+  require(X509_CRL_set1_lastUpdate(list, now.get()) == 1 && X509_CRL_set1_nextUpdate(list, next.get()) == 1 &&
+              X509_CRL_sort(list) == 1 && X509_CRL_sign(list, key_.get(), EVP_sha256()) > 0 &&
+              PEM_write_X509_CRL(open_file(revocations_file_, "wb").get(), list) == 1,
+          revocations_file_);
+}
+
+CertificateAuthority::CertificateAuthority(const std::string &name) : signer_(std::make_unique<Signer>(name)) {}
+
+CertificateAuthority::~CertificateAuthority() = default;
+
+const std::string &CertificateAuthority::certificate() const { return signer_->own().certificate; }
+
+const TemporaryFolder &CertificateAuthority::folder() const { return signer_->folder(); }
+
+Credentials CertificateAuthority::server(const ServerIdentity &identity) { return signer_->server(identity); }
+
+Credentials CertificateAuthority::client(const ClientIdentity &identity) { return signer_->client(identity); }
+
+void CertificateAuthority::revoke(const Credentials &credentials) { signer_->revoke(credentials); }
+
+const std::string &CertificateAuthority::revocations() const { return signer_->revocations(); }
 
 }  // namespace testpeer

@@ -2,12 +2,11 @@
 #pragma once
 
 #include <openssl/ssl.h>
+#include <qlk/testpeer/certificates.hpp>
 
 #include <memory>
 #include <string>
 #include <string_view>
-
-#include "certificates.h"
 
 namespace testpeer {
 
@@ -28,8 +27,8 @@ class RawClient {
   bool was_reset() const { return ending_ == Ending::reset; }
   // Waits for so many milliseconds; whether nothing came, not even the end.
   bool hears_nothing(int milliseconds);
-  // Verifies the server against the authority and its name. False when the handshake fails.
-  bool start_tls(const std::string &authority, const Credentials &own, const std::string &server_name);
+  // Verifies the server against the authority with its revocations, and its name. False when the handshake fails.
+  bool start_tls(const CertificateAuthority &authority, const Credentials &own, const std::string &server_name);
   // X509_V_OK or why the server was refused.
   long verify_result() const { return SSL_get_verify_result(ssl_.get()); }
   // How many reads returned something.

@@ -1,4 +1,4 @@
-#include "script.h"
+#include <qlk/testpeer/script.hpp>
 
 namespace testpeer {
 
@@ -31,6 +31,7 @@ const char *name_of(Stage stage) {
 Fault Fault::delay(Milliseconds time) { return Fault(Action{.kind = Kind::delay, .time = time}); }
 Fault Fault::insert(std::string bytes) { return Fault(Action{.kind = Kind::insert, .text = std::move(bytes)}); }
 Fault Fault::replace(std::string bytes) { return Fault(Action{.kind = Kind::replace, .text = std::move(bytes)}); }
+Fault Fault::cut(size_t bytes) { return Fault(Action{.kind = Kind::cut, .bytes = bytes}); }
 Fault Fault::stop_reading() { return Fault(Action{.kind = Kind::stop_reading}); }
 Fault Fault::silent() { return Fault(Action{.kind = Kind::silent}); }
 Fault Fault::close() { return Fault(Action{.kind = Kind::close}); }

@@ -1,4 +1,3 @@
-#include "scripted_peer.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -8,10 +7,15 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <qlk/testpeer/peer.hpp>
 
 #include <algorithm>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
+
+#include "grid_answers.h"
+#include "peer_connection.h"
 
 namespace testpeer {
 
@@ -43,6 +47,11 @@ void demand_certificates(SSL_CTX *context, const Options &options) {
   const char *file = options.client_authority.c_str();
   require(SSL_CTX_load_verify_locations(context, file, nullptr) == 1, "cannot load " + options.client_authority);
   SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(file));
+  if (options.client_revocations.empty()) return;
+  X509_STORE *store = SSL_CTX_get_cert_store(context);
+  const char *list = options.client_revocations.c_str();
+  require(X509_STORE_load_file(store, list) == 1 && X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK) == 1,
+          "cannot load " + options.client_revocations);
 }
 
 SslContextPtr make_context(const Options &options) {
@@ -91,24 +100,56 @@ int open_listener(const Options &options, unsigned &port) {
 
 }  // namespace
 
-ScriptedPeer::ScriptedPeer(Options options) : state_(std::make_shared<PeerState>(std::move(options))) {
-  state_->tls = make_context(state_->options);
-  listener_ = open_listener(state_->options, port_);
-  state_->host = (state_->options.ipv6 ? "[::1]:" : "127.0.0.1:") + std::to_string(port_);
-  acceptor_ = std::thread([this] { accept_connections(); });
-}
+// Listens, and keeps a thread for each connection.
+class ScriptedPeer::Server {
+ public:
+  explicit Server(Options options) : state_(std::make_shared<PeerState>(std::move(options))) {
+    state_->tls = make_context(state_->options);
+    listener_ = open_listener(state_->options, port_);
+    state_->host = (state_->options.ipv6 ? "[::1]:" : "127.0.0.1:") + std::to_string(port_);
+    acceptor_ = std::thread([this] { accept_connections(); });
+  }
 
-ScriptedPeer::~ScriptedPeer() {
-  stop_.signal();
-  acceptor_.join();
-  close(listener_);
-  for (const Served &one : served_) one.connection->socket_.abandon();
-  for (Served &one : served_) one.thread.join();
-  const std::lock_guard lock(state_->mutex);
-  state_->connections.clear();  // they hold the state
-}
+  ~Server() {
+    stop_.signal();
+    acceptor_.join();
+    close(listener_);
+    for (const Served &one : served_) one.connection->abandon();
+    for (Served &one : served_) one.thread.join();
+    const std::lock_guard lock(state_->mutex);
+    state_->connections.clear();  // they hold the state
+  }
+  Server(const Server &) = delete;
+  Server &operator=(const Server &) = delete;
 
-void ScriptedPeer::accept_connections() {
+  unsigned port() const { return port_; }
+  PeerState &state() const { return *state_; }
+
+  // The predicate holds, now or before the deadline; it runs under the mutex.
+  bool wait_until(Milliseconds deadline, const std::function<bool()> &predicate) const {
+    std::unique_lock lock(state_->mutex);
+    return state_->changed.wait_for(lock, deadline, predicate);
+  }
+
+ private:
+  struct Served {
+    std::shared_ptr<ServedConnection> connection;
+    std::thread thread;
+  };
+
+  void accept_connections();
+  void serve(int descriptor);
+  void join_ended();
+
+  const std::shared_ptr<PeerState> state_;
+  int listener_ = -1;
+  unsigned port_ = 0;
+  WakePipe stop_;
+  std::vector<Served> served_;  // of the acceptor, and of the destructor once that was joined
+  std::thread acceptor_;
+};
+
+void ScriptedPeer::Server::accept_connections() {
   for (;;) {
     pollfd sources[] = {{listener_, POLLIN, 0}, {stop_.descriptor(), POLLIN, 0}};
     if (poll(sources, 2, -1) < 0) continue;
@@ -132,11 +173,11 @@ void ScriptedPeer::accept_connections() {
 }
 
 // Takes the descriptor over, unless it throws.
-void ScriptedPeer::serve(int descriptor) {
-  std::shared_ptr<Connection> connection;
+void ScriptedPeer::Server::serve(int descriptor) {
+  std::shared_ptr<ServedConnection> connection;
   {
     const std::lock_guard lock(state_->mutex);
-    connection = std::make_shared<Connection>(state_, descriptor, state_->connections.size());
+    connection = std::make_shared<ServedConnection>(state_, descriptor, state_->connections.size());
     state_->connections.push_back(connection);
     state_->changed.notify_all();
   }
@@ -148,78 +189,79 @@ void ScriptedPeer::serve(int descriptor) {
 }
 
 // So that a peer that has seen thousands of connections does not hold as many threads.
-void ScriptedPeer::join_ended() {
+void ScriptedPeer::Server::join_ended() {
   const auto ended =
       std::partition(served_.begin(), served_.end(), [](const Served &one) { return !one.connection->transcript().is_ended; });
   std::for_each(ended, served_.end(), [](Served &one) { one.thread.join(); });
   served_.erase(ended, served_.end());
 }
 
-unsigned ScriptedPeer::port() const { return port_; }
+ScriptedPeer::ScriptedPeer(Options options) : server_(std::make_unique<Server>(std::move(options))) {}
 
-const std::string &ScriptedPeer::host() const { return state_->host; }
+ScriptedPeer::~ScriptedPeer() = default;
+
+unsigned ScriptedPeer::port() const { return server_->port(); }
+
+const std::string &ScriptedPeer::host() const { return server_->state().host; }
 
 size_t ScriptedPeer::connections() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->connections.size();
+  const std::lock_guard lock(server_->state().mutex);
+  return server_->state().connections.size();
 }
 
 size_t ScriptedPeer::established() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->established;
+  const std::lock_guard lock(server_->state().mutex);
+  return server_->state().established;
 }
 
 bool ScriptedPeer::wait_connections(size_t count, Milliseconds deadline) const {
-  std::unique_lock lock(state_->mutex);
-  return state_->changed.wait_for(lock, deadline, [&] { return state_->connections.size() >= count; });
+  return server_->wait_until(deadline, [&state = server_->state(), count] { return state.connections.size() >= count; });
 }
 
 bool ScriptedPeer::wait_established(Milliseconds deadline, size_t count) const {
-  std::unique_lock lock(state_->mutex);
-  return state_->changed.wait_for(lock, deadline, [&] { return state_->established >= count; });
+  return server_->wait_until(deadline, [&state = server_->state(), count] { return state.established >= count; });
 }
 
 bool ScriptedPeer::wait_all_ended(Milliseconds deadline) const {
-  std::unique_lock lock(state_->mutex);
-  return state_->changed.wait_for(lock, deadline, [&] { return state_->ended == state_->connections.size(); });
+  return server_->wait_until(deadline, [&state = server_->state()] { return state.ended == state.connections.size(); });
 }
 
 std::shared_ptr<Connection> ScriptedPeer::connection(size_t number) const {
-  const std::lock_guard lock(state_->mutex);
-  return number < state_->connections.size() ? state_->connections[number] : nullptr;
+  const std::lock_guard lock(server_->state().mutex);
+  const auto &all = server_->state().connections;
+  return number < all.size() ? all[number] : nullptr;
 }
 
 std::shared_ptr<Connection> ScriptedPeer::newest() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->connections.empty() ? nullptr : state_->connections.back();
+  const std::lock_guard lock(server_->state().mutex);
+  const auto &all = server_->state().connections;
+  return all.empty() ? nullptr : all.back();
 }
 
 std::vector<Stanza> ScriptedPeer::stanzas() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->stanzas;
+  const std::lock_guard lock(server_->state().mutex);
+  return server_->state().stanzas;
 }
 
 std::optional<Stanza> ScriptedPeer::wait_for_stanza(const std::function<bool(const Stanza &)> &predicate,
                                                     Milliseconds deadline) const {
-  std::unique_lock lock(state_->mutex);
+  const std::vector<Stanza> &stanzas = server_->state().stanzas;
+  std::optional<Stanza> found;
   size_t seen = 0;
-  const bool found = state_->changed.wait_for(lock, deadline, [&] {
-    while (seen < state_->stanzas.size() && !predicate(state_->stanzas[seen])) ++seen;
-    return seen < state_->stanzas.size();
+  server_->wait_until(deadline, [&] {
+    while (seen < stanzas.size() && !predicate(stanzas[seen])) ++seen;
+    if (seen < stanzas.size()) found = stanzas[seen];
+    return found.has_value();
   });
-  return found ? std::optional<Stanza>(state_->stanzas[seen]) : std::nullopt;
+  return found;
 }
 
 void ScriptedPeer::send(std::string_view bytes) const {
-  std::vector<std::shared_ptr<Connection>> all;
-  {
-    const std::lock_guard lock(state_->mutex);
-    all = state_->connections;
-  }
-  for (const auto &one : all) {
-    const Transcript transcript = one->transcript();
-    if (transcript.is_established && !transcript.is_ended) one->send(bytes);
-  }
+  for (const auto &one : server_->state().live()) one->send(bytes);
+}
+
+void ScriptedPeer::notify(std::string_view payload) const {
+  for (const auto &one : server_->state().live()) one->send(grid_notification(one->options(), one->jid(), payload));
 }
 
 }  // namespace testpeer

@@ -49,38 +49,49 @@ bool is_request(const Stanza &stanza) {
 
 }  // namespace
 
-unsigned Transcript::flights() const {
-  unsigned sum = 0;
-  for (const auto &[stage, record] : stages) sum += record.flights;
-  return sum;
+std::vector<std::shared_ptr<ServedConnection>> PeerState::live() {
+  std::vector<std::shared_ptr<ServedConnection>> all;
+  {
+    const std::lock_guard lock(mutex);
+    all = connections;
+  }
+  std::erase_if(all, [](const auto &one) { return !one->is_live(); });
+  return all;
 }
 
-const StageRecord &Transcript::at(Stage stage) const {
-  static const StageRecord nothing;
-  const auto found = stages.find(stage);
-  return found == stages.end() ? nothing : found->second;
-}
-
-Connection::Connection(std::shared_ptr<PeerState> state, int descriptor, size_t number)
+ServedConnection::ServedConnection(std::shared_ptr<PeerState> state, int descriptor, size_t number)
     : state_(std::move(state)),
       number_(number),
       socket_(descriptor, state_->options.write_deadline, [this](size_t, bool is_new_flight) { on_segment(is_new_flight); }) {}
 
 // ---- What tests and callbacks ask for
 
-Transcript Connection::transcript() const {
+std::string ServedConnection::jid() const {
+  const std::lock_guard lock(state_->mutex);
+  return transcript_.jid;
+}
+
+bool ServedConnection::is_live() const {
+  const std::lock_guard lock(state_->mutex);
+  return transcript_.is_established && !transcript_.is_ended;
+}
+
+Transcript ServedConnection::transcript() const {
   const std::lock_guard lock(state_->mutex);
   return transcript_;
 }
 
-bool Connection::wait_until(const std::function<bool(const Transcript &)> &predicate, Milliseconds deadline) const {
+bool ServedConnection::wait_until(const std::function<bool(const Transcript &)> &predicate, Milliseconds deadline) const {
   std::unique_lock lock(state_->mutex);
   return state_->changed.wait_for(lock, deadline, [&] { return predicate(transcript_); });
 }
 
-bool Connection::send(std::string_view bytes) { return socket_.write(bytes, options().chunk_size); }
+bool ServedConnection::send(std::string_view bytes) {
+  const size_t first = std::min(options().cut_at, bytes.size());
+  return socket_.write(bytes.substr(0, first), options().chunk_size) && socket_.write(bytes.substr(first), options().chunk_size);
+}
 
-void Connection::send_later(Milliseconds time, std::string bytes) {
+void ServedConnection::send_later(Milliseconds time, std::string bytes) {
   {
     const std::lock_guard lock(later_mutex_);
     later_.emplace(Clock::now() + time, std::move(bytes));
@@ -88,22 +99,28 @@ void Connection::send_later(Milliseconds time, std::string bytes) {
   socket_.nudge();
 }
 
-void Connection::reply(const Stanza &request, const Reply &reply) {
+void ServedConnection::send_at(Milliseconds time, std::string bytes) {
+  if (time == Milliseconds::zero()) {
+    send(bytes);
+  } else {
+    send_later(time, std::move(bytes));
+  }
+}
+
+std::string ServedConnection::text_of(const Stanza &request, const Reply &reply) const {
   const std::string from = reply.from.value_or(request.attribute("to"));
   std::string iq = std::string("<iq type='") + (reply.error.empty() ? "result" : "error") + "' id='" +
                    escape(reply.id.value_or(request.attribute("id"))) + "' to='" + escape(jid()) + "'";
   if (!from.empty()) iq.append(" from='").append(escape(from)).append("'");
   iq += ">" + reply.payload + (reply.error.empty() ? "" : stanza_error(reply.error)) + "</iq>";
-  for (unsigned copy = 0; copy < reply.copies; ++copy) {
-    if (reply.after == Milliseconds::zero()) {
-      send(iq);
-    } else {
-      send_later(reply.after, iq);
-    }
-  }
+  std::string copies;
+  for (unsigned copy = 0; copy < reply.copies; ++copy) copies += iq;
+  return copies;
 }
 
-void Connection::stream_error(const std::string &condition, const std::string &text) {
+void ServedConnection::reply(const Stanza &request, const Reply &reply) { send_at(reply.after, text_of(request, reply)); }
+
+void ServedConnection::stream_error(const std::string &condition, const std::string &text) {
   const bool is_host = condition == "see-other-host";
   std::string error = has_sent_head_.exchange(true) ? "" : head();
   error +=
@@ -114,11 +131,11 @@ void Connection::stream_error(const std::string &condition, const std::string &t
   close();
 }
 
-void Connection::close_stream() {
+void ServedConnection::close_stream() {
   if (!has_closed_stream_.exchange(true)) send(kClosingTag);
 }
 
-void Connection::end_with(Ending ending) {
+void ServedConnection::end_with(Ending ending) {
   ending_ = ending;
   if (ending == Ending::reset) {
     socket_.reset_on_close();
@@ -131,7 +148,7 @@ void Connection::end_with(Ending ending) {
 
 // ---- The session
 
-void Connection::run() {
+void ServedConnection::run() {
   try {
     negotiate();
     serve();
@@ -142,7 +159,7 @@ void Connection::run() {
   finish();
 }
 
-void Connection::finish() {
+void ServedConnection::finish() {
   socket_.close();
   {
     const std::lock_guard lock(state_->mutex);
@@ -151,7 +168,7 @@ void Connection::finish() {
   note([](Transcript &transcript) { transcript.is_ended = true; });
 }
 
-void Connection::negotiate() {
+void ServedConnection::negotiate() {
   try {
     secure();
     authenticate();
@@ -161,7 +178,7 @@ void Connection::negotiate() {
   }
 }
 
-void Connection::secure() {
+void ServedConnection::secure() {
   respond(Stage::accept, "");
   enter(Stage::stream_open);
   read_head();
@@ -184,7 +201,7 @@ void Connection::secure() {
   enter(Stage::tls_handshake);
   const auto deadline = Clock::now() + options().negotiation_deadline;
   if (socket_.wait_readable(deadline) != PeerSocket::Status::done) throw Ended();
-  if (!meet_fault(Stage::tls_handshake)) throw Silenced();
+  if (!meet_fault(Stage::tls_handshake, "")) throw Silenced();
   const PeerSocket::Status status = socket_.start_tls(state_->tls.get(), deadline);
   note([this](Transcript &transcript) {
     transcript.tls = socket_.tls_facts();
@@ -195,7 +212,7 @@ void Connection::secure() {
   leave();
 }
 
-void Connection::authenticate() {
+void ServedConnection::authenticate() {
   reader_ = std::make_unique<StreamReader>();  // what came in plain counts for nothing now
   has_sent_head_ = false;
   enter(Stage::stream_open_tls);
@@ -207,7 +224,7 @@ void Connection::authenticate() {
 }
 
 // Whether the outcome is success. Without it the client may try again.
-bool Connection::decide_authentication(const Element &auth) {
+bool ServedConnection::decide_authentication(const Element &auth) {
   const std::string mechanism = auth.attribute("mechanism");
   const std::optional<std::string> response = auth.text.empty() ? std::nullopt : base64_decode(auth.text);
   note([&](Transcript &transcript) {
@@ -242,7 +259,7 @@ bool Connection::decide_authentication(const Element &auth) {
   return true;
 }
 
-void Connection::bind() {
+void ServedConnection::bind() {
   auto fresh = std::make_unique<StreamReader>();
   fresh->feed(reader_->take_rest());
   reader_ = std::move(fresh);
@@ -270,7 +287,9 @@ void Connection::bind() {
     if (identity_.empty()) account = claimed_jid_.empty() ? "client@" + options().domain : bare(claimed_jid_);
     std::string jid = options().bound_jid;
     if (jid.empty()) jid = account + "/" + (resource != nullptr ? resource->text : "resource" + std::to_string(number_));
-    const bool is_answered = !meet_fault(Stage::bind);
+    const std::string answer =
+        "<iq type='result' id='" + id + "'><bind xmlns='" + kBind + "'><jid>" + escape(jid) + "</jid></bind></iq>";
+    const bool is_answer_due = meet_fault(Stage::bind, answer);
     {
       const std::lock_guard lock(state_->mutex);
       ++state_->established;
@@ -280,13 +299,12 @@ void Connection::bind() {
       transcript.jid = jid;
       transcript.is_established = true;
     });
-    if (!is_answered)
-      send("<iq type='result' id='" + id + "'><bind xmlns='" + kBind + "'><jid>" + escape(jid) + "</jid></bind></iq>");
+    if (is_answer_due) send(answer);
     return;
   }
 }
 
-void Connection::serve() {
+void ServedConnection::serve() {
   is_session_ = true;
   try {
     respond(Stage::established, "");
@@ -304,50 +322,74 @@ void Connection::serve() {
   leave();
 }
 
-void Connection::serve_stanza(const Stanza &stanza) {
+void ServedConnection::serve_stanza(const Stanza &stanza) {
   if (options().on_stanza && options().on_stanza(*this, stanza)) return;
-  if (options().answers_server_requests && answer_server_request(stanza)) return;
-  answer_grid_request(*this, stanza);
+  std::optional<Reply> reply = server_reply(stanza);
+  if (!reply) reply = grid_reply(options(), stanza);
+  const std::string answer = reply ? text_of(stanza, *reply) : "";
+  try {
+    if (meet_request_fault(stanza, answer) && reply) send_at(reply->after, answer);
+  } catch (const Silenced &) {
+    is_silent_ = true;
+  }
 }
 
-bool Connection::answer_server_request(const Stanza &stanza) {
+// How the server itself answers; nothing when it is not asked.
+std::optional<Reply> ServedConnection::server_reply(const Stanza &stanza) const {
   const std::string to = stanza.attribute("to");
-  if (!is_request(stanza) || (!to.empty() && to != options().domain && to != bare(jid()))) return false;
+  const bool is_asked = is_request(stanza) && (to.empty() || to == options().domain || to == bare(jid()));
+  if (!options().answers_server_requests || !is_asked) return std::nullopt;
   const bool is_ping = stanza.attribute("type") == "get" && stanza.child("ping", "urn:xmpp:ping") != nullptr;
-  reply(stanza, is_ping ? Reply{} : Reply{.error = "service-unavailable"});
-  return true;
+  return is_ping ? Reply{} : Reply{.error = "service-unavailable"};
 }
 
 // ---- Answers and faults
 
-void Connection::enter(Stage stage) {
+void ServedConnection::enter(Stage stage) {
   const std::lock_guard lock(state_->mutex);
   stage_ = stage;
 }
 
-void Connection::respond(Stage stage, const std::string &answer) {
+void ServedConnection::respond(Stage stage, const std::string &answer) {
   enter(stage);
-  if (meet_fault(stage) && !answer.empty()) send(answer);
+  if (meet_fault(stage, answer) && !answer.empty()) send(answer);
   if (stage == Stage::stream_open || stage == Stage::stream_open_tls || stage == Stage::stream_open_sasl) has_sent_head_ = true;
 }
 
 // Whether the normal answer is still to be given.
-bool Connection::meet_fault(Stage stage) {
+bool ServedConnection::meet_fault(Stage stage, const std::string &answer) {
   const auto found = options().faults.find(stage);
-  if (found == options().faults.end() || !is_fault_due(stage, found->second)) return true;
+  return found == options().faults.end() || commit(name_of(stage), found->second, answer, "");
+}
+
+bool ServedConnection::meet_request_fault(const Stanza &stanza, const std::string &answer) {
+  const Element *request = grid_request(stanza);
+  const auto found = options().request_faults.find(request != nullptr ? request->local : stanza.local);
+  if (found == options().request_faults.end()) return true;
+  return commit("request " + found->first, found->second, answer, stanza.attribute("id"));
+}
+
+bool ServedConnection::commit(const std::string &key, const Fault &fault, const std::string &answer, const std::string &id) {
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (state_->faults_met[key]++ >= fault.times_.value_or(~0U)) return true;
+  }
   bool is_answer_due = true;
-  for (const Fault::Action &action : found->second.actions_) is_answer_due = act(action) && is_answer_due;
+  for (const Fault::Action &action : fault.actions_) is_answer_due = act(action, answer, id) && is_answer_due;
   return is_answer_due;
 }
 
-bool Connection::is_fault_due(Stage stage, const Fault &fault) {
-  const std::lock_guard lock(state_->mutex);
-  return state_->faults_met[stage]++ < fault.times_.value_or(~0U);
+std::string ServedConnection::fill_in(std::string text, const std::string &id) const {
+  const std::pair<std::string_view, std::string> values[] = {
+      {"{host}", state_->host}, {"{jid}", escape(jid())}, {"{id}", escape(id)}};
+  for (const auto &[name, value] : values) {
+    for (size_t at = 0; (at = text.find(name, at)) != std::string::npos; at += value.size()) text.replace(at, name.size(), value);
+  }
+  return text;
 }
 
-bool Connection::act(const Fault::Action &action) {
-  std::string text = action.text;
-  if (const size_t at = text.find("{host}"); at != std::string::npos) text.replace(at, 6, state_->host);
+bool ServedConnection::act(const Fault::Action &action, const std::string &answer, const std::string &id) {
+  const std::string text = fill_in(action.text, id);
   switch (action.kind) {
     case Fault::Kind::delay:
       if (!socket_.pause(action.time)) throw Ended();
@@ -357,6 +399,9 @@ bool Connection::act(const Fault::Action &action) {
       return true;
     case Fault::Kind::replace:
       send(text);
+      return false;
+    case Fault::Kind::cut:
+      send(answer.substr(0, action.bytes));
       return false;
     case Fault::Kind::stop_reading:
       stop_reading();
@@ -382,21 +427,21 @@ bool Connection::act(const Fault::Action &action) {
   return true;
 }
 
-std::string Connection::head() const {
-  return "<?xml version='1.0'?><stream:stream xmlns='" + escape(options().content_ns) + "' xmlns:stream='" +
+std::string ServedConnection::head() const {
+  return options().prolog + "<stream:stream xmlns='" + escape(options().content_ns) + "' xmlns:stream='" +
          escape(options().stream_ns) + "' id='s" + std::to_string(number_) + "' version='1.0' xml:lang='en' from='" +
          escape(options().domain) + "'>";
 }
 
 // The client did what no client may do.
-void Connection::refuse(const std::string &condition, const std::string &violation) {
+void ServedConnection::refuse(const std::string &condition, const std::string &violation) {
   note([&](Transcript &transcript) { transcript.violations.push_back(violation); });
-  stream_error(condition);
+  stream_error(condition, "");
   leave();
 }
 
 // Our direction is closed: waits until the client's is too, as closing over unread bytes would be a reset.
-void Connection::leave() {
+void ServedConnection::leave() {
   const auto deadline = Clock::now() + kDrainTime;
   socket_.set_reading(true);
   for (;;) {
@@ -408,7 +453,7 @@ void Connection::leave() {
 
 // ---- What the client says
 
-void Connection::read_head() {
+void ServedConnection::read_head() {
   const StreamReader::Item item = next_item();
   if (item.kind != StreamReader::Item::Kind::head) refuse("bad-format", "an empty stream");
   if (!item.element.is("stream", "http://etherx.jabber.org/streams")) refuse("invalid-namespace", "no stream head");
@@ -419,7 +464,7 @@ void Connection::read_head() {
 }
 
 // The next element of the negotiation, which must be this one.
-Element Connection::expect(std::string_view local, std::string_view ns) {
+Element ServedConnection::expect(std::string_view local, std::string_view ns) {
   std::optional<Element> element = next_element();
   if (!element) leave();
   if (element->is(local, ns)) return std::move(*element);
@@ -433,7 +478,7 @@ Element Connection::expect(std::string_view local, std::string_view ns) {
 }
 
 // The next child of the stream; nothing when the client has closed it and was answered.
-std::optional<Element> Connection::next_element() {
+std::optional<Element> ServedConnection::next_element() {
   StreamReader::Item item = next_item();
   if (item.kind == StreamReader::Item::Kind::stanza) return std::move(item.element);
   note([](Transcript &transcript) { transcript.is_closed_by_client = true; });
@@ -443,7 +488,7 @@ std::optional<Element> Connection::next_element() {
   return std::nullopt;
 }
 
-StreamReader::Item Connection::next_item() {
+StreamReader::Item ServedConnection::next_item() {
   for (;;) {
     std::optional<StreamReader::Item> item;
     std::string violation;
@@ -458,7 +503,7 @@ StreamReader::Item Connection::next_item() {
   }
 }
 
-void Connection::read_more() {
+void ServedConnection::read_more() {
   const auto patience = is_session_ || is_silent_ ? Clock::time_point::max() : Clock::now() + options().negotiation_deadline;
   for (;;) {
     if (ending_ != Ending::none) leave();
@@ -479,12 +524,12 @@ void Connection::read_more() {
 }
 
 // Reads and records until the client goes.
-void Connection::listen() {
+void ServedConnection::listen() {
   is_silent_ = is_listening_ = true;
   for (;;) read_more();
 }
 
-void Connection::send_due() {
+void ServedConnection::send_due() {
   for (;;) {
     std::string bytes;
     {
@@ -496,18 +541,18 @@ void Connection::send_due() {
   }
 }
 
-Clock::time_point Connection::next_due() {
+Clock::time_point ServedConnection::next_due() {
   const std::lock_guard lock(later_mutex_);
   return later_.empty() ? Clock::time_point::max() : later_.begin()->first;
 }
 
-void Connection::note(const std::function<void(Transcript &)> &change) {
+void ServedConnection::note(const std::function<void(Transcript &)> &change) {
   const std::lock_guard lock(state_->mutex);
   change(transcript_);
   state_->changed.notify_all();
 }
 
-void Connection::on_segment(bool is_new_flight) {
+void ServedConnection::on_segment(bool is_new_flight) {
   note([&](Transcript &transcript) {
     StageRecord &record = transcript.stages[stage_];
     ++record.segments;

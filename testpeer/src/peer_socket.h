@@ -3,6 +3,7 @@
 #pragma once
 
 #include <openssl/ssl.h>
+#include <qlk/testpeer/connection.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -36,14 +37,6 @@ class WakePipe {
 
  private:
   int ends_[2] = {-1, -1};
-};
-
-// What a TLS handshake agreed on.
-struct TlsFacts {
-  std::string version = {};         // as OpenSSL writes it: "TLSv1.3"; empty before the handshake
-  std::string server_name = {};     // that the client asked for
-  std::string client_subject = {};  // of its certificate, as RFC 2253 writes it; empty when it showed none
-  bool client_verified = false;     // that certificate chains to the authority
 };
 
 // One thread, the connection's own, reads, shakes hands and closes; any thread may write and do the rest.

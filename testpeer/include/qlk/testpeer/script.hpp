@@ -1,4 +1,5 @@
-// What the scripted peer is told to do: by default all that a correct server does; faults and options make it do otherwise.
+// What the scripted peer is told to do: by default all that a correct server does; faults and options make it do otherwise. All
+// of these are ordinary values.
 #pragma once
 
 #include <chrono>
@@ -9,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "certificates.h"
-#include "stream_codec.h"
+#include <qlk/testpeer/certificates.hpp>
+#include <qlk/testpeer/element.hpp>
 
 namespace testpeer {
 
@@ -29,10 +30,12 @@ enum class Stage {
   bind,              // the outcome of resource binding
   established        // binding was answered; a fault comes before anything else
 };
+// As it is written above; constant.
 const char *name_of(Stage stage);
 
-// What the peer does when it would give the answer of a stage. Faults join into sequences:
+// What the peer does when it would give the answer of a stage, or of a request. Faults join into sequences:
 //   Fault::delay(50ms).then(Fault::reset()),  Fault::close().times(2)
+// In their texts "{host}" stands for the peer's host(), "{jid}" for the client's address and "{id}" for the id of the request.
 class Fault {
  public:
   using Milliseconds = std::chrono::milliseconds;
@@ -43,6 +46,8 @@ class Fault {
   static Fault insert(std::string bytes);
   // Sends the bytes and not the normal answer. (In tls_handshake it goes no further, as there is nothing to go on with.)
   static Fault replace(std::string bytes);
+  // Sends the first so many bytes of the normal answer and not the rest.
+  static Fault cut(size_t bytes);
   // Reads nothing more until Connection::resume_reading, but gives this answer.
   static Fault stop_reading();
 
@@ -59,20 +64,23 @@ class Fault {
   static Fault half_close();
   // Sends the bytes and is silent.
   static Fault say(std::string bytes) { return replace(std::move(bytes)).then(silent()); }
-  // Sends the stream error, with a stream head if there was none, and closes. The text of see-other-host is the host.
+  // Sends the stream error, with a stream head if there was none, and closes. The text of see-other-host is the host:
+  // stream_error("see-other-host", "{host}") leads the client in a circle.
   static Fault stream_error(std::string condition, std::string text = {});
 
+  // This one, and the next after it.
   Fault then(const Fault &next) const;
-  // Only the first so many connections that come to the stage meet it.
+  // Only the first so many connections that come to the stage, or requests of that name, meet it.
   Fault times(unsigned count) const;
 
  private:
-  friend class Connection;
-  enum class Kind { delay, insert, replace, stop_reading, silent, close, truncate, reset, half_close, stream_error };
+  friend class ServedConnection;
+  enum class Kind { delay, insert, replace, cut, stop_reading, silent, close, truncate, reset, half_close, stream_error };
   struct Action {
     Kind kind;
     std::string text = {}, condition = {};
     Milliseconds time = {};
+    size_t bytes = 0;
   };
   explicit Fault(Action action) : actions_{std::move(action)} {}
 
@@ -98,13 +106,19 @@ struct Options {
 
   Credentials certificate = {};           // the server's; without one every handshake fails
   std::string client_authority = {};      // a file: the client's certificate, if it shows one, must chain to it; "": any will do
+  std::string client_revocations = {};    // a file: a certificate that is listed there is refused, as is any without a list
   bool needs_client_certificate = false;  // no handshake without one
   TlsVersion tls_version_min = TlsVersion::tls_1_2, tls_version_max = TlsVersion::tls_1_3;
 
   std::map<Stage, Fault> faults = {};
+  // Instead of the answers of established sessions: by the local name of a grid request ("connectRequest", "subscribeRequest",
+  // that of a query's payload), or of any other stanza ("presence", "message", "iq"). on_stanza comes before.
+  std::map<std::string, Fault> request_faults = {};
   size_t chunk_size = 0;      // the most bytes that are sent in one piece; 1: one by one, 0: all at once
+  size_t cut_at = 0;          // whatever is sent at once goes in two pieces, the first of so many bytes; 0: in one
   size_t receive_buffer = 0;  // of the kernel, so that who sends more must soon wait; 0: as large as usual
   bool answers_close = true;  // answers the client's closing tag
+  std::string prolog = "<?xml version='1.0'?>";  // before each stream's start tag
   std::string stream_ns = "http://etherx.jabber.org/streams", content_ns = "jabber:client";
 
   bool offers_starttls = true;
@@ -134,7 +148,9 @@ struct Options {
   std::map<std::string, std::string> controller_answers = {};  // XML by the request's local name; else it is sent back as it came
   // Answers every other grid request with its own payload.
   bool echo_queries = false;
-  Reply grid_reply = {};  // how both answer; they fill in the payload unless there is one
+  // How both answer, and how they answer requests of these local names instead; they fill in the payload unless there is one.
+  Reply grid_reply = {};
+  std::map<std::string, Reply> request_replies = {};
 
   std::chrono::milliseconds negotiation_deadline = std::chrono::seconds(30);  // of each wait before a session is established
   std::chrono::milliseconds write_deadline = std::chrono::seconds(30);

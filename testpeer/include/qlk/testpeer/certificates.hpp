@@ -1,9 +1,6 @@
-// Certificates made while the test runs, with keys on the curve P-256: an authority, and what it signs. Nothing is kept between
-// runs. All functions throw std::runtime_error when OpenSSL or the file system refuses. Not for two threads at once.
+// Certificates made while the test runs, with keys on the curve P-256: an authority, and what it signs, good or bad. Nothing is
+// kept between runs. What follows throws std::runtime_error when OpenSSL or the file system refuses. Not for two threads at once.
 #pragma once
-
-#include <openssl/evp.h>
-#include <openssl/x509.h>
 
 #include <concepts>
 #include <memory>
@@ -22,6 +19,7 @@ class TemporaryFolder {
   TemporaryFolder &operator=(const TemporaryFolder &) = delete;
 
   const std::string &path() const { return path_; }
+  // The path of a file of that name in it; nothing is made.
   std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
 
  private:
@@ -34,6 +32,7 @@ struct Credentials {
   std::string certificate = {}, key = {}, passphrase = {};
 };
 
+// From yesterday for 30 days; until yesterday; from in five days.
 enum class Validity { current, expired, not_yet };
 
 // The extended key usage that a certificate names; `other` is one that fits neither a server nor a client.
@@ -62,40 +61,36 @@ struct ClientIdentity {
 class CertificateAuthority {
  public:
   explicit CertificateAuthority(const std::string &name = "Test Authority");
+  ~CertificateAuthority();
+  CertificateAuthority(const CertificateAuthority &) = delete;
+  CertificateAuthority &operator=(const CertificateAuthority &) = delete;
 
   // The file with the authority's own certificate, for whoever is to trust it.
-  const std::string &certificate() const { return own_.certificate; }
-  const TemporaryFolder &folder() const { return folder_; }
+  const std::string &certificate() const;
+  // Where its files are.
+  const TemporaryFolder &folder() const;
 
+  // What a server shows: for one name, or for an identity.
   // A template, so that g++ does not try to make a name of an identity in braces.
   template <std::convertible_to<std::string> Name>
   Credentials server(const Name &name) {
     return server(ServerIdentity{.names = {name}});
   }
   Credentials server(const ServerIdentity &identity);
+  // What a client shows.
   Credentials client(const std::string &user, const std::string &domain) {
     return client(ClientIdentity{.user = user, .domain = domain});
   }
   Credentials client(const ClientIdentity &identity);
 
+  // Adds the certificate to the list of those that are revoked. Who has read the list already has to read it again.
+  void revoke(const Credentials &credentials);
+  // The file with that list, at first empty: who checks revocations at all needs it for the good certificates too.
+  const std::string &revocations() const;
+
  private:
-  struct KeyFree {
-    void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
-  };
-  struct CertificateFree {
-    void operator()(X509 *certificate) const { X509_free(certificate); }
-  };
-  using KeyPtr = std::unique_ptr<EVP_PKEY, KeyFree>;
-  using CertificatePtr = std::unique_ptr<X509, CertificateFree>;
-
-  Credentials finish(X509 *certificate, EVP_PKEY *key, Usage usage, bool self_signed, const std::string &passphrase);
-  Credentials save(X509 *certificate, EVP_PKEY *key, const std::string &passphrase);
-
-  TemporaryFolder folder_;
-  KeyPtr key_;
-  CertificatePtr certificate_;
-  Credentials own_;
-  int issued_ = 0;
+  class Signer;
+  const std::unique_ptr<Signer> signer_;
 };
 
 }  // namespace testpeer

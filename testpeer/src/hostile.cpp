@@ -1,0 +1,65 @@
+#include <qlk/testpeer/hostile.hpp>
+
+namespace testpeer {
+
+namespace {
+
+std::string message(const std::string &content) { return "<message>" + content + "</message>"; }
+
+// Nine levels of ten references each, above a text of three characters.
+std::string entity_bomb_type() {
+  std::string type = "<!DOCTYPE bomb [<!ENTITY e0 'lol'>";
+  for (int level = 1; level <= 9; ++level) {
+    type += "<!ENTITY e" + std::to_string(level) + " '";
+    for (int i = 0; i < 10; ++i) type += "&e" + std::to_string(level - 1) + ";";
+    type += "'>";
+  }
+  return type + "]>";
+}
+
+}  // namespace
+
+std::string large_stanza(size_t bytes) {
+  const std::string start = "<message><body>", end = "</body></message>";
+  const size_t rest = bytes > start.size() + end.size() ? bytes - start.size() - end.size() : 0;
+  return start + std::string(rest, 'x') + end;
+}
+
+std::string deep_stanza(size_t depth) {
+  std::string stanza;
+  stanza.reserve(depth * 7 + 20);
+  for (size_t i = 0; i < depth; ++i) stanza += "<a>";
+  for (size_t i = 0; i < depth; ++i) stanza += "</a>";
+  return message(stanza);
+}
+
+std::string crowded_stanza(size_t attributes) {
+  std::string stanza = "<message";
+  for (size_t i = 0; i < attributes; ++i) stanza += " a" + std::to_string(i) + "=''";
+  return stanza + "/>";
+}
+
+std::string entity_bomb_prolog() { return "<?xml version='1.0'?>" + entity_bomb_type(); }
+
+std::vector<HostileBytes> hostile_stanzas() {
+  return {{"Large", large_stanza()},
+          {"Deep", deep_stanza()},
+          {"Crowded", crowded_stanza()},
+          {"EntityBomb", entity_bomb_type() + message("&e9;")},
+          {"DocumentType", "<!DOCTYPE stream>" + message("")},
+          {"Comment", "<!-- nothing -->" + message("")},
+          {"ProcessingInstruction", "<?nothing to do?>" + message("")},
+          {"UndeclaredEntity", message("&nothing;")},
+          {"HalfCharacter", message("\xC3")},
+          {"OverlongCharacter", message("\xC0\xAF")},
+          {"NoUtf8", message("\xFF")},
+          {"ForbiddenCharacter", message("&#1;")},
+          {"ZeroByte", message(std::string(1, '\0'))},
+          {"CrossedTags", "<message><a><b></a></b></message>"},
+          {"AttributeTwice", "<message id='1' id='2'/>"},
+          {"UndeclaredPrefix", "<none:message/>"},
+          {"ClosingTagTooMany", "<message/></message>"},
+          {"TextBetweenStanzas", "words" + message("")}};
+}
+
+}  // namespace testpeer
