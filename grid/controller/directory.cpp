@@ -86,9 +86,10 @@ std::vector<std::string> Directory::topics_of(const Announcement &announcement) 
 }
 
 void Directory::note(const Announcement &announcement, const char *table, bool active) {
+  // excluded holds numbers, as the columns do: a text would always be the greater.
   const std::string sql = std::string("INSERT INTO ") + table +
-                          " VALUES (?1, ?2, ?3, ?4, ?5) ON CONFLICT (jid, capability) DO UPDATE SET dynamic = max(dynamic, ?4), "
-                          "active = max(active, ?5)";
+                          " VALUES (?1, ?2, ?3, ?4, ?5) ON CONFLICT (jid, capability) DO UPDATE SET "
+                          "dynamic = max(dynamic, excluded.dynamic), active = max(active, excluded.active)";
   store_.run(sql.c_str(), {announcement.jid, announcement.user, announcement.capability, announcement.is_dynamic ? "1" : "0",
                            active ? "1" : "0"});
 }
