@@ -40,6 +40,30 @@ TEST_F(GridConnectionTest, AServerOfAnotherAuthorityIsRefusedAndTheLogSaysSo) {
   EXPECT_EQ(QUILLON_STATUS_OK, client.connect()) << log.all();
 }
 
+TEST(GridServerCertificate, OneThatExpiredOrBearsAnotherNameIsRefusedAndTheLogSaysSo) {
+  test_support::LocalGrid grid(test_support::LocalGrid::Approval::automatic);
+  const test_support::QuillonLogCapture log;
+  Client client(grid, "careful");
+  const auto restart_with_certificate = [&](int days, const char *name, bool wait_for_controller) {
+    grid.server_stop();
+    grid.server_certificate(days, name);
+    grid.server_start(wait_for_controller);
+  };
+  struct Case {
+    int days;
+    const char *name, *reason;
+  };
+  for (const Case &test : {Case{-1, "", "certificate has expired"}, Case{30, "elsewhere.example", "mismatch"}}) {
+    SCOPED_TRACE(test.reason);
+    restart_with_certificate(test.days, test.name, false);  // the controller refuses it as well
+    EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, client.connect());
+    EXPECT_TRUE(log.contains(test.reason)) << log.all();
+    EXPECT_FALSE(client.is_connected());
+  }
+  restart_with_certificate(30, "", true);
+  EXPECT_EQ(QUILLON_STATUS_OK, client.connect()) << log.all();
+}
+
 TEST_F(GridConnectionTest, AClientWithoutACertificateGetsAStatusAndNoHang) {
   Client client(*grid_, "bare");
   quillon_connection_set_ssl_ctx_cb(client.connection, [](quillon_connection *, void *, void *) {});
