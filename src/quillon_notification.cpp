@@ -127,7 +127,10 @@ class Dispatching {
 bool changeable_locked(_quillon_notification &notification, const char *key, Slot *&out) {
   wb_htable *table = notification.map_of_name_to_callback.get();
   if (auto *found = static_cast<Slot *>(wb_htable_get(table, key))) {
-    if (*found == notification.in_dispatch) *found = std::make_shared<NotificationHandlers>(**found);
+    if (*found == notification.in_dispatch) {
+      *found = std::make_shared<NotificationHandlers>(**found);
+      std::erase_if(**found, is_stale);  // the end of the dispatching takes them out of the other list only
+    }
     out = found;
     return true;
   }

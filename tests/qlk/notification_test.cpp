@@ -194,6 +194,20 @@ TEST_F(NotificationEngine, CapabilityDestroyedDuringDispatchIsNotTouched) {
   EXPECT_EQ(1U, update_handlers(*connection_->notification)) << "only the application's own is left";
 }
 
+TEST_F(NotificationEngine, CapabilityDestroyedDuringDispatchIsForgottenByAListThatChangesThen) {
+  test_support::Capability capability = test_support::make_capability("urn:x", "C");
+  Handler added = [](wb_dom_node *) {};
+  Handler destroy = [&](wb_dom_node *) {
+    if (capability == nullptr) return;
+    capability.reset();
+    on(GRID_NS, publish_update_notif_name, added);
+  };
+  on(GRID_NS, publish_update_notif_name, destroy);
+  follow(capability.get());
+  handle_and_wait(update("add", "a@d/qlk"));
+  EXPECT_EQ(2U, update_handlers(*connection_->notification)) << "the application's own two are left";
+}
+
 TEST_F(NotificationEngine, CapabilitiesComeAndGoWhileUpdatesAreDispatched) {
   std::atomic<bool> stop = false;
   std::thread updates([&] {
