@@ -5,6 +5,7 @@
 #include "guard.h"
 #include "pthread_lock.h"
 #include "quillon_queue.h"
+#include "signals_blocked.h"
 #include "stanza_builder.h"
 
 namespace qlk {
@@ -29,6 +30,7 @@ QUILLON_STATUS DispatchThread::start(const std::shared_ptr<void> &owner, Handler
   if (queue_ == nullptr || wake_up_ == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
   auto start = std::make_unique<Start>(Start{this, owner, handler});
   keep_running_ = true;
+  const SignalsBlocked blocked;
   if (pthread_create(&thread_, nullptr, run, start.get()) != 0) {
     keep_running_ = false;
     wb_log(WB_LOG_ERROR, "could not start a dispatch thread");

@@ -13,6 +13,7 @@
 #include "guard.h"
 #include "monitor_wait.h"
 #include "pthread_lock.h"
+#include "signals_blocked.h"
 
 namespace qlk {
 
@@ -128,6 +129,7 @@ QUILLON_STATUS start_thread(_quillon_reconnection &reconnection) {
   auto start = std::make_unique<Start>(Start{reconnection.self, run});
   const qlk::PthreadLock lock(reconnection.mutex);
   reconnection.keepRunning = true;
+  const qlk::SignalsBlocked blocked;
   if (pthread_create(&reconnection.thread, nullptr, _reconnection_thread, start.get()) != 0) {
     reconnection.keepRunning = false;
     wb_log(WB_LOG_ERROR, "pthread_create failed");
@@ -155,7 +157,7 @@ std::shared_ptr<Run> stop_run(_quillon_reconnection &reconnection) {
 
 QUILLON_STATUS quillon_reconnection_create(quillon_reconnection **reconnection, quillon_connection *connection) {
   qlk::trace(__func__);
-  if (reconnection == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (reconnection == nullptr) return qlk::refuse("reconnection is null");
   *reconnection = nullptr;
   if (connection == nullptr) {
     wb_log(WB_LOG_ERROR, "Invalid connection object");

@@ -1,4 +1,5 @@
-// Signals of the application are for its own threads: a thread started while this lives blocks them all.
+// Signals of the application are for its own threads: a thread started while this lives blocks them. The signals of a fault come
+// to the thread that is at fault, and an application's handler for them is to hear of faults on the library's threads, too.
 #pragma once
 
 #include <signal.h>
@@ -8,9 +9,10 @@ namespace qlk {
 class SignalsBlocked {
  public:
   SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous_);
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) sigdelset(&blocked, fault);
+    pthread_sigmask(SIG_BLOCK, &blocked, &previous_);
   }
   ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
   SignalsBlocked(const SignalsBlocked &) = delete;

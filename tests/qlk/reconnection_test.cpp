@@ -1,3 +1,7 @@
+#include <signal.h>
+
+#include <map>
+
 #include "connection_fixture.h"
 #include "quillon_reconnection.h"
 
@@ -126,6 +130,45 @@ TEST_F(ReconnectionTest, TheConnectCallbackMayDestroyIt) {
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
   EXPECT_TRUE(wait_for_exits(1));
   EXPECT_FALSE(quillon_connection_is_connected(raw()));
+}
+
+TEST_F(ReconnectionTest, TheLibrarysThreadsTakeNoSignalsButThoseOfTheirFaults) {
+  serve();
+  std::mutex mutex;
+  std::map<std::string, sigset_t> masks;
+  const auto note_mask = [&](const char *thread) {
+    const std::lock_guard lock(mutex);
+    pthread_sigmask(SIG_SETMASK, nullptr, &masks[thread]);
+  };
+  const auto is_noted = [&](const char *thread) {
+    return wait_for([&] {
+      const std::lock_guard lock(mutex);
+      return masks.count(thread) != 0;
+    });
+  };
+  std::function<void()> note_handler = [&] { note_mask("request handler"); };
+  const auto handler = [](wb_dom_node *, void *arg) -> wb_dom_node * {
+    (*static_cast<std::function<void()> *>(arg))();
+    return nullptr;
+  };
+  quillon_connection_register_query_handler(raw(), "urn:x", "ask", handler, &note_handler);
+  in_connect_cb_ = [&] { note_mask("reconnection"); };
+  in_account_cb_ = [&](QUILLON_STATUS) { note_mask("notifications"); };
+  in_disconnect_cb_ = [&](QUILLON_STATUS) { note_mask("event loop"); };
+
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  ASSERT_TRUE(wait_for_connected());
+  update_account("enabled");
+  server_->send_to_all(
+      "<iq type='get' id='1' from='b@d/qlk'><grid xmlns='quillon' type='request'><ask xmlns='urn:x'/></grid></iq>");
+  EXPECT_TRUE(is_noted("notifications"));
+  EXPECT_TRUE(is_noted("request handler"));
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_stop(reconnection_));
+  ASSERT_EQ(4u, masks.size());
+  for (const auto &[thread, mask] : masks) {
+    EXPECT_TRUE(sigismember(&mask, SIGTERM)) << thread;
+    EXPECT_FALSE(sigismember(&mask, SIGSEGV)) << thread;
+  }
 }
 
 TEST_F(ReconnectionTest, OutlivesItsConnection) {
