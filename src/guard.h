@@ -20,12 +20,11 @@ inline QUILLON_STATUS refuse(const char *message) {
   return QUILLON_STATUS_INVALID_ARGS;
 }
 
-namespace detail {
-inline QUILLON_STATUS failed(const char *where, const char *what, QUILLON_STATUS status) {
-  wb_log(WB_LOG_ERROR, "%s: %s", where, what);
-  return status;
+// Logs that the operation lacks memory and returns the status for it.
+inline QUILLON_STATUS out_of_memory(const char *operation) {
+  wb_log(WB_LOG_ERROR, "%s: out of memory", operation);
+  return QUILLON_STATUS_MALLOC_ERROR;
 }
-}  // namespace detail
 
 // Runs the body of an exported function that returns a status.
 template <typename Body>
@@ -35,9 +34,10 @@ QUILLON_STATUS guarded(const char *where, Body &&body) {
   } catch (const abi::__forced_unwind &) {
     throw;  // the application cancels its own thread in here: let the stack unwind
   } catch (const std::bad_alloc &) {
-    return detail::failed(where, "out of memory", QUILLON_STATUS_MALLOC_ERROR);
+    return out_of_memory(where);
   } catch (...) {
-    return detail::failed(where, "unexpected exception", QUILLON_STATUS_UNKNOWN);
+    wb_log(WB_LOG_ERROR, "%s: unexpected exception", where);
+    return QUILLON_STATUS_UNKNOWN;
   }
 }
 

@@ -17,6 +17,8 @@ const char *const element_tokenchild_name = "{" ADMIN_NS "}token";
 
 namespace {
 
+constexpr char kNoToken[] = "token is null";
+
 void trace_token(const char *operation, const void *token) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(token='%p' \n)", operation, token);
 }
@@ -37,7 +39,7 @@ void store_token(quillon_authentication_token &token, const char *text) {
 
 QUILLON_STATUS qlk::_populate_token(quillon_authentication_token *token) {
   trace_token(__func__, token);
-  if (token == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (token == nullptr) return refuse(kNoToken);
   ControllerRequest request(element_tokenreq_name);
   if (!request.ok()) return QUILLON_STATUS_XML_ERROR;
   NodePtr reply;
@@ -51,9 +53,9 @@ QUILLON_STATUS qlk::_populate_token(quillon_authentication_token *token) {
 QUILLON_STATUS quillon_authentication_token_create(quillon_authentication_token **token, quillon_connection *connection) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(token='%p', connection='%p' \n)", __func__, static_cast<void *>(token),
          static_cast<void *>(connection));
-  if (token == nullptr) return qlk::refuse("token is null");
+  if (token == nullptr) return qlk::refuse(kNoToken);
   *token = new (std::nothrow) _quillon_authentication_token{connection, nullptr};
-  return *token != nullptr ? QUILLON_STATUS_OK : QUILLON_STATUS_MALLOC_ERROR;
+  return *token != nullptr ? QUILLON_STATUS_OK : qlk::out_of_memory(__func__);
 }
 
 const char *quillon_authentication_token_get(quillon_authentication_token *token) {
@@ -66,7 +68,7 @@ const char *quillon_authentication_token_get(quillon_authentication_token *token
 
 QUILLON_STATUS quillon_authentication_token_destroy(quillon_authentication_token *token) {
   trace_token(__func__, token);
-  if (token == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (token == nullptr) return qlk::refuse(kNoToken);
   wipe_and_free(token->value);
   delete token;
   return QUILLON_STATUS_OK;

@@ -15,6 +15,8 @@ namespace {
 
 using qlk::TextField;
 
+constexpr char kInvalidCapability[] = "Invalid capability object";
+
 struct Registries {
   std::mutex mutex;  // guards both, and the names of every capability against a change
   quillon_array *sub_list = nullptr;
@@ -35,7 +37,7 @@ void replace(quillon_string *&field, qlk::StringPtr fresh) {
 }
 
 QUILLON_STATUS set_name(const quillon_capability *capability, const char *name, std::string_view topic_suffix) {
-  if (capability == nullptr) return qlk::refuse("Invalid capability object");
+  if (capability == nullptr) return qlk::refuse(kInvalidCapability);
   if (name == nullptr || *name == '\0') return QUILLON_STATUS_INVALID_ARGS;
   quillon_string *made = nullptr;
   QUILLON_STATUS status = quillon_string_create(&made, name, std::strlen(name));
@@ -106,7 +108,7 @@ bool add_copied_jid(quillon_capability &capability, qlk::StringPtr copy) {
 }
 
 bool check_jid_arguments(const quillon_capability *capability, const quillon_string *jid) {
-  if (capability == nullptr) wb_log(WB_LOG_ERROR, "Invalid capability object");
+  if (capability == nullptr) wb_log(WB_LOG_ERROR, "%s", kInvalidCapability);
   if (capability != nullptr && jid == nullptr) wb_log(WB_LOG_ERROR, "Invalid jid object");
   return capability != nullptr && jid != nullptr;
 }
@@ -200,11 +202,11 @@ QUILLON_STATUS qlk::registry_add(Registry registry, const quillon_capability &ca
   const std::lock_guard lock(registries.mutex);
   quillon_array *&list = registries.of(registry);
   if (list == nullptr) quillon_array_create(&list, quillon_array_obj_equal, quillon_array_obj_free);
-  if (list == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+  if (list == nullptr) return out_of_memory(__func__);
   void **end = list->items + list->size;
   // Without a name it equals nothing, not even itself.
   const bool listed = std::find(list->items, end, &capability) != end || quillon_array_index_of(list, &capability) >= 0;
-  return listed || array_add(list, &changeable(&capability)) ? QUILLON_STATUS_OK : QUILLON_STATUS_MALLOC_ERROR;
+  return listed || array_add(list, &changeable(&capability)) ? QUILLON_STATUS_OK : out_of_memory(__func__);
 }
 
 std::vector<qlk::CapabilityPtr> qlk::registry_snapshot(Registry registry) {
@@ -224,7 +226,7 @@ bool qlk::registry_has_equal(Registry registry, const quillon_capability &capabi
 
 QUILLON_STATUS qlk::quillon_capability_default_create(quillon_capability **capability) {
   trace(__func__);
-  if (capability == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (capability == nullptr) return refuse(kInvalidCapability);
   *capability = nullptr;
   return guarded(__func__, [&]() -> QUILLON_STATUS {
     auto created = std::make_shared<_quillon_capability>();
@@ -238,10 +240,10 @@ QUILLON_STATUS qlk::quillon_capability_default_create(quillon_capability **capab
 
 QUILLON_STATUS quillon_capability_create(quillon_capability **capability) {
   qlk::trace(__func__);
-  if (capability == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (capability == nullptr) return qlk::refuse(kInvalidCapability);
   *capability = nullptr;
   qlk::ArrayPtr jids = make_jids();
-  if (jids == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+  if (jids == nullptr) return qlk::out_of_memory(__func__);
   const QUILLON_STATUS status = qlk::quillon_capability_default_create(capability);
   if (status == QUILLON_STATUS_OK) (*capability)->jids = jids.release();
   return status;
@@ -281,7 +283,7 @@ QUILLON_STATUS quillon_dynamic_capability_set_name(const quillon_capability *cap
 
 QUILLON_STATUS quillon_capability_set_namespace(const quillon_capability *capability, const char *namespace_) {
   qlk::trace(__func__);
-  if (capability == nullptr) return qlk::refuse("Invalid capability object");
+  if (capability == nullptr) return qlk::refuse(kInvalidCapability);
   if (namespace_ == nullptr || *namespace_ == '\0') return QUILLON_STATUS_INVALID_ARGS;
   quillon_string *made = nullptr;
   const QUILLON_STATUS status = quillon_string_create(&made, namespace_, std::strlen(namespace_));
@@ -294,7 +296,7 @@ QUILLON_STATUS quillon_capability_set_namespace(const quillon_capability *capabi
 
 QUILLON_STATUS quillon_capability_set_filter(const quillon_capability *capability, wb_dom_node *filter) {
   qlk::trace(__func__);
-  if (capability == nullptr) return qlk::refuse("Invalid capability object");
+  if (capability == nullptr) return qlk::refuse(kInvalidCapability);
   quillon_capability &record = changeable(capability);
   const std::lock_guard lock(record.mutex);
   record.filter = filter;
@@ -304,14 +306,14 @@ QUILLON_STATUS quillon_capability_set_filter(const quillon_capability *capabilit
 quillon_array *quillon_capability_get_jids(quillon_capability *capability) {
   qlk::trace(__func__);
   if (capability != nullptr) return capability->jids;
-  wb_log(WB_LOG_ERROR, "Invalid capability object");
+  wb_log(WB_LOG_ERROR, "%s", kInvalidCapability);
   return nullptr;
 }
 
 quillon_array *quillon_capability_copy_jids(quillon_capability *capability) {
   qlk::trace(__func__);
   if (capability == nullptr) {
-    wb_log(WB_LOG_ERROR, "Invalid capability object");
+    wb_log(WB_LOG_ERROR, "%s", kInvalidCapability);
     return nullptr;
   }
   return copy_jids(*capability).release();

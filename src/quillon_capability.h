@@ -23,7 +23,8 @@ struct _quillon_capability {
   quillon_string *topic = nullptr;
   wb_dom_node *filter = nullptr;  // borrowed
 
-  mutable std::mutex mutex;  // guards everything but destroyed; nothing is sent, logged or called back under it
+  // Guards everything but destroyed. Nothing is sent or called back under it, and nothing logged but the traces of strings.
+  mutable std::mutex mutex;
   std::unordered_set<std::string_view> jid_texts;            // what is in jids, so that looking for one does not walk it
   std::vector<std::weak_ptr<quillon_notification>> engines;  // where its publisher updates are registered
   std::atomic<bool> destroyed = false;

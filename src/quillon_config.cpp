@@ -94,7 +94,6 @@ QUILLON_STATUS push_string(quillon_list *list, qlk::StringPtr string) {
 }
 
 QUILLON_STATUS make_filled_list(const char **texts, int count, qlk::ListPtr &out) {
-  if (texts == nullptr) return QUILLON_STATUS_INVALID_ARGS;
   qlk::ListPtr fresh;
   if (const QUILLON_STATUS status = make_string_list(fresh); status != QUILLON_STATUS_OK) {
     wb_log(WB_LOG_ERROR, "list creation failed");
@@ -112,7 +111,7 @@ QUILLON_STATUS make_filled_list(const char **texts, int count, qlk::ListPtr &out
 
 quillon_string *copy_of(const quillon_string *source) {
   quillon_string *copy = nullptr;
-  quillon_string_copy_create(&copy, source);
+  if (source != nullptr) quillon_string_copy_create(&copy, source);
   return copy;
 }
 
@@ -276,6 +275,7 @@ QUILLON_STATUS quillon_config_set_hosts(quillon_config *config, const char **hos
   qlk::trace(__func__);
   if (config == nullptr) return qlk::refuse("Invalid config object");
   if (hosts_count < 1) return qlk::refuse("Invalid host count");
+  if (hosts == nullptr) return qlk::refuse("Invalid hosts object");
   qlk::ListPtr fresh;
   const QUILLON_STATUS status = make_filled_list(hosts, hosts_count, fresh);
   if (status != QUILLON_STATUS_OK) return status;
@@ -312,6 +312,7 @@ QUILLON_STATUS quillon_config_set_groups(quillon_config *config, const char **gr
   qlk::trace(__func__);
   if (config == nullptr) return qlk::refuse("Invalid config object");
   if (groups_count < 1) return QUILLON_STATUS_INVALID_ARGS;
+  if (groups == nullptr) return qlk::refuse("Invalid groups object");
   qlk::ListPtr fresh;
   const QUILLON_STATUS status = make_filled_list(groups, groups_count, fresh);
   if (status != QUILLON_STATUS_OK) return status;

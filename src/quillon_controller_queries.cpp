@@ -12,21 +12,22 @@ namespace {
 
 constexpr char kInvalidConnection[] = "Invalid connection object";
 
-// A string that may be empty; null when memory is exhausted or the text is too long.
-qlk::StringPtr make_text(const char *text) {
-  if (*text != '\0') return qlk::make_string(text);
-  quillon_string *empty = nullptr;
-  quillon_string_default_create(&empty);
-  return qlk::StringPtr(empty);
+// A string that may be empty.
+QUILLON_STATUS make_text(const char *text, qlk::StringPtr &out) {
+  quillon_string *made = nullptr;
+  const QUILLON_STATUS status =
+      *text != '\0' ? quillon_string_create(&made, text, std::strlen(text)) : quillon_string_default_create(&made);
+  out.reset(made);
+  return status;
 }
 
 // Makes strings of the two and registers with them.
 template <typename Register>
 QUILLON_STATUS register_under(const char *ns, const char *name, Register &&register_handler) {
   if (ns == nullptr || name == nullptr || *name == '\0') return qlk::refuse("Invalid handler name");
-  const qlk::StringPtr ns_string = make_text(ns);
-  const qlk::StringPtr name_string = make_text(name);
-  if (ns_string == nullptr || name_string == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+  qlk::StringPtr ns_string, name_string;
+  if (const QUILLON_STATUS status = make_text(ns, ns_string); status != QUILLON_STATUS_OK) return status;
+  if (const QUILLON_STATUS status = make_text(name, name_string); status != QUILLON_STATUS_OK) return status;
   return register_handler(ns_string.get(), name_string.get());
 }
 

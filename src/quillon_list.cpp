@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "guard.h"
 #include "owners.h"
 
 namespace {
@@ -27,7 +28,11 @@ _node **last_link(quillon_list *list) {
 _node *qlk::createnode(void *data) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(data='%p' \n)", __func__, address(data));
   auto *created = static_cast<_node *>(std::calloc(1, sizeof(_node)));
-  if (created != nullptr) created->data = data;
+  if (created != nullptr) {
+    created->data = data;
+  } else {
+    qlk::out_of_memory(__func__);
+  }
   return created;
 }
 
@@ -38,16 +43,16 @@ void quillon_list_default_initialize(quillon_list *list) {
 
 QUILLON_STATUS quillon_list_default_create(quillon_list **out) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(list='%p' \n)", __func__, address(out));
-  if (out == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (out == nullptr) return qlk::refuse("list is null");
   *out = static_cast<quillon_list *>(std::calloc(1, sizeof(quillon_list)));
-  return *out != nullptr ? QUILLON_STATUS_OK : QUILLON_STATUS_MALLOC_ERROR;
+  return *out != nullptr ? QUILLON_STATUS_OK : qlk::out_of_memory(__func__);
 }
 
 QUILLON_STATUS quillon_list_create(quillon_list **out, void (*free_callback)(void *data),
                                    bool (*compare_callback)(const void *element, const void *value)) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(list='%p', fcb='%p', ccb='%p' \n)", __func__, address(out),
          reinterpret_cast<const void *>(free_callback), reinterpret_cast<const void *>(compare_callback));
-  if (out == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (out == nullptr) return qlk::refuse("list is null");
   *out = nullptr;
   const QUILLON_STATUS status = quillon_list_default_create(out);
   if (status != QUILLON_STATUS_OK) return status;

@@ -10,15 +10,15 @@
 
 QUILLON_STATUS quillon_monitor_create(quillon_monitor **out) {
   qlk::trace(__func__);
-  if (out == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (out == nullptr) return qlk::refuse("monitor is null");
   *out = nullptr;
   qlk::MallocPtr<quillon_monitor> monitor(static_cast<quillon_monitor *>(std::calloc(1, sizeof(quillon_monitor))));
-  if (monitor == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+  if (monitor == nullptr) return qlk::out_of_memory(__func__);
   // With default attributes these two cannot fail but for a shortage of what the system keeps them in.
-  if (pthread_mutex_init(&monitor->mutex, nullptr) != 0) return QUILLON_STATUS_MALLOC_ERROR;
+  if (pthread_mutex_init(&monitor->mutex, nullptr) != 0) return qlk::out_of_memory(__func__);
   if (pthread_cond_init(&monitor->cond, nullptr) != 0) {
     pthread_mutex_destroy(&monitor->mutex);
-    return QUILLON_STATUS_MALLOC_ERROR;
+    return qlk::out_of_memory(__func__);
   }
   *out = monitor.release();
   return QUILLON_STATUS_OK;

@@ -287,7 +287,10 @@ QUILLON_STATUS quillon_notification_register_handler(quillon_notification *notif
   if (ns == nullptr || callback == nullptr || qlk::text_of(name).empty()) return qlk::refuse("invalid notification handler");
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     const qlk::StringPtr key = qlk::make_expanded_name(*ns, *name);
-    if (!quillon_string_validate(key.get())) return QUILLON_STATUS_MALLOC_ERROR;
+    if (!quillon_string_validate(key.get())) {
+      wb_log(WB_LOG_ERROR, "string validation failed");
+      return QUILLON_STATUS_MALLOC_ERROR;
+    }
     const quillon_notification_callback_info info = {callback, arg};
     if (callback == _publisher_update_notification && arg != nullptr)
       return add_publisher_update(*notification, quillon_string_cstr(key.get()), info);
@@ -299,6 +302,7 @@ QUILLON_STATUS quillon_notification_handle(quillon_notification *notification, w
   if (notification == nullptr) return qlk::refuse("notification is null");
   const QUILLON_STATUS status = notification->notf_handler.push(message);
   if (status == QUILLON_STATUS_WB_ERROR) wb_log(WB_LOG_ERROR, "quillon_notification_handle retain failed");
+  if (status == QUILLON_STATUS_MALLOC_ERROR) qlk::out_of_memory(__func__);
   return status;
 }
 

@@ -263,6 +263,7 @@ QUILLON_STATUS quillon_query_handle(quillon_query *query, wb_dom_node *iq) {
   if (query == nullptr) return qlk::refuse("query is null");
   const QUILLON_STATUS status = query->request_handler.push(iq);
   if (status == QUILLON_STATUS_WB_ERROR) wb_log(WB_LOG_ERROR, "quillon_query_handle retain failed");
+  if (status == QUILLON_STATUS_MALLOC_ERROR) qlk::out_of_memory(__func__);
   return status;
 }
 

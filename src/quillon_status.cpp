@@ -83,9 +83,8 @@ const char *quillon_status_get_message(QUILLON_STATUS status) {
       built = qlk::_init(&err);
       text = static_cast<const char *>(wb_htable_get(qlk::map_of_status_to_message, key_of(status)));
     }
-    if (!built)
-      wb_log_err(WB_LOG_ERROR, &err,
-                 "quillon_status_init");  // not under the lock: the application's log function may ask for a text
+    // Not under the lock: the application's log function may ask for a text.
+    if (!built) wb_log_err(WB_LOG_ERROR, &err, "quillon_status_init");
     return text;
   });
 }

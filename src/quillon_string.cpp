@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "guard.h"
 #include "owners.h"
 
 namespace {
@@ -20,12 +21,14 @@ size_t bounded_length(const char *text, size_t limit) {
   return end != nullptr ? static_cast<size_t>(static_cast<const char *>(end) - text) : limit;
 }
 
+constexpr char kNoString[] = "string is null", kNoText[] = "text is null";
+
 QUILLON_STATUS make_zeroed(quillon_string **out, size_t length) {
   if (!qlk::string_length_ok(length)) return QUILLON_STATUS_INVALID_ARGS;
   qlk::StringPtr string(static_cast<quillon_string *>(std::calloc(1, sizeof(quillon_string))));
-  if (string == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+  if (string == nullptr) return qlk::out_of_memory("quillon_string");
   string->buffer = allocate_buffer(length);
-  if (string->buffer == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+  if (string->buffer == nullptr) return qlk::out_of_memory("quillon_string");
   string->buffer_len = length + 1;
   string->data_len = length;
   *out = string.release();
@@ -62,17 +65,17 @@ void quillon_string_set(quillon_string *string, char *buffer, size_t buffer_len,
 
 QUILLON_STATUS quillon_string_default_create(quillon_string **out) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(qln_string='%p' \n)", __func__, address(out));
-  if (out == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (out == nullptr) return qlk::refuse(kNoString);
   *out = static_cast<quillon_string *>(std::calloc(1, sizeof(quillon_string)));
-  return *out != nullptr ? QUILLON_STATUS_OK : QUILLON_STATUS_MALLOC_ERROR;
+  return *out != nullptr ? QUILLON_STATUS_OK : qlk::out_of_memory("quillon_string");
 }
 
 QUILLON_STATUS quillon_string_create(quillon_string **out, const char *text, size_t length) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(qln_string='%p', text='%p', length='%zu' \n)", __func__, address(out), address(text),
          length);
-  if (out == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (out == nullptr) return qlk::refuse(kNoString);
   *out = nullptr;
-  if (text == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (text == nullptr) return qlk::refuse(kNoText);
   const QUILLON_STATUS status = make_zeroed(out, length);
   if (status == QUILLON_STATUS_OK) std::memcpy((*out)->buffer, text, length);
   return status;
@@ -80,16 +83,17 @@ QUILLON_STATUS quillon_string_create(quillon_string **out, const char *text, siz
 
 QUILLON_STATUS quillon_string_buffer_create(quillon_string **out, size_t length) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(qln_string='%p', length='%zu' \n)", __func__, address(out), length);
-  if (out == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (out == nullptr) return qlk::refuse(kNoString);
   *out = nullptr;
   return make_zeroed(out, length);
 }
 
 QUILLON_STATUS quillon_string_copy_create(quillon_string **out, const quillon_string *source) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(qln_string='%p', source='%p' \n)", __func__, address(out), address(source));
-  if (out == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (out == nullptr) return qlk::refuse(kNoString);
   *out = nullptr;
-  if (source == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (source == nullptr) return qlk::refuse(kNoString);
+  if (source->buffer == nullptr) return QUILLON_STATUS_INVALID_ARGS;  // empty
   return quillon_string_create(out, source->buffer, source->data_len);
 }
 
@@ -119,10 +123,11 @@ size_t quillon_string_length(const quillon_string *string) {
 QUILLON_STATUS quillon_string_assign_cstr(quillon_string *string, const char *text, size_t length) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(qln_string='%p', text='%p', length='%zu' \n)", __func__, address(string), address(text),
          length);
+  if (string == nullptr || text == nullptr) wb_log(WB_LOG_ERROR, "%s", string == nullptr ? kNoString : kNoText);
   if (string == nullptr || text == nullptr || !qlk::string_length_ok(length)) return QUILLON_STATUS_QUILLON_ERROR;
   if (string->buffer_len < length) {
     char *fresh = allocate_buffer(length);
-    if (fresh == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+    if (fresh == nullptr) return qlk::out_of_memory("quillon_string");
     std::memcpy(fresh, text, bounded_length(text, length));  // before the old buffer goes: the text may lie in it
     std::free(string->buffer);
     *string = {length + 1, length, fresh};
@@ -140,13 +145,15 @@ QUILLON_STATUS quillon_string_assign_cstr(quillon_string *string, const char *te
 QUILLON_STATUS quillon_string_append_cstr(quillon_string *destination, const char *text, size_t length) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(destination='%p', text='%p', length='%zu' \n)", __func__, address(destination),
          address(text), length);
-  if (destination == nullptr || text == nullptr || !qlk::string_length_ok(length)) return QUILLON_STATUS_INVALID_ARGS;
+  if (destination == nullptr) return qlk::refuse(kNoString);
+  if (text == nullptr) return qlk::refuse(kNoText);
+  if (!qlk::string_length_ok(length)) return QUILLON_STATUS_INVALID_ARGS;
   const size_t data_len = destination->data_len;
   const size_t needed = data_len + length + 1;
   qlk::MallocPtr<char> old;  // goes when all is copied: the text may lie in it
   if (destination->buffer_len < needed) {
     auto *buffer = static_cast<char *>(std::malloc(needed));
-    if (buffer == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+    if (buffer == nullptr) return qlk::out_of_memory("quillon_string");
     if (data_len != 0) std::memcpy(buffer, destination->buffer, data_len);
     old.reset(destination->buffer);
     destination->buffer = buffer;
@@ -160,7 +167,8 @@ QUILLON_STATUS quillon_string_append_cstr(quillon_string *destination, const cha
 
 QUILLON_STATUS quillon_string_append(quillon_string *destination, const quillon_string *source) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(destination='%p', source='%p' \n)", __func__, address(destination), address(source));
-  if (source == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (source == nullptr) return qlk::refuse(kNoString);
+  if (source->buffer == nullptr) return QUILLON_STATUS_INVALID_ARGS;  // empty
   return quillon_string_append_cstr(destination, source->buffer, source->data_len);
 }
 

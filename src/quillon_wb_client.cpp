@@ -22,6 +22,8 @@ namespace {
 // What the client's own time-out may be late by before the caller stops believing in it: then something holds the loop up.
 constexpr std::chrono::seconds kTimeoutGrace{2};
 
+constexpr char kInvalidData[] = "Invalid send record";
+
 // One operation, shared by the caller who waits for it and the loop that carries it out.
 struct Operation {
   qlk::MonitorPtr monitor;
@@ -269,7 +271,7 @@ bool qlk::send_stanza(const quillon_connection &connection, wb_dom_node *stanza,
 
 QUILLON_STATUS quillon_wb_client_create(quillon_data **data, quillon_connection *connection) {
   qlk::trace(__func__);
-  if (data == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (data == nullptr) return qlk::refuse(kInvalidData);
   *data = nullptr;
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     auto created = std::make_unique<_quillon_data>();
@@ -289,7 +291,8 @@ void quillon_wb_client_destroy(quillon_data *data) {
 QUILLON_STATUS quillon_wb_client_send_and_wait(quillon_data *data, wb_dom_node *iq_req, wb_dom_node **iq_result) {
   qlk::trace(__func__);
   if (iq_result != nullptr) *iq_result = nullptr;
-  if (data == nullptr || data->connection == nullptr || iq_req == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (data == nullptr || data->connection == nullptr) return qlk::refuse(kInvalidData);
+  if (iq_req == nullptr) return qlk::refuse("request is null");
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     qlk::NodePtr iq(iq_req);
     if (is_on_loop(*data, "a send that waits")) return QUILLON_STATUS_SEND_ERROR;
@@ -305,7 +308,8 @@ QUILLON_STATUS quillon_wb_client_send_and_wait(quillon_data *data, wb_dom_node *
 
 QUILLON_STATUS quillon_wb_client_send_and_forget(quillon_data *data, wb_dom_node *node) {
   qlk::trace(__func__);
-  if (data == nullptr || node == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (data == nullptr) return qlk::refuse(kInvalidData);
+  if (node == nullptr) return qlk::refuse("request is null");
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     qlk::NodePtr stanza(node);
     if (data->connection == nullptr) return QUILLON_STATUS_UNKNOWN;
@@ -315,7 +319,7 @@ QUILLON_STATUS quillon_wb_client_send_and_forget(quillon_data *data, wb_dom_node
 
 QUILLON_STATUS quillon_wb_client_disconnect(quillon_data *data) {
   qlk::trace(__func__);
-  if (data == nullptr || data->connection == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (data == nullptr || data->connection == nullptr) return qlk::refuse(kInvalidData);
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     if (is_on_loop(*data, "a disconnect")) return data->status = QUILLON_STATUS_SEND_ERROR;
     begin(*data, nullptr);

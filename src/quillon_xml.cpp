@@ -24,7 +24,9 @@ const wb_dom_node *root_of(const wb_dom_node *node) {
 
 QUILLON_STATUS quillon_xml_add_child_and_text(wb_dom_node *parent, const char *child_name, const char *text) {
   qlk::trace(__func__);
-  if (parent == nullptr || child_name == nullptr || text == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (parent == nullptr) return qlk::refuse("parent is null");
+  if (child_name == nullptr) return qlk::refuse("child name is null");
+  if (text == nullptr) return qlk::refuse("text is null");
   wb_err err = {};
   if (add_child_and_text(parent, child_name, text, &err)) return QUILLON_STATUS_OK;
   wb_log_err(WB_LOG_ERROR, &err, "_dom_add_child_and_text");
@@ -33,9 +35,10 @@ QUILLON_STATUS quillon_xml_add_child_and_text(wb_dom_node *parent, const char *c
 
 QUILLON_STATUS quillon_xml_get_sibling_of_name(wb_dom_node *current_node, const char *sibling_ename, wb_dom_node **sibling) {
   qlk::trace(__func__);
-  if (sibling == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (sibling == nullptr) return qlk::refuse("sibling is null");
   *sibling = nullptr;
-  if (current_node == nullptr || sibling_ename == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  if (current_node == nullptr) return qlk::refuse("current node is null");
+  if (sibling_ename == nullptr) return qlk::refuse("sibling name is null");
   wb_dom_node *candidate = wb_dom_get_sibling(current_node);
   // The candidate's name decides the length: a name that the wanted one begins with is a match as well.
   while (candidate != nullptr && !begins_with(sibling_ename, wb_dom_get_ename(candidate)))

@@ -254,6 +254,9 @@ TEST_F(NotificationEngine, ChecksArguments) {
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_notification_call(connection_->notification, nullptr, payload.get()));
   EXPECT_EQ(QUILLON_STATUS_WB_ERROR, quillon_notification_handle(connection_->notification, nullptr));
   EXPECT_EQ(1U, log_.count_exact("quillon_notification_handle retain failed"));
+  const std::string too_long(65537, 'n');
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS,
+            quillon_connection_register_notification_handler(connection_.get(), "urn:x", too_long.c_str(), call, nullptr));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_notification_destroy(nullptr));
 }
 

@@ -153,6 +153,9 @@ TEST_F(QueryEngine, ChecksArguments) {
   for (const char *record : {"connection is null", "query is null", "jid is null", "request is null", "capability is null",
                              "quillon_query_handle retain failed"})
     EXPECT_EQ(1U, log_.count_exact(record)) << record;
+  const std::string too_long(65537, 'n');
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS,
+            quillon_connection_register_query_handler(connection_.get(), "urn:x", too_long.c_str(), call, nullptr));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_query_destroy(nullptr));
 }
 

@@ -4,6 +4,7 @@
 
 #include "oom.h"
 #include "owners.h"
+#include "quillon_log_capture.h"
 
 namespace {
 
@@ -41,7 +42,8 @@ TEST(StringLengths, AreCheckedByAllThatTakeThem) {
   }
 }
 
-TEST(StringCreate, RefusesMissingArguments) {
+TEST(StringCreate, RefusesMissingArgumentsAndLogsThoseThatAreNull) {
+  const test_support::QuillonLogCapture log;
   quillon_string *out = nullptr;
   const quillon_string empty = {};
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_string_default_create(nullptr));
@@ -58,6 +60,9 @@ TEST(StringCreate, RefusesMissingArguments) {
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_string_append_cstr(string.get(), nullptr, 1));
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_string_append(string.get(), &empty));
   EXPECT_EQ("a", text_of(string.get()));
+  EXPECT_EQ(7u, log.count_exact("string is null")) << log.all();
+  EXPECT_EQ(3u, log.count_exact("text is null")) << log.all();
+  EXPECT_EQ(10u, log.records().size()) << "what is merely empty needs no record: " << log.all();
   quillon_string_destroy(nullptr);
   quillon_string_destroy(&out);
 }

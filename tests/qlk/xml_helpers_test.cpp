@@ -38,7 +38,7 @@ TEST_F(XmlHelpers, AddChildAppendsInCallOrder) {
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_xml_add_child_and_text(nullptr, "{}c", "x"));
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_xml_add_child_and_text(root, nullptr, "x"));
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_xml_add_child_and_text(root, "{}c", nullptr));
-  EXPECT_TRUE(log.records().empty()) << log.all();
+  EXPECT_EQ((std::vector<std::string>{"parent is null", "child name is null", "text is null"}), log.records());
   EXPECT_EQ(QUILLON_STATUS_XML_ERROR, quillon_xml_add_child_and_text(root, "{}no name", "x"));
   EXPECT_EQ(1u, log.count("_dom_add_child_and_text")) << log.all();
   EXPECT_EQ(before, written(root));
