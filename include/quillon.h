@@ -13,11 +13,13 @@
  *             function only where there is more to say. A call that fails leaves the object as it was.
  * Threads     Objects are not locked: one thread at a time, or a lock of the caller's. Connections, capabilities, monitors and
  *             queues may be used by several threads at once. Nothing blocks but what says so. No function may be called from
- *             a signal handler.
+ *             a signal handler. The library's own threads, on which most callbacks run, block all signals but those of faults,
+ *             such as SIGSEGV.
  * Exceptions  None leaves the library, and none may leave a callback into it.
- * Logging     Failures are logged with their cause. Where nothing is set, the records up to QUILLON_LOG_INFO go to standard
- *             error without a newline: an application that wants to read them installs a function of its own with
- *             quillon_log_set_callback before it makes its first configuration. Pass phrases and tokens are never logged. */
+ * Logging     Failures are logged with their cause, but for values outside their range. Where nothing is set, the records up to
+ *             QUILLON_LOG_INFO go to standard error without a newline: an application that wants to read them installs a
+ *             function of its own with quillon_log_set_callback before it makes its first configuration. Pass phrases and
+ *             tokens are never logged. */
 #ifndef QUILLON_H
 #define QUILLON_H
 
@@ -496,7 +498,7 @@ QUILLON_API void quillon_config_fill_ssl_ctx(const quillon_config *config, void 
 /* ---- Library ------------------------------------------------------------------------------------------------ */
 
 /* The library runs on one event base, which all connections of the process share. While a connection is connecting or up, a
- * thread of the library, called the event loop, dispatches it; signals of the application are blocked there. */
+ * thread of the library, called the event loop, dispatches it. */
 
 /* Brings the library up; quillon_connection_create does so itself. On a library that is up it only logs a warning. It
  * switches libevent's support of threads on for the whole process. Thread: any.
@@ -895,14 +897,14 @@ QUILLON_API QUILLON_STATUS quillon_notification_handle(quillon_notification *not
 
 /* Publishes the payload on the capability's topic. No answer is awaited: QUILLON_STATUS_OK means that the session took the
  * notification, not that the service accepted it.
- * Blocks:  until the event loop took it, at most the send time-out.
- * Thread:  any but the event loop's, which would wait for itself.
+ * Blocks:  not while a session is up; otherwise until the event loop has refused it, at most the send time-out.
+ * Thread:  any.
  * Owner:   payload is consumed with one reference of its context, unless an argument is missing.
  * Returns: QUILLON_STATUS_OK
  *          QUILLON_STATUS_QUILLON_ERROR  notification is NULL
  *          QUILLON_STATUS_XML_ERROR      the capability has no name, or the stanza could not be built
  *          QUILLON_STATUS_SEND_ERROR     there is no session, or it did not take the stanza
- *          QUILLON_STATUS_UNKNOWN        the event loop did not take it in time */
+ *          QUILLON_STATUS_UNKNOWN        the event loop does not run, or the connection is being destroyed */
 QUILLON_API QUILLON_STATUS quillon_notification_call(quillon_notification *notification, quillon_capability *capability,
                                                      wb_dom_node *payload);
 
