@@ -197,7 +197,9 @@ void TestClient::prepare_tls(void *tls_context, void *arg) {
 }
 
 void TestClient::accept_tls(wb_tls_session *session, void *arg) {
-  static_cast<TestClient *>(arg)->record("accept", nullptr);
+  auto &client = *static_cast<TestClient *>(arg);
+  client.record("accept", nullptr);
+  if (client.settings_.on_accept) return client.settings_.on_accept(session);
   wb_tls_proceed(session, true);
 }
 

@@ -46,6 +46,7 @@ struct ClientSettings {
   std::string user_jid = "user@grid.test/qlk";
   Credentials certificate;  // of the client
   std::string authority;    // a file: whom it trusts; "": it does not verify
+  std::function<void(wb_tls_session *session)> on_accept;  // asked about a server that was not verified; empty: accepts it
   std::vector<std::string> mechanisms = {"EXTERNAL"};
   std::map<std::string, std::string> table;  // further entries of the configuration
 };

@@ -114,6 +114,23 @@ TEST(ClientSession, AsksTheApplicationAboutAServerThatIsNotVerified) {
   EXPECT_EQ((Records{"accept", kConnected}), client.records());
 }
 
+TEST(ClientSession, OnlyTheFirstAnswerAboutAServerCounts) {
+  const FakeServer server(server_options());
+  for (const bool first : {true, false}) {
+    test_support::ClientSettings settings = client_settings();
+    settings.authority.clear();
+    settings.on_accept = [first](wb_tls_session *session) {
+      wb_tls_proceed(session, first);
+      wb_tls_proceed(session, !first);
+    };
+    TestClient client(std::move(settings));
+    ASSERT_TRUE(client.connect(server.host()));
+    ASSERT_TRUE(client.wait_for(first ? "connected" : "disconnected")) << client.all();
+    EXPECT_EQ((Records{"accept", first ? kConnected : "disconnected"}), client.records());
+  }
+  EXPECT_EQ(1u, server.established());
+}
+
 TEST(ClientSession, AnotherConnectEndsTheOneUnderWay) {
   FakeServer::Options options = server_options();
   options.faults[Stage::sasl] = {Fault::Kind::silent, ""};

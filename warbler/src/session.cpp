@@ -205,6 +205,12 @@ void Session::on_stanza(wb_dom_node *stanza) {
   on_negotiation(stanza);
 }
 
+// The application may answer within its hook or from a pass of its own making.
+void Session::on_tls_answer(bool accept) noexcept {
+  const LoopGate::Pass pass(gate_);
+  if (pass) run([&] { go_on_after_accept(accept); });
+}
+
 void Session::close(wb_errcode reason) {
   if (has_ended()) return;
   if (state_ == State::closing) return;

@@ -19,7 +19,7 @@
 
 namespace wb {
 
-class Session final : private StreamParser::Handler {
+class Session final : private StreamParser::Handler, private TlsAsker {
  public:
   // What the session tells its client, within a pass. After on_session_end nothing more comes.
   class Owner {
@@ -63,6 +63,7 @@ class Session final : private StreamParser::Handler {
   void on_stream_open(wb_dom_node *head) override;
   void on_stanza(wb_dom_node *stanza) override;
   void on_stream_close() override;
+  void on_tls_answer(bool accept) noexcept override;
 
   // session.cpp: the socket and the end
   void resolve();
@@ -87,7 +88,7 @@ class Session final : private StreamParser::Handler {
   void begin_tls();
   void on_handshake();
   void on_tls_up();
-  void on_tls_answer(bool accept);
+  void go_on_after_accept(bool accept);
   void begin_authenticating();
   bool is_offered(size_t mechanism) const;
   bool authenticate_with_offered(size_t from);

@@ -153,15 +153,12 @@ void Session::on_tls_up() {
   if (verifies_peer(link_->ssl())) return begin_authenticating();
   if (options_.hooks.accept == nullptr) return end(WB_ERR_TLS, "the server is not verified and nobody is there to accept it");
   state_ = State::tls_accept;
-  tls_session_.ssl = link_->ssl();
-  tls_session_.answer = [this](bool accept) { on_tls_answer(accept); };
+  tls_session_ = {link_->ssl(), this};
   options_.hooks.accept(&tls_session_, options_.hooks.accept_arg);
 }
 
-void Session::on_tls_answer(bool accept) {
+void Session::go_on_after_accept(bool accept) {
   if (state_ != State::tls_accept) return;
-  const LoopGate::Pass pass(gate_);
-  if (!pass) return;
   if (!accept) return end(WB_ERR_TLS, "the application refused the server");
   readable_->add();
   begin_authenticating();

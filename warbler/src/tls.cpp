@@ -3,6 +3,8 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
+#include <atomic>
+
 #include "endpoint.h"
 
 namespace wb {
@@ -14,9 +16,13 @@ struct ContextDeleter {
 };
 using ContextPtr = std::unique_ptr<SSL_CTX, ContextDeleter>;
 
+// Where a connection keeps its expected names; below 0 when memory is out, which the next call may find otherwise.
 int names_index() {
-  static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-  return index;
+  static std::atomic<int> index = -1;
+  if (const int known = index; known >= 0) return known;
+  int expected = -1;
+  const int fresh = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+  return index.compare_exchange_strong(expected, fresh) ? fresh : expected;
 }
 
 bool bears_name(X509 *certificate, const std::string &name) {
@@ -35,12 +41,19 @@ int check_name(int verified, X509_STORE_CTX *store) {
   if (verified != 1 || X509_STORE_CTX_get_error_depth(store) != 0) return verified;
   const auto *names = static_cast<const ExpectedNames *>(SSL_get_ex_data(ssl, names_index()));
   X509 *certificate = X509_STORE_CTX_get_current_cert(store);
-  if (names == nullptr || bears_name(certificate, names->domain) || bears_name(certificate, names->host)) return 1;
+  if (names != nullptr && (bears_name(certificate, names->domain) || bears_name(certificate, names->host))) return 1;
   X509_STORE_CTX_set_error(store, X509_V_ERR_HOSTNAME_MISMATCH);
   return 0;
 }
 
-bool expects_names(SSL *ssl) { return X509_VERIFY_PARAM_get0_host(SSL_get0_param(ssl), 0) != nullptr; }
+// What the application wants the certificate to bear, OpenSSL checks itself.
+bool expects_names(SSL *ssl) {
+  X509_VERIFY_PARAM *expected = SSL_get0_param(ssl);
+  if (X509_VERIFY_PARAM_get0_host(expected, 0) != nullptr || X509_VERIFY_PARAM_get0_email(expected) != nullptr) return true;
+  char *address = X509_VERIFY_PARAM_get1_ip_asc(expected);
+  OPENSSL_free(address);
+  return address != nullptr;
+}
 
 std::string last_error(const char *otherwise) {
   const unsigned long code = ERR_peek_last_error();
@@ -68,7 +81,10 @@ SslPtr make_tls(const TlsHooks &hooks, const ExpectedNames &names, std::string &
     return nullptr;
   }
   if (verifies_peer(ssl.get()) && !expects_names(ssl.get())) {
-    SSL_set_ex_data(ssl.get(), names_index(), const_cast<ExpectedNames *>(&names));
+    if (SSL_set_ex_data(ssl.get(), names_index(), const_cast<ExpectedNames *>(&names)) != 1) {
+      error = last_error("no check of the server's name");
+      return nullptr;
+    }
     SSL_set_verify(ssl.get(), SSL_get_verify_mode(ssl.get()), check_name);
   }
   ERR_clear_error();
@@ -91,7 +107,7 @@ std::string describe_tls(const SSL *ssl) {
 }  // namespace wb
 
 void wb_tls_proceed(wb_tls_session *session, bool accept) {
-  if (session != nullptr && session->answer) session->answer(accept);
+  if (session != nullptr && session->asker != nullptr) session->asker->on_tls_answer(accept);
 }
 
 void *wb_tls_session_get_ssl(wb_tls_session *session) { return session != nullptr ? session->ssl : nullptr; }

@@ -3,15 +3,27 @@
 
 #include <warbler/tls.h>
 
-#include <functional>
 #include <string>
 
 #include "link.h"
 
-// What the accept hook is asked about.
+namespace wb {
+
+// Who asked the accept hook and waits for its answer.
+class TlsAsker {
+ public:
+  virtual void on_tls_answer(bool accept) noexcept = 0;
+
+ protected:
+  ~TlsAsker() = default;
+};
+
+}  // namespace wb
+
+// What the accept hook is asked about. Its asker owns it, and is forgotten here when nobody waits any more.
 struct wb_tls_session {
-  SSL *ssl;
-  std::function<void(bool accept)> answer;
+  SSL *ssl = nullptr;
+  wb::TlsAsker *asker = nullptr;
 };
 
 namespace wb {
@@ -30,8 +42,8 @@ struct ExpectedNames {
 };
 
 // A connection of a context of its own that the hook has prepared: TLS 1.2 or newer; with peer verification on, the certificate
-// has to bear an expected name, unless the context expects names of its own. names must outlive the connection. NULL with error
-// set when OpenSSL refuses.
+// has to bear an expected name, unless the context expects a name, an address or an e-mail address of its own. names must outlive
+// the connection. NULL with error set when OpenSSL refuses: no connection is made whose server would go unchecked.
 SslPtr make_tls(const TlsHooks &hooks, const ExpectedNames &names, std::string &error);
 
 // True when the context that the connection was made of verifies the peer.
