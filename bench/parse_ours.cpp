@@ -2,8 +2,8 @@
 //
 //   valgrind --tool=callgrind --callgrind-out-file=/dev/null parse_ours --mode MODE --stanza STANZA --count COUNT
 //
-// MODE is "expat" (expat with namespaces and handlers that do nothing: the limit), "parse" (our trees) or "write" (our trees, and XML
-// again). STANZA is "iq", "event" or "payload". Run it with two counts: the difference leaves the start-up out.
+// MODE is "expat" (expat with namespaces and handlers that do nothing: the limit), "parse" (our trees) or "write" (our trees, and
+// XML again). STANZA is "iq", "event" or "payload". Run it with two counts: the difference leaves the start-up out.
 #include <expat.h>
 
 #include <cstdlib>
@@ -70,5 +70,9 @@ int main(int argc, char **argv) {
   if (mode != "expat" && mode != "parse" && mode != "write") bench::fail("no mode is called " + mode);
   const bench::Span span;
   mode == "expat" ? run_expat(stanza, count) : run_ours(stanza, count, mode == "write");
-  bench::Result().add("stanzas", static_cast<double>(count)).add("bytes", static_cast<double>(stanza.size())).add("seconds", span.seconds()).print();
+  bench::Result()
+      .add("stanzas", static_cast<double>(count))
+      .add("bytes", static_cast<double>(stanza.size()))
+      .add("seconds", span.seconds())
+      .print();
 }

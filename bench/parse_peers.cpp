@@ -2,8 +2,8 @@
 //
 //   parse_peers --peer PEER --mode parse|write --stanza STANZA --count COUNT
 //
-// PEER is "libxml2" (its push parser, one stream, trees), "pugixml" (a document a stanza: it knows neither streams nor namespaces),
-// "libstrophe" (a document a stanza, the public way to its parser) or "gloox" (its stream parser, trees).
+// PEER is "libxml2" (its push parser, one stream, trees), "pugixml" (a document a stanza: it knows neither streams nor
+// namespaces), "libstrophe" (a document a stanza, the public way to its parser) or "gloox" (its stream parser, trees).
 #include <gloox/parser.h>
 #include <gloox/tag.h>
 #include <gloox/taghandler.h>
@@ -80,7 +80,8 @@ long run_pugixml(const Work &work) {
   StringWriter writer;
   for (long i = 0; i < work.count; ++i) {
     pugi::xml_document document;
-    if (!document.load_buffer(work.stanza.data(), work.stanza.size(), pugi::parse_default | pugi::parse_ws_pcdata_single)) return i;
+    if (!document.load_buffer(work.stanza.data(), work.stanza.size(), pugi::parse_default | pugi::parse_ws_pcdata_single))
+      return i;
     writer.out.clear();
     if (work.writes) document.first_child().print(writer, "", pugi::format_raw);
   }
@@ -147,5 +148,9 @@ int main(int argc, char **argv) {
   if (peer == "libstrophe") done = run_libstrophe(work);
   if (peer == "gloox") done = run_gloox(work);
   if (done != work.count) bench::fail(peer + " did not do the work: " + std::to_string(done) + " stanzas");
-  bench::Result().add("stanzas", static_cast<double>(done)).add("bytes", static_cast<double>(work.stanza.size())).add("seconds", span.seconds()).print();
+  bench::Result()
+      .add("stanzas", static_cast<double>(done))
+      .add("bytes", static_cast<double>(work.stanza.size()))
+      .add("seconds", span.seconds())
+      .print();
 }

@@ -12,8 +12,8 @@ extern const char kStreamHead[];
 // program for another name.
 std::string make_stanza(const std::string &name);
 
-// The content of a request that is asked with, an element of the given size in bytes: at the default size it is what "iq" carries;
-// otherwise a list of elements of 100 bytes each.
+// The content of a request that is asked with, an element of the given size in bytes: at the default size it is what "iq"
+// carries; otherwise a list of elements of 100 bytes each.
 std::string make_request_payload(size_t bytes = 0);
 
 }  // namespace bench

@@ -1,0 +1,32 @@
+#include "gloox_client.h"
+
+#include <gloox/connectiontcpclient.h>
+
+#include "measure.h"
+
+namespace bench {
+
+GlooxClient::GlooxClient(const Target &target) : client_(gloox::JID(target.jid()), "none", target.port) {
+  client_.setServer("127.0.0.1");
+  client_.disableRoster();
+  client_.setPresence(gloox::Presence::Available, 0);
+  client_.registerConnectionListener(this);
+  client_.setCACerts({target.ca});
+  client_.setCompression(false);
+  client_.setTls(target.tls ? gloox::TLSRequired : gloox::TLSDisabled);
+  if (target.tls) client_.setClientCert(target.key, target.certificate);
+}
+
+void GlooxClient::onDisconnect(gloox::ConnectionError error) {
+  if (!stopped_) fail("gloox has no session: error " + std::to_string(error));
+}
+
+void GlooxClient::run(std::function<void()> on_up) {
+  on_up_ = std::move(on_up);
+  if (!client_.connect(false)) fail("gloox cannot connect");
+  while (!stopped_ && client_.recv() == gloox::ConnNoError) {
+  }
+  if (!stopped_) fail("gloox has lost its session");
+}
+
+}  // namespace bench
