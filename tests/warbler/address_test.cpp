@@ -93,5 +93,6 @@ TEST(Base64, ReadsWhatItWritesAndRefusesTheRest) {
   }
   EXPECT_EQ("YWxpY2U=", wb::encode_base64("alice"));
   std::string out;
-  for (const char *bad : {"YWx", "YW=x", "YWx=pY2U", "YW\nx", "====", "Y W="}) EXPECT_FALSE(wb::decode_base64(bad, out)) << bad;
+  for (const char *bad : {"YWx", "YW=x", "YWx=pY2U", "YW\nx", "====", "Y W=", "aGVsbG9="})
+    EXPECT_FALSE(wb::decode_base64(bad, out)) << bad;
 }

@@ -29,7 +29,7 @@ bool decode_base64(std::string_view text, std::string &bytes) {
                                      reinterpret_cast<const unsigned char *>(text.data()), static_cast<int>(text.size()));
   if (length < 0) return false;
   bytes.resize(static_cast<size_t>(length) - padding);
-  return true;
+  return padding == 0 || encode_base64(bytes) == text;  // bits that belong to no byte must be zero
 }
 
 }  // namespace wb
