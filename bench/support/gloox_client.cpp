@@ -9,7 +9,7 @@ namespace bench {
 GlooxClient::GlooxClient(const Target &target) : client_(gloox::JID(target.jid()), "none", target.port) {
   client_.setServer("127.0.0.1");
   client_.disableRoster();
-  client_.setPresence(gloox::Presence::Available, 0);
+  client_.setPresence(gloox::Presence::Unavailable, 0);
   client_.registerConnectionListener(this);
   client_.setCACerts({target.ca});
   client_.setCompression(false);
