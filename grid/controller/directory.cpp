@@ -94,13 +94,14 @@ void Directory::note(const Announcement &announcement, const char *table, bool a
                            active ? "1" : "0"});
 }
 
-void Directory::announce(const Announcement &announcement, const char *table,
+void Directory::announce(const Announcement &announcement, const char *operation, const char *table,
                          const std::function<void(std::vector<std::string>, Done)> &admit, Done done) {
   const auto topics = topics_of(announcement);
   // Noted before the first step, so that putting the account out finds it.
   note(announcement, table, false);
-  admit(topics, [this, announcement, table, done = std::move(done)](bool admitted) {
-    const bool stays = admitted && accounts_.is_approved(announcement.user);
+  admit(topics, [this, announcement, operation, table, done = std::move(done)](bool admitted) {
+    const bool stays = admitted && accounts_.is_approved(announcement.user) &&
+                       !accounts_.is_forbidden(announcement.user, announcement.capability, operation);
     if (stays && present_.count(announcement.jid) != 0) note(announcement, table, true);
     done(stays);
   });
@@ -108,7 +109,7 @@ void Directory::announce(const Announcement &announcement, const char *table,
 
 void Directory::subscribe(const Announcement &announcement, Done done) {
   announce(
-      announcement, "subscriptions",
+      announcement, "subscribe", "subscriptions",
       [&](const std::vector<std::string> &topics, Done admitted) {
         const bool publishes_too = store_
                                        .value("SELECT 1 FROM publications WHERE user = ? AND capability = ?",
@@ -127,7 +128,7 @@ void Directory::publish(const Announcement &announcement, Done done) {
         .has_value();
   };
   announce(
-      announcement, "publications",
+      announcement, "publish", "publications",
       [&](const std::vector<std::string> &topics, Done admitted) {
         topics_.admit_publisher(topics, announcement.jid, std::move(admitted));
       },

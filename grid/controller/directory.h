@@ -40,7 +40,7 @@ class Directory {
   // decision of the meantime concerns.
   void recover();
 
-  // done learns whether the topics are set up; false also when the account was taken out meanwhile.
+  // done learns whether the topics are set up; false also when the account was taken out, or the right taken away, meanwhile.
   void subscribe(const Announcement &announcement, Done done);
   void publish(const Announcement &announcement, Done done);
   // Tells a client that has just subscribed which former publishers are not there.
@@ -55,7 +55,7 @@ class Directory {
   const std::set<std::string> &present() const { return present_; }
 
  private:
-  void announce(const Announcement &announcement, const char *table,
+  void announce(const Announcement &announcement, const char *operation, const char *table,
                 const std::function<void(std::vector<std::string>, Done)> &admit, Done done);
   void note(const Announcement &announcement, const char *table, bool active);
   std::vector<std::string> topics_of(const Announcement &announcement) const;
