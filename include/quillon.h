@@ -618,11 +618,11 @@ QUILLON_API void quillon_connection_wakeup(quillon_connection *connection);
  *          QUILLON_STATUS_CONNECTION_ERROR    no XMPP session; or the account was not enabled after "pending"; or the answer of
  *                                             the controller was not understood; or a disconnect or destroy came meanwhile
  *          QUILLON_STATUS_CONNECTION_DENIED   the controller denied the account; the XMPP session stays up
- *          QUILLON_STATUS_SEND_TIMEOUT        the controller did not answer; the XMPP session stays up
+ *          QUILLON_STATUS_SEND_TIMEOUT        the controller did not answer; the XMPP session stays up, unless it was lost
  *          QUILLON_STATUS_XMPP_ERROR, QUILLON_STATUS_QUILLON_ERROR  the request was refused; the XMPP session stays up
  *          QUILLON_STATUS_WB_ERROR            the host or the JID has no valid form
  *          QUILLON_STATUS_PTHREAD_ERROR       the event loop could not be started
- *          QUILLON_STATUS_SEND_ERROR          the presence could not be sent
+ *          QUILLON_STATUS_SEND_ERROR, QUILLON_STATUS_UNKNOWN  the presence or the request could not be sent: the session was lost
  *          QUILLON_STATUS_XML_ERROR           a stanza could not be built, for example because a text is no UTF-8 */
 QUILLON_API QUILLON_STATUS quillon_connection_connect(const quillon_connection *connection);
 
@@ -974,6 +974,7 @@ QUILLON_API void _remove_capablity_obj(quillon_array *list, quillon_capability *
  *          QUILLON_STATUS_UNKNOWN         an argument is NULL, or the request could not be sent
  *          QUILLON_STATUS_XML_ERROR       namespace or name is not set, or the request could not be built
  *          QUILLON_STATUS_SEND_TIMEOUT    no answer in time; the controller may still have seen the request
+ *          QUILLON_STATUS_SEND_ERROR      the request could not be handed to the event loop
  *          QUILLON_STATUS_NOT_AUTHORIZED  the controller does not allow it
  *          QUILLON_STATUS_QUILLON_ERROR   the controller refused for another reason, or its answer was none
  *          QUILLON_STATUS_XMPP_ERROR      the server or the controller refused the request */
@@ -987,6 +988,7 @@ QUILLON_API QUILLON_STATUS quillon_dynamic_capability_subscribe(const quillon_ca
  *          QUILLON_STATUS_UNKNOWN        an argument is NULL, or the request could not be sent
  *          QUILLON_STATUS_XML_ERROR      namespace or name is not set, or the request could not be built
  *          QUILLON_STATUS_SEND_TIMEOUT   no answer in time; the controller may still have seen the request
+ *          QUILLON_STATUS_SEND_ERROR     the request could not be handed to the event loop
  *          QUILLON_STATUS_QUILLON_ERROR  the controller's answer was none
  *          QUILLON_STATUS_XMPP_ERROR     the server or the controller refused the request */
 QUILLON_API QUILLON_STATUS quillon_capability_publish(const quillon_capability *capability, quillon_connection *connection);
@@ -1060,6 +1062,7 @@ QUILLON_API extern const char *const namespace_xsi_tag_value;
  *          QUILLON_STATUS_NO_CONNECTION             not connected to the grid; nothing was sent
  *          QUILLON_STATUS_XML_ERROR                 the capability has no namespace, or the request could not be built
  *          QUILLON_STATUS_SEND_TIMEOUT              no answer in time; the controller may still have seen the request
+ *          QUILLON_STATUS_SEND_ERROR                the request could not be handed to the event loop
  *          QUILLON_STATUS_PROPOSE_CAPABILITY_ERROR  the controller refused; the log tells its reason
  *          QUILLON_STATUS_XMPP_ERROR                the server or the controller refused the request
  *          QUILLON_STATUS_QUILLON_ERROR             the controller's answer was none */

@@ -53,7 +53,7 @@ void free_record(quillon_connection *connection) {
 
 QUILLON_STATUS allocate(quillon_connection *&out) {
   const std::shared_ptr<qlk::EventLoop> loop = qlk::library_loop();
-  if (loop == nullptr) return fail("quillon_init failed", QUILLON_STATUS_UNKNOWN);  // shut down meanwhile
+  if (loop == nullptr) return fail("quillon_init failed", QUILLON_STATUS_WB_ERROR);  // shut down meanwhile
   auto extra = std::unique_ptr<qlk::ConnectionPrivate>(new (std::nothrow) qlk::ConnectionPrivate());
   auto connection = std::unique_ptr<quillon_connection>(new (std::nothrow) quillon_connection());
   if (extra == nullptr || connection == nullptr) return fail("_quillon_connection malloc  failed", QUILLON_STATUS_MALLOC_ERROR);
