@@ -27,11 +27,11 @@ class Writer {
  public:
   void start(const char *expat_name, const char **attributes) {
     if (!open_.empty()) out_ += std::exchange(open_.back().has_children, true) ? "," : ",\"children\":[";
-    open_.emplace_back();
     std::string ns, local;
     split_name(name_of(expat_name), ns, local);
     out_.append("{\"name\":").append(json_string(local));
-    if (!ns.empty()) out_.append(",\"namespace\":").append(json_string(ns));
+    if (ns != (open_.empty() ? "" : open_.back().ns)) out_.append(",\"namespace\":").append(json_string(ns));
+    open_.push_back({std::move(ns), "", false});
     for (const char **at = attributes; *at != nullptr; at += 2) {
       out_.append(at == attributes ? ",\"attributes\":{" : ",").append(json_string(name_of(at[0])));
       out_.append(":").append(json_string(at[1]));
@@ -52,8 +52,8 @@ class Writer {
 
  private:
   struct Open {
-    std::string text;
-    bool has_children = false;
+    std::string ns, text;
+    bool has_children;
   };
   std::string out_;
   std::vector<Open> open_;

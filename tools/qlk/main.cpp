@@ -3,9 +3,18 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "account.h"
+#include "bulk.h"
 #include "connect.h"
+#include "define.h"
+#include "doctor.h"
+#include "lookup.h"
+#include "publish.h"
+#include "query.h"
 #include "records.h"
+#include "serve.h"
 #include "session.h"
+#include "subscribe.h"
 #include "terminal.h"
 
 namespace {
@@ -60,7 +69,18 @@ int main(int argc, char **argv) {
     app.require_subcommand(1);
     app.footer(std::string(kFooter) + "\n\n" + tool::kExitCodes);
     tool::Context context;
+    tool::add_doctor_command(app, context);
     tool::add_connect_command(app, context);
+    tool::add_capabilities_command(app, context);
+    tool::add_status_command(app, context);
+    tool::add_subscribe_command(app, context);
+    tool::add_publish_command(app, context);
+    tool::add_query_command(app, context);
+    tool::add_serve_command(app, context);
+    tool::add_define_commands(app, context);
+    tool::add_authorized_command(app, context);
+    tool::add_token_command(app, context);
+    tool::add_bulk_command(app, context);
     try {
       app.parse(argc, argv);
     } catch (const CLI::CallForVersion &) {

@@ -51,26 +51,16 @@ void expect_readable(const std::string &what, const std::string &path) {
   if (!file) throw Failure(ExitCode::usage, "the " + what + " " + path + " cannot be read: " + std::strerror(errno));
 }
 
-void expect_complete(const Settings &settings) {
-  const Profile &values = settings.values;
-  std::string missing;
-  const auto need = [&](bool is_there, const char *option) {
-    if (!is_there) missing.append(missing.empty() ? "" : ", ").append(option);
-  };
-  need(!values.hosts.empty(), "hosts");
-  need(!values.user.empty(), "user");
-  need(!values.certificate.empty(), "certificate");
-  need(!values.key.empty(), "key");
-  need(!values.ca.empty(), "ca");
+void expect_complete(const Settings &settings, Needs needs) {
+  const std::string missing = missing_settings(settings.values, needs);
   if (missing.empty()) return;
   if (!settings.profile_path.empty()) {
     throw Failure(ExitCode::usage, "the profile " + settings.profile_path + " does not tell: " + missing,
                   "Add it there, or give it as an option, such as --host 127.0.0.1:5222");
   }
   const std::string path = default_profile_path();
-  throw Failure(ExitCode::usage, "there is no profile" + (path.empty() ? "" : " " + path),
-                "'quillon-grid enroll USER' writes one: name it with --profile FILE. Or give\n"
-                "     --host, --user, --certificate, --key and --ca.");
+  throw Failure(ExitCode::usage, "there is no profile" + (path.empty() ? "" : " " + path) + ", and no option for: " + missing,
+                "'quillon-grid enroll USER' writes one; name it with --profile FILE.");
 }
 
 // Breaks the text between words; all lines but the first are indented.
@@ -126,7 +116,7 @@ void add_connection_options(CLI::App &command, ConnectionOptions &options) {
                            "Read the key's pass phrase from this file descriptor; without it from the profile's "
                            "passphrase_file, else it is asked for")
                ->type_name("N")
-               ->check(CLI::Range(0, 65535)));
+               ->check(CLI::Range(0, 65535).description("")));
   in_group(command.add_option("--group", options.groups, "A group to name to the controller; may be repeated")
                ->type_name("NAME")
                ->expected(1)
@@ -135,7 +125,7 @@ void add_connection_options(CLI::App &command, ConnectionOptions &options) {
                ->type_name("TEXT"));
   in_group(command.add_option("--timeout", options.timeout_seconds, "How long to wait for each answer (default: 15)")
                ->type_name("SECONDS")
-               ->check(CLI::Range(1, 86400)));
+               ->check(CLI::Range(1, 86400).description("")));
   in_group(command.add_flag("-v,--verbose", options.verbosity, "Show the library's log; twice: also the stanzas that arrive"));
 }
 
@@ -205,9 +195,22 @@ bool obtain_passphrase(const ConnectionOptions &options, const Stop &stop, Setti
   return true;
 }
 
-Settings complete_settings(const ConnectionOptions &options, const Stop &stop) {
+std::string missing_settings(const Profile &values, Needs needs) {
+  std::string missing;
+  const auto need = [&](bool is_there, const char *option) {
+    if (!is_there) missing.append(missing.empty() ? "" : ", ").append(option);
+  };
+  need(needs == Needs::user || !values.hosts.empty(), "hosts");
+  need(!values.user.empty(), "user");
+  need(!values.certificate.empty(), "certificate");
+  need(!values.key.empty(), "key");
+  need(!values.ca.empty(), "ca");
+  return missing;
+}
+
+Settings complete_settings(const ConnectionOptions &options, const Stop &stop, Needs needs) {
   Settings settings = merge_settings(options);
-  expect_complete(settings);
+  expect_complete(settings, needs);
   const Profile &values = settings.values;
   expect_readable("certificate", values.certificate);
   expect_readable("key", values.key);

@@ -38,9 +38,13 @@ struct Context {
 // The profile with the options over it; nothing is checked but that the profile can be read.
 Settings merge_settings(const ConnectionOptions &options);
 
-// The same, complete: whatever a connection needs is there, and the key can be opened; the pass phrase is asked for where it has
+// The same, complete: whatever is needed is there, and the key can be opened; the pass phrase is asked for where it has
 // to be. Throws Failure naming what is missing.
-Settings complete_settings(const ConnectionOptions &options, const Stop &stop);
+enum class Needs { user, user_and_hosts };
+Settings complete_settings(const ConnectionOptions &options, const Stop &stop, Needs needs = Needs::user_and_hosts);
+
+// What the settings lack, as a list; empty when nothing is missing.
+std::string missing_settings(const Profile &values, Needs needs);
 
 // The pass phrase from the file descriptor, the profile's file, or the terminal. True when it came from the terminal.
 bool obtain_passphrase(const ConnectionOptions &options, const Stop &stop, Settings &settings);

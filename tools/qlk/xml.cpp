@@ -53,6 +53,12 @@ std::string to_xml(const wb_dom_node *node) {
   return std::string(xml, length);
 }
 
+std::string to_xml_line(const wb_dom_node *node) {
+  std::string xml = to_xml(node);
+  for (size_t at = xml.find('\n'); at != std::string::npos; at = xml.find('\n', at)) xml.replace(at, 1, "&#10;");
+  return xml;
+}
+
 std::string expanded_name(const std::string &ns, const std::string &name) {
   return name.starts_with('{') ? name : "{" + ns + "}" + name;
 }

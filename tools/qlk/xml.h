@@ -24,11 +24,13 @@ Element parse_or_null(std::string_view xml);
 // A copy in a context of its own.
 Element copy_of(const wb_dom_node *node);
 
-// The element as XML on one line of its own making: line breaks of the text stay.
+// The element as XML.
 std::string to_xml(const wb_dom_node *node);
+// The same on one line: line breaks of the text become character references.
+std::string to_xml_line(const wb_dom_node *node);
 
 // The element as JSON on one line: {"name", "namespace", "attributes", "children", "text"}, each only where there is something to
-// say. Text of elements with children is left out when it is blank.
+// say: the namespace where it is another than the parent's, the text of elements with children where it is not blank.
 std::string to_json(const wb_dom_node *node);
 
 // A text as a JSON string; what is no UTF-8 in it is replaced.

@@ -1,0 +1,10 @@
+// qlk bulk: downloads a large document item by item.
+#pragma once
+
+#include "options.h"
+
+namespace tool {
+
+void add_bulk_command(CLI::App &app, Context &context);
+
+}  // namespace tool

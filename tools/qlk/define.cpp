@@ -1,0 +1,63 @@
+#include "define.h"
+
+#include "payloads.h"
+#include "session.h"
+#include "terminal.h"
+
+namespace tool {
+
+namespace {
+
+struct Options {
+  CapabilityOptions capability;
+  std::string version = "1.0", description, platform;
+  std::vector<std::string> queries, actions;
+};
+
+using Define = decltype(&quillon_capability_propose);
+
+ExitCode run(const Context &context, const Options &options, Define define, const std::string &verb, Stop &stop) {
+  const Settings settings = complete_settings(context.connection, stop);
+  const Capability capability(options.capability.name, namespace_of(options.capability, settings), options.capability.is_dynamic);
+  Session session(settings, stop);
+  session.join();
+  session.begin_request();
+  std::vector<const char *> queries = pointers_to(options.queries), actions = pointers_to(options.actions);
+  session.expect(define(capability.get(), session.connection(), capability.name().c_str(), options.version.c_str(),
+                        queries.data(), static_cast<int>(queries.size()), actions.data(), static_cast<int>(actions.size()),
+                        options.description.c_str(), options.platform.c_str()),
+                 verb + " " + capability.name());
+  note(capability.name() + " " + options.version + " is registered");
+  return ExitCode::done;
+}
+
+void add_one(CLI::App &app, Context &context, const std::string &name, const std::string &text, Define define) {
+  const auto options = std::make_shared<Options>();
+  CLI::App *command =
+      add_command(app, context, name, text,
+                  "  qlk " + name +
+                      " Weather --query day --query week --action reset \\\n"
+                      "      --about 'Forecasts of the town'",
+                  [&context, options, define, name](Stop &stop) { return run(context, *options, define, name, stop); });
+  add_capability_options(*command, options->capability);
+  command->add_option("--define-version", options->version, "The capability's version (default: 1.0)")->type_name("VERSION");
+  command->add_option("--query", options->queries, "A method that reads; may be repeated")
+      ->type_name("METHOD")
+      ->expected(1)
+      ->take_all();
+  command->add_option("--action", options->actions, "A method that writes; may be repeated")
+      ->type_name("METHOD")
+      ->expected(1)
+      ->take_all();
+  command->add_option("--about", options->description, "What the capability is for")->type_name("TEXT");
+  command->add_option("--platform", options->platform, "The vendor's platform")->type_name("TEXT");
+}
+
+}  // namespace
+
+void add_define_commands(CLI::App &app, Context &context) {
+  add_one(app, context, "propose", "Proposes a new capability to the grid", quillon_capability_propose);
+  add_one(app, context, "modify", "Changes the definition of a capability, all of it", quillon_capability_modify);
+}
+
+}  // namespace tool

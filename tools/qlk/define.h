@@ -1,0 +1,10 @@
+// qlk propose and qlk modify: what a capability is.
+#pragma once
+
+#include "options.h"
+
+namespace tool {
+
+void add_define_commands(CLI::App &app, Context &context);
+
+}  // namespace tool

@@ -1,0 +1,10 @@
+// qlk doctor: looks at everything that a connection needs, one by one.
+#pragma once
+
+#include "options.h"
+
+namespace tool {
+
+void add_doctor_command(CLI::App &app, Context &context);
+
+}  // namespace tool

@@ -1,0 +1,163 @@
+#include "query.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "payloads.h"
+#include "session.h"
+#include "terminal.h"
+
+namespace tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+  CapabilityOptions capability;
+  std::string payload, file;
+  uint64_t repeat = 1;
+  unsigned interval_ms = 0;
+  bool as_json = false, is_quiet = false;
+};
+
+// Times in milliseconds.
+class Timing {
+ public:
+  void add(double milliseconds) { times_.push_back(milliseconds); }
+  void add_failure() { ++failures_; }
+
+  std::string summary() {
+    if (times_.empty()) return std::to_string(failures_) + " queries, none answered";
+    std::sort(times_.begin(), times_.end());
+    char text[200];
+    std::snprintf(text, sizeof text, "%zu answered, %zu failed: min %s  p50 %s  p99 %s  max %s ms", times_.size(), failures_,
+                  shown(times_.front()).c_str(), shown(percentile(50)).c_str(), shown(percentile(99)).c_str(),
+                  shown(times_.back()).c_str());
+    return text;
+  }
+
+ private:
+  // The smallest time that so many of a hundred do not exceed.
+  double percentile(int percent) const {
+    const double rank = std::ceil(percent / 100.0 * static_cast<double>(times_.size()));
+    return times_[static_cast<size_t>(rank) - 1];
+  }
+  static std::string shown(double milliseconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, milliseconds < 10 ? "%.2f" : milliseconds < 100 ? "%.1f" : "%.0f", milliseconds);
+    return text;
+  }
+
+  std::vector<double> times_;
+  size_t failures_ = 0;
+};
+
+Element read_payload(const Options &options, const Stop &stop) {
+  if (!options.payload.empty()) return parse_payload(options.payload, "the payload");
+  const std::string path = options.file.empty() ? "-" : options.file;
+  if (path == "-" && is_terminal(stdin)) note("the payload, an XML element; Ctrl-D ends it");
+  return parse_payload(read_file(path, stop), origin_of(path));
+}
+
+class Asker {
+ public:
+  Asker(const Options &options, const Settings &settings, Stop &stop)
+      : options_(options),
+        stop_(stop),
+        payload_(read_payload(options, stop)),
+        capability_(options.capability.name, namespace_of(options.capability, settings, payload_.get()),
+                    options.capability.is_dynamic),
+        session_(settings, stop) {}
+
+  ExitCode run() {
+    session_.join();
+    session_.begin_request();
+    session_.expect(quillon_dynamic_capability_refresh_publisher_jids(capability_.get(), session_.connection()),
+                    "look for the publishers of " + capability_.name());
+    const bool is_timed = options_.repeat != 1;
+    if (is_timed) watch_stanzas(false);
+    std::optional<Failure> failure;
+    try {
+      for (uint64_t i = 0; i < options_.repeat || options_.repeat == 0; ++i) {
+        if (i > 0 && options_.interval_ms > 0) stop_.wait_for(std::chrono::milliseconds(options_.interval_ms));
+        stop_.check();
+        ask(failure);
+      }
+    } catch (const Stopped &) {
+      flush_output();
+      if (is_timed) note(timing_.summary());
+      throw;
+    }
+    flush_output();
+    if (is_timed) note(timing_.summary());
+    if (failure.has_value()) throw *failure;
+    return ExitCode::done;
+  }
+
+ private:
+  // One that fails does not end the others, unless it shows that they would fail too.
+  void ask(std::optional<Failure> &failure) {
+    session_.begin_request();
+    Element request = copy_of(payload_.get());
+    wb_dom_node *received = nullptr;
+    const auto begin = Clock::now();
+    const QUILLON_STATUS status = quillon_connection_query(session_.connection(), capability_.get(), request.get(), &received);
+    const double milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    const bool was_consumed = status != QUILLON_STATUS_CAPABILITY_NOT_FOUND && status != QUILLON_STATUS_INVALID_ARGS;
+    if (was_consumed) static_cast<void>(request.release());
+    const Element response(received);
+    if (status == QUILLON_STATUS_OK) {
+      timing_.add(milliseconds);
+      if (!options_.is_quiet) print_line(options_.as_json ? to_json(response.get()) : to_xml(response.get()));
+      return;
+    }
+    stop_.check();
+    timing_.add_failure();
+    try {
+      if (status == QUILLON_STATUS_CAPABILITY_NOT_FOUND) {
+        throw Failure(ExitCode::not_found, "nobody publishes " + capability_.name() + " now");
+      }
+      session_.expect(status, "query " + capability_.name());
+    } catch (const Failure &thrown) {
+      const bool goes_on = status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR;
+      if (options_.repeat == 1 || !goes_on || session_.is_lost()) {
+        if (options_.repeat != 1) note(timing_.summary());
+        throw;
+      }
+      failure = thrown;
+    }
+  }
+
+  const Options &options_;
+  Stop &stop_;
+  const Element payload_;
+  Timing timing_;
+  const Capability capability_;
+  Session session_;
+};
+
+}  // namespace
+
+void add_query_command(CLI::App &app, Context &context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App *command = add_command(app, context, "query", "Asks a publisher of a capability and prints the answer",
+                                  "  qlk query Weather '<day xmlns=\"urn:example\">Monday</day>'\n"
+                                  "  qlk query Weather --file question.xml --json\n"
+                                  "  qlk query Weather '<day xmlns=\"urn:example\"/>' --repeat 1000 --quiet",
+                                  [&context, options](Stop &stop) {
+                                    const Settings settings = complete_settings(context.connection, stop);
+                                    return Asker(*options, settings, stop).run();
+                                  });
+  add_capability_options(*command, options->capability);
+  command->add_option("PAYLOAD", options->payload, "The question, an XML element; without it, and without --file, standard input")
+      ->type_name("");
+  command->add_option("-f,--file", options->file, "A file that holds the question; - is standard input")->type_name("FILE");
+  command->add_option("-r,--repeat", options->repeat, "Ask this many times, 0: until Ctrl-C, and tell the times at the end")
+      ->type_name("N");
+  command->add_option("-i,--interval", options->interval_ms, "Pause between two questions, in milliseconds")->type_name("MS");
+  command->add_flag("--json", options->as_json, "Print each answer as one line of JSON");
+  command->add_flag("-q,--quiet", options->is_quiet, "Do not print the answers");
+}
+
+}  // namespace tool

@@ -1,0 +1,10 @@
+// qlk query: asks a publisher of a capability.
+#pragma once
+
+#include "options.h"
+
+namespace tool {
+
+void add_query_command(CLI::App &app, Context &context);
+
+}  // namespace tool

@@ -1,0 +1,192 @@
+#include "serve.h"
+
+#include <poll.h>
+
+#include <algorithm>
+
+#include "lookup.h"
+#include "payloads.h"
+#include "process.h"
+#include "session.h"
+#include "terminal.h"
+
+namespace tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kSenderBytes = 2048;
+constexpr std::chrono::seconds kFirstPause{1}, kLongestPause{30};
+
+struct Options {
+  CapabilityOptions capability;
+  std::vector<std::string> elements, command;
+  std::string file;
+  unsigned limit_seconds = 10;
+  bool reconnects = false, is_quiet = false;
+};
+
+std::string sender_of(wb_dom_node *request) {
+  std::string sender(kSenderBytes, '\0');
+  quillon_xml_get_sender(request, sender.data());
+  sender.resize(sender.find('\0'));
+  return printable(sender);
+}
+
+class Server {
+ public:
+  Server(const Options &options, const Settings &settings, Stop &stop)
+      : options_(options),
+        stop_(stop),
+        ns_(namespace_of(options.capability, settings)),
+        capability_(options.capability.name, ns_, options.capability.is_dynamic),
+        session_(settings, stop) {}
+
+  [[noreturn]] void run() {
+    session_.join();
+    const std::vector<std::string> elements = elements_to_serve();
+    for (const std::string &element : elements) serve(element);
+    announce(elements);
+    for (;;) {
+      pollfd waited[] = {{stop_.descriptor(), POLLIN, 0}, {session_.lost_descriptor(), POLLIN, 0}};
+      poll(waited, 2, -1);
+      stop_.check();
+      if (session_.is_lost()) on_lost(elements);
+    }
+  }
+
+ private:
+  // Those that were named, else the capability's methods.
+  std::vector<std::string> elements_to_serve() {
+    if (!options_.elements.empty()) return options_.elements;
+    const char *hint = "Name what is asked: --element NAME. Or define the methods: qlk propose.";
+    try {
+      const Definition definition = look_up(session_, capability_.name(), "");
+      std::vector<std::string> methods = definition.queries;
+      methods.insert(methods.end(), definition.actions.begin(), definition.actions.end());
+      if (!methods.empty()) return methods;
+    } catch (const Failure &failure) {
+      if (failure.code() != ExitCode::not_found) throw;
+    }
+    throw Failure(ExitCode::usage, "the grid knows no methods of " + capability_.name(), hint);
+  }
+
+  void serve(const std::string &element) {
+    std::string ns = ns_, local;
+    split_name(element, ns, local);
+    const QUILLON_STATUS status =
+        quillon_connection_register_query_handler(session_.connection(), ns.c_str(), local.c_str(), on_query, this);
+    if (status != QUILLON_STATUS_OK) throw Failure(ExitCode::usage, "'" + element + "' is no name of an element");
+  }
+
+  void announce(const std::vector<std::string> &elements) {
+    capability_.publish(session_);
+    std::string list;
+    for (const std::string &element : elements) list.append(list.empty() ? "" : ", ").append(element);
+    note("serving " + capability_.name() + ": " + list + "; Ctrl-C ends");
+  }
+
+  // On the library's thread for queries, one at a time.
+  static wb_dom_node *on_query(wb_dom_node *request, void *self) {
+    auto *server = static_cast<Server *>(self);
+    try {
+      return server->answer(request).release();
+    } catch (const std::exception &error) {
+      note(error.what());
+      return nullptr;
+    }
+  }
+
+  // Null when there is no answer to give: the one who asks then waits in vain.
+  Element answer(wb_dom_node *request) {
+    const auto begin = Clock::now();
+    const std::string what = printable(wb_dom_get_localname(request)) + " from " + sender_of(request);
+    std::string complaint;
+    Element reply = make_reply(request, complaint);
+    const double milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    char time[32];
+    std::snprintf(time, sizeof time, "%.1f ms", milliseconds);
+    if (!complaint.empty()) {
+      note(what + ": no answer, " + complaint);
+    } else if (!options_.is_quiet) {
+      note(what + ": answered in " + time);
+    }
+    return reply;
+  }
+
+  Element make_reply(wb_dom_node *request, std::string &complaint) {
+    if (!options_.file.empty()) return parse_payload(read_file(options_.file, stop_), origin_of(options_.file));
+    const std::vector<std::string> variables = {"QLK_CAPABILITY=" + capability_.name(),
+                                                std::string("QLK_ELEMENT=") + wb_dom_get_ename(request),
+                                                "QLK_SENDER=" + sender_of(request)};
+    Outcome outcome =
+        run_process(options_.command, to_xml(request) + "\n", variables, std::chrono::seconds(options_.limit_seconds), stop_);
+    complaint = outcome.complaint;
+    if (!complaint.empty()) return nullptr;
+    Element reply = parse_or_null(outcome.output);
+    if (reply == nullptr) complaint = "what the command printed is no XML element";
+    return reply;
+  }
+
+  void on_lost(const std::vector<std::string> &elements) {
+    const std::string text = "the session is lost: " + session_.lost_reason();
+    if (!options_.reconnects) throw Failure(ExitCode::no_connection, text, "With --reconnect it is opened again.");
+    note(text);
+    for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+      if (stop_.wait_for(pause)) stop_.check();
+      try {
+        session_.join();
+        return announce(elements);
+      } catch (const Failure &failure) {
+        note(failure.what());
+      }
+    }
+  }
+
+  const Options &options_;
+  Stop &stop_;
+  const std::string ns_;
+  const Capability capability_;
+  Session session_;
+};
+
+[[noreturn]] void run(const Context &context, const Options &options, Stop &stop) {
+  if (options.command.empty() == options.file.empty()) {
+    throw Failure(ExitCode::usage, "what answers? Either a command, or --file FILE", "See: qlk serve --help");
+  }
+  if (!options.file.empty()) parse_payload(read_file(options.file, stop), origin_of(options.file));
+  const Settings settings = complete_settings(context.connection, stop);
+  Server(options, settings, stop).run();
+}
+
+}  // namespace
+
+void add_serve_command(CLI::App &app, Context &context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App *command =
+      add_command(app, context, "serve", "Publishes a capability and answers its queries, by running a command or from a file",
+                  "  qlk serve Weather --element day -- ./forecast.sh --short\n"
+                  "  qlk serve Weather --element day --file sunny.xml\n"
+                  "The command gets the question as XML on its standard input and prints the answer;\n"
+                  "$QLK_CAPABILITY, $QLK_ELEMENT and $QLK_SENDER tell it more. Without an answer the\n"
+                  "one who asked waits in vain.",
+                  [&context, options](Stop &stop) -> ExitCode { run(context, *options, stop); });
+  add_capability_options(*command, options->capability);
+  command->add_option("COMMAND", options->command, "The command with its arguments; put -- before it")->type_name("");
+  command->add_option("-f,--file", options->file, "Answer with this file, read anew each time")->type_name("FILE");
+  command
+      ->add_option("-e,--element", options->elements,
+                   "What is asked: a name in the capability's namespace or {namespace}name; may be repeated (default: the "
+                   "methods that the grid knows)")
+      ->type_name("NAME")
+      ->expected(1)
+      ->take_all();
+  command->add_option("-l,--limit", options->limit_seconds, "How long the command may take (default: 10)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1u, 3600u).description(""));
+  command->add_flag("--reconnect", options->reconnects, "Open the session again when it is lost");
+  command->add_flag("-q,--quiet", options->is_quiet, "Do not tell of each query that was answered");
+}
+
+}  // namespace tool
