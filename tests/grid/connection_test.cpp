@@ -4,6 +4,7 @@
 #include <atomic>
 #include <thread>
 
+#include "footprint.h"
 #include "grid_client.h"
 #include "quillon_log_capture.h"
 
@@ -11,7 +12,7 @@ namespace {
 
 using grid_test::Client;
 using grid_test::eventually;
-using grid_test::footprint;
+using test_support::footprint;
 
 class GridConnectionTest : public testing::Test {
  protected:

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
 namespace grid_test {
@@ -117,17 +115,6 @@ int32_t publishers(quillon_capability *capability) {
   const int32_t count = quillon_array_size(jids);
   quillon_array_destroy(jids);
   return count;
-}
-
-Footprint footprint() {
-  const auto count = [](const char *folder) {
-    size_t entries = 0;
-    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator(folder)) ++entries;
-    return entries;
-  };
-  size_t total_pages = 0, resident_pages = 0;
-  std::ifstream("/proc/self/statm") >> total_pages >> resident_pages;
-  return {count("/proc/self/task"), count("/proc/self/fd"), resident_pages * 4};
 }
 
 }  // namespace grid_test

@@ -97,10 +97,4 @@ class Client {
 // The number of publishers that the library knows for the capability.
 int32_t publishers(quillon_capability *capability);
 
-// What the process holds, for tests that nothing is left behind.
-struct Footprint {
-  size_t threads, descriptors, resident_kib;
-};
-Footprint footprint();
-
 }  // namespace grid_test

@@ -3,13 +3,14 @@
 
 #include <memory>
 
+#include "footprint.h"
 #include "grid_client.h"
 
 namespace {
 
 using grid_test::Client;
 using grid_test::eventually;
-using grid_test::footprint;
+using test_support::footprint;
 
 struct ReconnectionDelete {
   void operator()(quillon_reconnection *reconnection) const {

@@ -1,17 +1,22 @@
 #!/usr/bin/env python3
-"""quillon_grid_test.py QUILLON-GRID CONTROLLER: the command itself: up and down, what survives, what is refused and with which exit code."""
+"""quillon_grid_test.py QUILLON-GRID CONTROLLER BULK: the command itself: up and down, what survives, what is refused and with which exit code."""
+import http.client
 import json
 import os
 import pathlib
+import shlex
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import xml.etree.ElementTree
 
-COMMAND, CONTROLLER = os.path.abspath(sys.argv.pop(1)), os.path.abspath(sys.argv.pop(1))
+COMMAND, CONTROLLER, BULK = (os.path.abspath(sys.argv.pop(1)) for _ in range(3))
+os.environ["QUILLON_GRID_BULK"] = BULK
 PATIENCE_SECONDS = 60
 
 
@@ -118,6 +123,57 @@ class UpAndDown(GridCase):
         self.assertEqual((before["port"], before["controller"]), (self.state()["port"], self.state()["controller"]))
 
 
+class BulkService(GridCase):
+    def ask(self, body, user="alice", path="/bulk", certificate="alice"):
+        """The status and the document that a POST is answered with."""
+        values = dict(word.split("=", 1) for word in shlex.split(self.run_grid("env")))
+        context = ssl.create_default_context(cafile=values["QUILLON_GRID_CA"])
+        if certificate:
+            context.load_cert_chain(*self.run_grid("enroll", certificate).splitlines())
+        connection = http.client.HTTPSConnection("127.0.0.1", int(values["QUILLON_GRID_BULK_PORT"]), timeout=PATIENCE_SECONDS, context=context)
+        try:
+            connection.request("POST", path, body, {"user": f"{user}@{values['QUILLON_GRID_DOMAIN']}"})
+            response = connection.getresponse()
+            return response.status, response.read()
+        finally:
+            connection.close()
+
+    def test_documents(self):
+        self.up()
+        request = '<bulkRequest xmlns="http://quillon.internal/quillon" resultSet="{}" records="{}" recordSize="700"/>'
+        for result_set, records in (("readings", 0), ("readings", 3000), ("reports", 2000)):
+            status, document = self.ask(request.format(result_set, records))
+            self.assertEqual(200, status)
+            items = [item for page in xml.etree.ElementTree.fromstring(document) for item in page]
+            self.assertEqual([f"{number:012}" for number in range(records)], [item.get("id") for item in items])
+            self.assertLess(abs(len(document) - 700 * records), 200)
+
+    def test_refusals(self):
+        self.up()
+        good = '<bulkRequest xmlns="http://quillon.internal/quillon" records="1"/>'
+        self.run_grid("enroll", "bob")
+        self.assertEqual(403, self.ask(good, user="bob")[0])
+        self.assertEqual(404, self.ask(good, path="/other")[0])
+        for bad in ("", "<bulkRequest/>", good.replace('"1"', '"many"'), good.replace("/>", " failure='other'/>"), good.replace("/>", "")):
+            self.assertEqual(400, self.ask(bad)[0], bad)
+        with self.assertRaises((ssl.SSLError, ConnectionError)):
+            self.ask(good, certificate=None)
+        self.assertEqual(200, self.ask(good)[0])
+
+    def test_one_that_died_is_brought_back_beside_the_rest(self):
+        self.up()
+        before = self.state()
+        os.kill(before["bulk"]["pid"], signal.SIGKILL)
+        self.assertTrue(eventually(lambda: not is_alive(before["bulk"]["pid"])))
+        self.assertIn("bulk service: stopped", self.run_grid("status", code=3))
+        self.up()
+        self.assertIn("bulk service: running", self.run_grid("status"))
+        after = self.state()
+        self.assertEqual((before["bulk_port"], before["server"], before["controller"]), (after["bulk_port"], after["server"], after["controller"]))
+        self.run_grid("down")
+        self.assertFalse(is_alive(after["bulk"]["pid"]))
+
+
 class Foreground(GridCase):
     def start(self, *arguments):
         process = subprocess.Popen([COMMAND, "--folder", self.folder, "up", "--foreground", *arguments, "--controller", CONTROLLER],
@@ -138,12 +194,12 @@ class Foreground(GridCase):
                           ("another command", lambda _: self.run_grid("down"))):
             with self.subTest(name):
                 process = self.start("--lifeline")
-                pids = [self.pid("server"), self.pid("controller")]
+                pids = [self.pid("server"), self.pid("controller"), self.pid("bulk")]
                 end(process)
                 self.expect_end(process, 0, pids)
 
     def test_a_part_that_dies_takes_the_rest_down_and_is_told(self):
-        for name, other in (("server", "controller"), ("controller", "server")):
+        for name, other in (("server", "controller"), ("controller", "bulk"), ("bulk", "server")):
             with self.subTest(name):
                 process = self.start()
                 pids = [self.pid(other), self.pid(name)]
