@@ -39,7 +39,9 @@ Target::Target(const Arguments &arguments)
       user(arguments.text("user", "bench")),
       ca(arguments.required("ca")),
       certificate(arguments.required("certificate")),
-      key(arguments.required("key")) {
+      key(arguments.required("key")),
+      has_password(!arguments.text("password").empty()),
+      password(arguments.text("password", "none")) {
   if (port == 0) fail("--port is missing");
 }
 
@@ -83,11 +85,13 @@ void RawClient::connect() {
   wait_for("<success");
   send(head + "<iq type='set' id='bind'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><resource>qlk</resource></bind></iq>");
   wait_for("</iq>");
+  bound_ = true;
 }
 
 void RawClient::disconnect() {
   if (fd_ < 0) return;
   ssl_.reset();
+  bound_ = false;
   close(fd_);
   fd_ = -1;
 }
@@ -102,6 +106,12 @@ void RawClient::send(std::string_view bytes) {
 }
 
 std::string_view RawClient::receive() {
+  if (!bound_) {
+    // While a session comes up the server writes in small pieces, and holds the next back until the last is acknowledged. The
+    // kernel forgets the option as it goes.
+    const int on = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+  }
   const ssize_t got = ssl_ != nullptr ? SSL_read(ssl_.get(), buffer_.get(), kReadBytes) : recv(fd_, buffer_.get(), kReadBytes, 0);
   if (got <= 0) fail("the server has closed the connection");
   return {buffer_.get(), static_cast<size_t>(got)};

@@ -12,7 +12,8 @@
 
 namespace bench {
 
-// Where a client connects to and as whom; from the options --port, --tls, --domain, --user, --ca, --certificate and --key.
+// Where a client connects to and as whom; from the options --port, --tls, --domain, --user, --ca, --certificate, --key and
+// --password.
 struct Target {
   explicit Target(const Arguments &arguments);
 
@@ -25,6 +26,8 @@ struct Target {
   unsigned short port;
   bool tls;
   std::string domain, user, ca, certificate, key;
+  bool has_password;  // given instead of the certificate, for peers that cannot do otherwise
+  std::string password;
 };
 
 class RawClient {
@@ -51,6 +54,7 @@ class RawClient {
   std::unique_ptr<SSL_CTX, void (*)(SSL_CTX *)> context_;
   std::unique_ptr<SSL, void (*)(SSL *)> ssl_;
   int fd_ = -1;
+  bool bound_ = false;
   std::unique_ptr<char[]> buffer_;
 };
 

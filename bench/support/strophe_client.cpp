@@ -10,13 +10,12 @@ StropheClient::StropheClient(const Target &target) : target_(target) {
   connection_ = xmpp_conn_new(context_);
   xmpp_conn_set_jid(connection_, target.jid().c_str());
   xmpp_conn_set_cafile(connection_, target.ca.c_str());
-  xmpp_conn_set_client_cert(connection_, target.certificate.c_str(), target.key.c_str());
-  if (target.tls) {
-    xmpp_conn_set_flags(connection_, XMPP_CONN_FLAG_MANDATORY_TLS);
+  if (target.has_password || !target.tls) {
+    xmpp_conn_set_pass(connection_, target.password.c_str());
   } else {
-    xmpp_conn_disable_tls(connection_);
-    xmpp_conn_set_pass(connection_, "none");
+    xmpp_conn_set_client_cert(connection_, target.certificate.c_str(), target.key.c_str());
   }
+  xmpp_conn_set_flags(connection_, target.tls ? XMPP_CONN_FLAG_MANDATORY_TLS : XMPP_CONN_FLAG_DISABLE_TLS);
 }
 
 StropheClient::~StropheClient() {

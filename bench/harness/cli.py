@@ -1,0 +1,107 @@
+"""The command bench/run."""
+import argparse
+import os
+import subprocess
+import sys
+import tempfile
+
+from . import growth as growth_module
+from . import lines as lines_module
+from . import plots, programs, report
+
+
+def make_parser(keys):
+    parser = argparse.ArgumentParser(prog="bench/run", description="Measures the library beside its peers and beside the limit, and writes results.md, "
+                                     "results.json and plots.", epilog="lines: " + " ".join(keys) + "; exit codes: 0 every line is met, 1 one is missed or failed, 2 wrong usage")
+    parser.add_argument("lines", nargs="*", metavar="LINE", help="which lines (default: all)")
+    parser.add_argument("--short", action="store_true", help="less of everything and fewer sizes: to see that it works, not to judge by")
+    parser.add_argument("--rounds", type=int, help="how many interleaved rounds (default: 5, in the short form 1)")
+    parser.add_argument("--results", metavar="FOLDER", default=os.path.join(programs.BENCH, "results"), help="where the results go (default: bench/results)")
+    parser.add_argument("--build", metavar="FOLDER", default=os.path.join(programs.ROOT, "build", "bench"), help="where to build (default: build/bench)")
+    parser.add_argument("--no-build", action="store_true", help="take the programs as they are there, and install no packages")
+    return parser
+
+
+def tell(text):
+    print(text, file=sys.stderr, flush=True)
+
+
+def measure_line(bench, line, rounds, short):
+    """Each round runs every contender once, so that a change of the machine's mood meets all of them."""
+    values = {contender.name: {} for contender in line.contenders}
+    for number in range(line.rounds or rounds):
+        for contender in line.contenders:
+            tell(f"{line.key}, round {number + 1}: {contender.name}")
+            for key, value in contender.run(bench, short).items():
+                values[contender.name].setdefault(key, []).append(value)
+    contenders = {name: {key: report.summarize(numbers) for key, numbers in figures.items()} for name, figures in values.items()}
+    goals = []
+    for goal in line.goals:
+        value = goal.value(lambda name, key: contenders[name][key]["median"])
+        goals.append({"text": goal.text, "value": value, "bound": goal.bound, "at_most": goal.at_most, "met": goal.met(value)})
+    return {"title": line.title, "contenders": contenders, "goals": goals}
+
+
+def measure_growth(bench, growth, rounds, short):
+    sizes = growth.short_sizes if short else growth.sizes
+    values = {}
+    sizes_of = {series.name: (series.short_sizes if short else series.sizes) or sizes for series in growth.series}
+    for number in range(rounds):
+        for size in sizes:
+            for series in growth.series:
+                if size not in sizes_of[series.name]:
+                    continue
+                tell(f"{growth.key}, round {number + 1}: {series.name}, {size:,}")
+                for key, value in series.run(bench, size, short).items():
+                    values.setdefault((series.name, size), {}).setdefault(key, []).append(value)
+    result = {"title": growth.title, "sizes": list(sizes), "series": {}}
+    for series in growth.series:
+        mine = list(sizes_of[series.name])
+        figures = [{key: report.summarize(numbers) for key, numbers in values[series.name, size].items()} for size in mine]
+        slopes = {panel.key: report.slope(mine, [at[panel.key]["median"] for at in figures], panel.natural) if panel.key in figures[0] else None
+                  for panel in growth.panels}
+        result["series"][series.name] = {"sizes": mine, "figures": figures, "slopes": slopes}
+    return result
+
+
+def measure(bench, chosen, rounds, short, results):
+    """Measures one after the other. Returns the keys of those that failed."""
+    failed = []
+    for kind, items, function in (("lines", chosen[0], measure_line), ("growths", chosen[1], measure_growth)):
+        for item in items:
+            try:
+                results[kind][item.key] = function(bench, item, rounds, short)
+            except (programs.Failed, subprocess.SubprocessError, OSError) as error:
+                tell(f"{item.key} FAILED: {error}")
+                failed.append(item.key)
+    return failed
+
+
+def main():
+    lines, growths = lines_module.all_lines(), growth_module.all_growths()
+    keys = [item.key for item in (*lines, *growths)]
+    parser = make_parser(keys)
+    options = parser.parse_args()
+    unknown = set(options.lines) - set(keys)
+    if unknown:
+        parser.error(f"no line is called {', '.join(sorted(unknown))}")
+    wanted = options.lines or keys
+    chosen = [[item for item in items if item.key in wanted] for items in (lines, growths)]
+    rounds = options.rounds or (1 if options.short else 5)
+    if not options.no_build:
+        programs.install_packages()
+        programs.build(options.build)
+    os.makedirs(options.results, exist_ok=True)
+    results = {"machine": report.machine(), "rounds": rounds, "short": options.short, "lines": {}, "growths": {}}
+    with tempfile.TemporaryDirectory(prefix="qlk-bench-") as work:
+        bench = programs.Bench(options.build, work)
+        try:
+            failed = measure(bench, chosen, rounds, options.short, results)
+        finally:
+            bench.close()
+    print(report.write(options.results, *chosen, results))
+    plots.draw_all(options.results, *chosen, results)
+    missed = [f"{key}: {goal['text']}" for key, line in results["lines"].items() for goal in line["goals"] if not goal["met"]]
+    for text in missed:
+        tell(f"missed: {text}")
+    return 1 if failed or missed else 0

@@ -1,0 +1,240 @@
+"""The lines that are measured: who does what, and what is to be reached."""
+import dataclasses
+import subprocess
+import typing
+
+from . import programs
+
+LIMIT, PEER, OURS = "limit", "peer", "ours"
+STANZAS = {"iq": "IQ of 276 bytes", "event": "event of 632 bytes", "payload": "payload of 16 KiB"}
+RECORD_BYTES = 600
+
+
+@dataclasses.dataclass(frozen=True)
+class Figure:
+    """One of the numbers that a run yields. Where scale is given the number shown is the program's times that."""
+    key: str
+    title: str
+    scale: float = 1
+
+
+@dataclasses.dataclass(frozen=True)
+class Contender:
+    name: str
+    role: str
+    run: typing.Callable  # of the bench and whether it is the short form; returns the figures
+
+
+@dataclasses.dataclass(frozen=True)
+class Goal:
+    """What ours must reach: reached is given a function that returns the median of a contender's figure."""
+    text: str
+    value: typing.Callable
+    bound: float
+    at_most: bool = True
+
+    def met(self, value):
+        return value <= self.bound if self.at_most else value >= self.bound
+
+
+@dataclasses.dataclass(frozen=True)
+class Line:
+    key: str
+    title: str
+    figures: tuple
+    contenders: tuple
+    goals: tuple = ()
+    rounds: int = 0  # 0: as many as the run has
+    notes: tuple = ()
+
+
+# --- parsing
+
+def parse_contender(name, role, program, stanza, **options):
+    def run(bench, short):
+        low, high = (20, 70) if stanza == "payload" or short else (100, 600)
+        return {"instructions": bench.count_instructions(program, "count", low, high, stanza=stanza, **options)}
+    return Contender(name, role, run)
+
+
+def parse_line(stanza, mode):
+    contenders = [parse_contender("expat, empty handlers", LIMIT, "parse_ours", stanza, mode="expat")]
+    contenders += [parse_contender(peer, PEER, "parse_peers", stanza, peer=peer, mode=mode) for peer in ("libxml2", "gloox", "libstrophe", "pugixml")]
+    contenders.append(parse_contender("libqlk", OURS, "parse_ours", stanza, mode=mode))
+    bound = 1.15 if mode == "parse" else 1.35
+    goal = Goal("ratio to expat", lambda of: of("libqlk", "instructions") / of("expat, empty handlers", "instructions"), bound)
+    title = f"{STANZAS[stanza]}: bytes to a tree" + (" and back to bytes" if mode == "write" else "")
+    return Line(f"{mode}-{stanza}", title, (Figure("instructions", "instructions a stanza"),), tuple(contenders), (goal,), 1,
+                ("Instruction counts repeat to a tenth of a per cent, so one round tells all. pugixml and libstrophe parse a document a stanza, the others "
+                 "one stream; pugixml knows no namespaces and checks little, so that what it does is another work.",))
+
+
+# --- queries over the echo server
+
+def query(program, requests, instructed=0, **options):
+    """A run of a query program against the echo server; with so many instructed requests also under callgrind."""
+    server = {"tls": options.pop("tls")} if "tls" in options else {}
+
+    def run(bench, short):
+        figures = bench.run(program, requests=requests // 10 if short else requests, **options, **bench.echo_options(**server))
+        if instructed:
+            low, high = instructed, 3 * instructed
+            figures["instructions"] = bench.count_instructions(program, "requests", low, high, **options, **bench.echo_options(**server))
+        return figures
+    return run
+
+
+ROUND_TRIP = (Figure("p50_us", "p50, us"), Figure("p99_us", "p99, us"), Figure("cpu_us", "CPU of the client, us"))
+INSTRUCTIONS = Figure("instructions", "instructions, k", 1e-3)
+RATE = (Figure("per_second", "requests, k/s", 1e-3), Figure("cpu_us", "CPU of the client, us"))
+
+
+def one_at_a_time():
+    raw, sync, on_loop = "raw socket", "libqlk, synchronous call", "Warbler, completion on its thread"
+    return Line("query", "query, one at a time, TLS", ROUND_TRIP + (INSTRUCTIONS,), (
+        Contender(raw, LIMIT, query("query_raw", 20000, 500)),
+        Contender("libstrophe", PEER, query("query_strophe", 20000, 500)),
+        Contender("gloox", PEER, query("query_gloox", 20000, 500)),
+        Contender(on_loop, OURS, query("query_async", 20000, 500)),
+        Contender(sync, OURS, query("query_sync", 20000)),
+    ), (
+        Goal("completion on the library's thread, ratio of p50 to the raw socket", lambda of: of(on_loop, "p50_us") / of(raw, "p50_us"), 1.15),
+        Goal("synchronous call, ratio of p50 to the raw socket", lambda of: of(sync, "p50_us") / of(raw, "p50_us"), 1.6),
+    ), notes=("gloox speaks TLS 1.2, everybody else TLS 1.3.",))
+
+
+def one_at_a_time_plain():
+    return Line("query-plain", "query, one at a time, plain TCP", ROUND_TRIP, (
+        Contender("raw socket", LIMIT, query("query_raw", 20000, tls="no")),
+        Contender("libstrophe", PEER, query("query_strophe", 20000, tls="no")),
+        Contender("gloox", PEER, query("query_gloox", 20000, tls="no")),
+    ), notes=("Ours always uses TLS; the line tells what TLS costs the others.",))
+
+
+def in_flight():
+    ours = "Warbler, completion on its thread"
+    return Line("in-flight", "queries with 64 in flight, TLS", RATE + (INSTRUCTIONS,), (
+        Contender("raw socket", LIMIT, query("query_raw", 400000, 2000, in_flight=64)),
+        Contender("libstrophe", PEER, query("query_strophe", 100000, 2000, in_flight=64)),
+        Contender("gloox", PEER, query("query_gloox", 100000, 2000, in_flight=64)),
+        Contender(ours, OURS, query("query_async", 400000, 2000, in_flight=64)),
+    ), (
+        Goal("requests, k/s", lambda of: of(ours, "per_second") / 1e3, 250, at_most=False),
+        Goal("CPU a request, us", lambda of: of(ours, "cpu_us"), 4),
+    ))
+
+
+def threads():
+    ours = "libqlk, synchronous calls"
+    return Line("threads", "queries from 16 threads through one connection, TLS", RATE + ROUND_TRIP[:2], (
+        Contender(ours, OURS, query("query_sync", 160000, threads=16)),
+    ), (Goal("requests, k/s", lambda of: of(ours, "per_second") / 1e3, 60, at_most=False),),
+        notes=("No peer may be used by several threads.",))
+
+
+# --- connecting
+
+def connect(who, password=False):
+    def run(bench, short):
+        options = bench.password_options if password else bench.grid_options
+        figures = bench.run("connect", who=who, count=5 if short else 20, **options())
+        with programs.Relay(int(options()["port"])) as relay:
+            # The program ends without a word as soon as the session is there, and prints nothing.
+            subprocess.run(bench.command("connect", {"who": who, "count": 0, **options(relay.port)}), check=True, timeout=60)
+        figures["round_trips"] = relay.round_trips
+        return figures
+    return run
+
+
+def connecting():
+    return Line("connect", "connect to a bound session on Prosody", (
+        Figure("p50_ms", "p50, ms"), Figure("highest_ms", "highest of a round, ms"), Figure("round_trips", "round trips after TCP"),
+    ), (
+        Contender("raw socket", LIMIT, connect("raw")),
+        Contender("gloox, password", PEER, connect("gloox", password=True)),
+        Contender("libstrophe, password", PEER, connect("libstrophe", password=True)),
+        Contender("libstrophe", PEER, connect("libstrophe")),
+        Contender("Warbler", OURS, connect("warbler")),
+        Contender("libqlk, until the controller has approved", OURS, connect("libqlk")),
+    ), (
+        Goal("p50, ms", lambda of: of("Warbler", "p50_ms"), 5),
+        Goal("round trips", lambda of: of("Warbler", "round_trips"), 4),
+    ), notes=("Who comes without a password comes with a client certificate, which the server has to verify.",))
+
+
+# --- bulk
+
+def curl_to(reader):
+    """curl writing into a pipe, from which the reader parses on a core of its own."""
+    def run(bench, short):
+        grid = bench.grid()
+        records = mib(short) * 2**20 // RECORD_BYTES
+        body = f'<bulkRequest xmlns="http://quillon.internal/quillon" records="{records}" recordSize="{RECORD_BYTES}"/>'
+        command = ["curl", "--silent", "--show-error", "--cacert", grid["ca"], "--cert", grid["certificate"], "--key", grid["key"], "--header",
+                   f"user:{programs.USER}@{programs.DOMAIN}", "--header", "Content-Type: application/xml", "--data", body, grid["bulk_url"]]
+        with subprocess.Popen(command, stdout=subprocess.PIPE) as curl:
+            figures = bench.run("bulk_reader", who=reader, items=records, stdin=curl.stdout)
+        if curl.returncode != 0:
+            raise programs.Failed(f"curl ended with {curl.returncode}")
+        return figures
+    return run
+
+
+def mib(short):
+    return 64 if short else 1024
+
+
+class BulkRound:
+    """bench/bulk measures three contenders in one call; each round calls it once."""
+
+    def __init__(self):
+        self.rows = {}
+
+    def contender(self, row):
+        def run(bench, short):
+            if row not in self.rows:
+                grid = bench.grid()
+                done = subprocess.run([bench.path("bulk"), grid["command"], grid["folder"], str(mib(short)), "1"], capture_output=True, text=True,
+                                      check=False, timeout=programs.RUN_SECONDS)
+                if done.returncode != 0:
+                    raise programs.Failed(done.stderr.strip())
+                cells = [[cell.strip() for cell in line.strip("|").split("|")] for line in done.stdout.splitlines() if line.startswith("|")]
+                self.rows = {name: {"mb_per_second": float(median), "peak_mib": float(grown)} for name, median, _, _, grown in cells[2:]}
+            return self.rows.pop(row)
+        return run
+
+
+def bulk():
+    first = BulkRound()
+    ours = "libqlk, item by item"
+    return Line("bulk", "bulk, 1 GiB, records of 600 bytes, HTTPS", (Figure("mb_per_second", "MB/s"), Figure("peak_mib", "memory at its peak, MiB")), (
+        Contender("curl to nowhere", LIMIT, first.contender("curl to nowhere")),
+        Contender("curl feeding expat, one thread", LIMIT, first.contender("curl feeding expat, empty handlers")),
+        Contender("expat on a core of its own, curl through a pipe", LIMIT, curl_to("expat")),
+        Contender("libxml2's reader, curl through a pipe", PEER, curl_to("libxml2")),
+        Contender(ours, OURS, first.contender(ours)),
+    ), (
+        Goal("MB/s", lambda of: of(ours, "mb_per_second"), 300, at_most=False),
+        Goal("memory, MiB", lambda of: of(ours, "peak_mib"), 32),
+    ), notes=("The short form downloads 64 MiB.",))
+
+
+# --- notifications
+
+def notifications():
+    ours = "libqlk"
+
+    def run(bench, short):
+        return bench.run("notifications", notifications=20000 if short else 200000, **bench.echo_options())
+    return Line("notifications", "notifications dispatched to a handler", (
+        Figure("per_second", "notifications, k/s", 1e-3), Figure("cpu_us", "CPU, us"), Figure("grown_kib", "growth after the first fifth, KiB"),
+        Figure("peak_kib", "memory at its peak, KiB"),
+    ), (Contender(ours, OURS, run),), (
+        Goal("notifications, k/s", lambda of: of(ours, "per_second") / 1e3, 150, at_most=False),
+        Goal("growth after the first fifth, KiB", lambda of: of(ours, "grown_kib"), 1024),
+    ))
+
+
+def all_lines():
+    lines = [parse_line(stanza, mode) for mode in ("parse", "write") for stanza in STANZAS]
+    return lines + [one_at_a_time(), one_at_a_time_plain(), in_flight(), threads(), connecting(), bulk(), notifications()]
