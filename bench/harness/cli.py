@@ -94,7 +94,7 @@ def main():
     os.makedirs(options.results, exist_ok=True)
     results = {"machine": report.machine(), "rounds": rounds, "short": options.short, "lines": {}, "growths": {}}
     with tempfile.TemporaryDirectory(prefix="qlk-bench-") as work:
-        bench = programs.Bench(options.build, work)
+        bench = programs.Bench(os.path.join(options.build, "bench"), work)
         try:
             failed = measure(bench, chosen, rounds, options.short, results)
         finally:

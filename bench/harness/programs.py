@@ -54,8 +54,9 @@ def build(folder):
 class Bench:
     """The built programs, with a folder for certificates and logs."""
 
-    def __init__(self, build_folder, work):
-        self.build_folder = build_folder
+    def __init__(self, programs_folder, work):
+        """programs: the folder of the measuring programs, which stands beside the grid's."""
+        self.programs = programs_folder
         self.work = work
         authority = Authority(work, DOMAIN)
         self.server_pair = authority.issue_server(os.path.join(work, "server"))
@@ -70,7 +71,7 @@ class Bench:
         self.stack.close()
 
     def path(self, program):
-        return os.path.join(self.build_folder, "bench", program)
+        return os.path.join(self.programs, program)
 
     # --- running
 
@@ -132,8 +133,8 @@ class Bench:
         if self.grid_values is None:
             folder = os.path.join(self.work, "grid")
             command = [os.path.join(ROOT, "grid", "quillon-grid"), "--folder", folder]
-            environment = {**os.environ, "QUILLON_GRID_CONTROLLER": os.path.join(self.build_folder, "grid", "quillon-controller"),
-                           "QUILLON_GRID_BULK": os.path.join(self.build_folder, "grid", "quillon-bulk")}
+            environment = {**os.environ, "QUILLON_GRID_CONTROLLER": os.path.join(self.programs, "..", "grid", "quillon-controller"),
+                           "QUILLON_GRID_BULK": os.path.join(self.programs, "..", "grid", "quillon-bulk")}
             run = lambda *arguments: subprocess.run([*command, *arguments], check=True, capture_output=True, text=True, env=environment).stdout
             self.stack.callback(run, "down")
             run("up")

@@ -1,0 +1,49 @@
+"""check_instructions.py parse|write|iq FOLDER: counts what the work costs, with the programs in that folder.
+
+parse and write: a stanza's way from bytes to a tree, and back, in proportion to expat with handlers that do nothing. iq: a tracked IQ, sent and answered,
+with many in flight and one at a time.
+"""
+import os
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "bench"))
+from harness.programs import Bench  # noqa: E402
+
+BOUNDS = {"parse": 1.25, "write": 1.45}  # times expat
+IQ_BOUNDS = {64: 65000, 1: 90000}  # instructions, by how many are in flight
+STANZAS = {"iq": (100, 600), "event": (100, 600), "payload": (20, 70)}
+
+
+def judge(what, value, bound):
+    good = value <= bound
+    print(f"{what}: {value:,.2f}, at most {bound:,.2f}: {'good' if good else 'TOO MUCH'}")
+    return good
+
+
+def check_stanza(bench, mode, stanza):
+    def count(mode):
+        low, high = STANZAS[stanza]
+        return bench.count_instructions("parse_ours", "count", low, high, mode=mode, stanza=stanza)
+    return judge(f"{mode} of {stanza}, times expat", count(mode) / count("expat"), BOUNDS[mode])
+
+
+def check_iq(bench, in_flight):
+    # The server is a process of its own, which is not counted.
+    cost = bench.count_instructions("query_async", "requests", 500, 1500, in_flight=in_flight, **bench.echo_options())
+    return judge(f"instructions of a tracked IQ with {in_flight} in flight", cost, IQ_BOUNDS[in_flight])
+
+
+def main():
+    what, folder = sys.argv[1:]
+    with tempfile.TemporaryDirectory(prefix="qlk-bench-") as work:
+        bench = Bench(folder, work)
+        try:
+            results = [check_iq(bench, in_flight) for in_flight in IQ_BOUNDS] if what == "iq" else [check_stanza(bench, what, stanza) for stanza in STANZAS]
+        finally:
+            bench.close()
+    return 0 if all(results) else 1
+
+
+sys.exit(main())
