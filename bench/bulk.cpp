@@ -61,6 +61,11 @@ long memory_kib(const char *field) {
   return 0;
 }
 
+std::string make_request(const Target &target) {
+  return "<bulkRequest xmlns='http://quillon.internal/quillon' records='" + target.records + "' recordSize='" +
+         std::to_string(kRecordBytes) + "'/>";
+}
+
 // ---- curl alone
 
 size_t count_bytes(char *, size_t size, size_t count, void *bytes) {
@@ -85,8 +90,7 @@ void XMLCALL ignore_text(void *, const XML_Char *, int) {}
 
 bool perform(const Target &target, curl_write_callback callback, void *arg) {
   CURL *const handle = curl_easy_init();
-  const std::string body = "<bulkRequest xmlns=\"http://quillon.internal/quillon\" records=\"" + target.records +
-                           "\" recordSize=\"" + std::to_string(kRecordBytes) + "\"/>";
+  const std::string body = make_request(target);
   const std::string user = std::string("user:") + kUser + "@" + target.domain;
   curl_slist *const headers = curl_slist_append(curl_slist_append(nullptr, "Content-Type: application/xml"), user.c_str());
   curl_easy_setopt(handle, CURLOPT_URL, target.url.c_str());
@@ -120,8 +124,7 @@ bool to_expat(const Target &target, Result &result) {
 
 bool item_by_item(const Target &target, Result &result) {
   wb_dom_node *request = nullptr;
-  const std::string xml = "<bulkRequest xmlns=\"http://quillon.internal/quillon\" records=\"" + target.records +
-                          "\" recordSize=\"" + std::to_string(kRecordBytes) + "\"/>";
+  const std::string xml = make_request(target);
   quillon_config *config = nullptr;
   quillon_bulkdownload *bulkdownload = nullptr;
   quillon_config_create(&config);

@@ -177,7 +177,7 @@ TEST_F(GridBulkTest, BrokenOffFiftyTimesTheServiceGoesOn) {
   std::mt19937 random(20260102);
   const auto cycle = [&] {
     download.open(random() % 4 == 0 ? "records='1' delayMilliseconds='600000'" : "records='1000000000'");
-    if (random() % 2 == 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));  // any moment will do
+    if (random() % 2 == 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));  // Delay: any moment will do
     ASSERT_EQ(kOk, quillon_bulkdownload_close(download.bulk));
   };
   for (int i = 0; i < 5; ++i) ASSERT_NO_FATAL_FAILURE(cycle());

@@ -38,25 +38,23 @@ std::vector<CURLoption> options_set;
 
 }  // namespace
 
+// The option is an int here, as it is where the arguments are read: an enumeration may be promoted on the way.
 extern "C" {
 
-CURLcode __real_curl_easy_setopt(CURL *handle, CURLoption option, ...);
+CURLcode __real_curl_easy_setopt(CURL *handle, int option, ...);
 
-CURLcode __wrap_curl_easy_setopt(CURL *handle, CURLoption option, ...);
+CURLcode __wrap_curl_easy_setopt(CURL *handle, int option, ...);
 
-CURLcode __wrap_curl_easy_setopt(CURL *handle, CURLoption option, ...) {
+CURLcode __wrap_curl_easy_setopt(CURL *handle, int option, ...) {
   {
     const std::lock_guard lock(options_mutex);
-    options_set.push_back(option);
+    options_set.push_back(static_cast<CURLoption>(option));
   }
   va_list args;
   va_start(args, option);
-  CURLcode code;
-  if (option < CURLOPTTYPE_OBJECTPOINT) {
-    code = __real_curl_easy_setopt(handle, option, va_arg(args, long));
-  } else {
-    code = __real_curl_easy_setopt(handle, option, va_arg(args, void *));
-  }
+  const bool is_number = option < CURLOPTTYPE_OBJECTPOINT;
+  const CURLcode code = is_number ? __real_curl_easy_setopt(handle, option, va_arg(args, long))
+                                  : __real_curl_easy_setopt(handle, option, va_arg(args, void *));
   va_end(args);
   return code;
 }
@@ -254,7 +252,7 @@ TEST_F(BulkTest, BrokenOffFiftyTimesNothingStays) {
     ASSERT_EQ(kOk, quillon_bulkdownload_open(bulk.get()));
     const auto how = random() % 3;
     const auto time = std::chrono::microseconds(random() % 20000);
-    if (how == 0) std::this_thread::sleep_for(time);  // any moment will do: nothing is waited for
+    if (how == 0) std::this_thread::sleep_for(time);  // Delay: any moment will do
     if (how == 1) {
       const unsigned connections = peer->connections();
       wait_for([&] { return peer->connections() > connections; }, std::chrono::milliseconds(100));
@@ -314,9 +312,9 @@ TEST_F(BulkTest, OtherUsersOfCurlAreNotDisturbed) {
 
 TEST_F(BulkTest, SeveralAtOnce) {
   const auto peer = make_peer({"<r><c>", "<i>1</i><i>2</i>", "<i>3</i>", "</c></r>"});
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
+  std::thread threads[4];
+  for (std::thread &thread : threads) {
+    thread = std::thread([&] {
       for (int i = 0; i < 5; ++i) EXPECT_EQ(4u, read_all(open_bulk(peer->url())).size());
     });
   }
