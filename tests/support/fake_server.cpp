@@ -220,9 +220,9 @@ void FakeServer::Session::drain() {
   throw Ended();
 }
 
-void FakeServer::Session::act(Stage stage) {
-  const auto found = server_.options_.faults.find(stage);
-  if (found == server_.options_.faults.end()) return;
+void FakeServer::Session::act(const std::map<Stage, Fault> &faults, Stage stage) {
+  const auto found = faults.find(stage);
+  if (found == faults.end()) return;
   const Fault &fault = found->second;
   std::string text = fault.text;
   if (const size_t at = text.find("{host}"); at != std::string::npos) text.replace(at, 6, server_.host());
@@ -267,13 +267,14 @@ XmlStream::Item FakeServer::Session::next() {
 Element FakeServer::Session::next_stanza() {
   XmlStream::Item item = next();
   if (item.kind == XmlStream::Item::Kind::stanza) return std::move(item.element);
+  if (is_bound_) ++server_.closed_streams_;
   if (server_.options_.closes_streams) close();
   drain();
   return {};
 }
 
 // Reads the client's head and answers it.
-void FakeServer::Session::open_stream(const std::string &features) {
+void FakeServer::Session::open_stream(const std::string &features, Stage request) {
   const XmlStream::Item opening = next();
   if (opening.kind != XmlStream::Item::Kind::head) throw Ended();
   user_ = opening.element.attribute("from");
@@ -281,12 +282,8 @@ void FakeServer::Session::open_stream(const std::string &features) {
       "<?xml version='1.0'?><stream:stream xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams' id='s1' "
       "version='1.0' xml:lang='en' from='" +
       escape_xml(server_.options_.domain) + "'>";
-  if (server_.options_.refuses_pipelining && !stream_->empty()) {
-    send(head + "<stream:error><bad-format xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error></stream:stream>");
-    socket_.finish();
-    drain();
-  }
   send(head);
+  if (!stream_->empty()) act(server_.options_.faults_ahead, request);
   if (!features.empty()) send(stream_features(features));
 }
 
@@ -299,7 +296,7 @@ void FakeServer::Session::negotiate() {
 void FakeServer::Session::secure() {
   const Options &options = server_.options_;
   act(Stage::head);
-  open_stream("");
+  open_stream("", Stage::proceed);
   act(Stage::features);
   send(stream_features(options.offers_starttls ? std::string("<starttls xmlns='") + kTls + "'><required/></starttls>" : ""));
   if (!next_stanza().is("starttls", kTls)) throw Ended();
@@ -322,7 +319,7 @@ void FakeServer::Session::authenticate() {
   const Options &options = server_.options_;
   std::string mechanisms;
   for (const std::string &mechanism : options.mechanisms) mechanisms += "<mechanism>" + mechanism + "</mechanism>";
-  open_stream(std::string("<mechanisms xmlns='") + kSasl + "'>" + mechanisms + "</mechanisms>");
+  open_stream(std::string("<mechanisms xmlns='") + kSasl + "'>" + mechanisms + "</mechanisms>", Stage::sasl);
   for (;;) {
     const Element auth = next_stanza();
     if (!auth.is("auth", kSasl)) throw Ended();
@@ -345,7 +342,7 @@ void FakeServer::Session::authenticate() {
         continue;
       }
     }
-    send(std::string("<success xmlns='") + kSasl + "'/>");
+    send(std::string("<success xmlns='") + kSasl + "'>" + options.success_data + "</success>");
     stream_ = std::make_unique<XmlStream>();
     return;
   }
@@ -354,11 +351,13 @@ void FakeServer::Session::authenticate() {
 void FakeServer::Session::bind() {
   const Options &options = server_.options_;
   std::string features = options.offers_bind ? std::string("<bind xmlns='") + kBind + "'/>" : "<other xmlns='urn:test:other'/>";
-  if (options.max_bytes != 0) {
-    features +=
-        "<limits xmlns='urn:xmpp:stream-limits:0'><max-bytes>" + std::to_string(options.max_bytes) + "</max-bytes></limits>";
+  if (options.max_bytes != 0 || options.idle_seconds != 0) {
+    features += "<limits xmlns='urn:xmpp:stream-limits:0'>";
+    if (options.max_bytes != 0) features += "<max-bytes>" + std::to_string(options.max_bytes) + "</max-bytes>";
+    if (options.idle_seconds != 0) features += "<idle-seconds>" + std::to_string(options.idle_seconds) + "</idle-seconds>";
+    features += "</limits>";
   }
-  open_stream(features);
+  open_stream(features, Stage::bind);
   const Element iq = next_stanza();
   const Element *wish = iq.child("bind");
   if (!iq.is("iq", "jabber:client") || wish == nullptr) throw Ended();

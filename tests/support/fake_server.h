@@ -62,13 +62,16 @@ class FakeServer {
     bool offers_bind = true;
     std::string bind_error;     // the condition that binding is answered with
     std::string bound_jid;      // instead of the one that was asked for
+    std::string success_data;   // in base64: added to the success
     size_t max_bytes = 0;       // announced as the limit of a stanza
+    unsigned idle_seconds = 0;  // announced as the limit of silence
     int max_tls_version = 0;    // 0: the newest
     std::string after_proceed;  // sent together with proceed, in plain
     bool byte_by_byte = false;
-    bool refuses_pipelining = false;  // a request that comes together with the stream head is answered with bad-format
-    bool closes_streams = true;       // answers the client's closing tag
-    bool answers_pings = true;        // those that go to the server
+    // What it does, after its own head, about a request that came together with the client's: at proceed, sasl and bind.
+    std::map<Stage, Fault> faults_ahead;
+    bool closes_streams = true;  // answers the client's closing tag
+    bool answers_pings = true;   // those that go to the server
 
     bool small_window = false;  // a client that sends faster than the server reads soon has to wait
 
@@ -104,12 +107,13 @@ class FakeServer {
   void resume_reading();
 
   unsigned connections() const { return connections_; }
-  unsigned established() const { return established_; }  // how often a client was bound
-  std::string server_name() const;                       // the last that a client asked for in TLS
-  std::string tls_version() const;                       // the last that was agreed on
-  std::string initial_response() const;                  // the last of SASL, as it was sent
-  unsigned flights() const { return flights_; }          // of the client until it was last bound
-  unsigned records() const;                              // TLS records with stanzas, of all connections
+  unsigned established() const { return established_; }        // how often a client was bound
+  unsigned closed_streams() const { return closed_streams_; }  // how often a bound client closed its stream
+  std::string server_name() const;                             // the last that a client asked for in TLS
+  std::string tls_version() const;                             // the last that was agreed on
+  std::string initial_response() const;                        // the last of SASL, as it was sent
+  unsigned flights() const { return flights_; }                // of the client until it was last bound
+  unsigned records() const;                                    // TLS records with stanzas, of all connections
 
  private:
   void accept_clients();
@@ -119,7 +123,7 @@ class FakeServer {
   int listener_ = -1;
   unsigned port_ = 0;
   SslContextPtr tls_;
-  std::atomic<unsigned> connections_ = 0, established_ = 0, flights_ = 0;
+  std::atomic<unsigned> connections_ = 0, established_ = 0, flights_ = 0, closed_streams_ = 0;
   std::atomic<bool> reading_ = true;
 
   mutable std::mutex mutex_;
@@ -154,14 +158,15 @@ class FakeServer::Session {
 
   void run();
   void negotiate();
-  void open_stream(const std::string &features);
+  void open_stream(const std::string &features, Stage request);
   void secure();
   void authenticate();
   void bind();
   void serve();
   XmlStream::Item next();
   Element next_stanza();
-  void act(Stage stage);
+  void act(const std::map<Stage, Fault> &faults, Stage stage);
+  void act(Stage stage) { act(server_.options_.faults, stage); }
   void drain();
   void on_stanza(const Element &stanza);
 

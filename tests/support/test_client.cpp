@@ -27,7 +27,8 @@ bool begin_mechanism(wb_sasl_mech_instance *, wb_htable *, wb_err *) { return tr
 
 bool say_user(wb_sasl_mech_instance *instance, uint8_t *, size_t, wb_sasl_complete complete, wb_err *) {
   char *user = wb_data_strdup("user");
-  complete(instance, reinterpret_cast<uint8_t *>(user), std::strlen(user), true, true, WB_SASL_ERR_NONE);
+  complete(instance, reinterpret_cast<uint8_t *>(user), user != nullptr ? std::strlen(user) : 0, true, true,
+           user != nullptr ? WB_SASL_ERR_NONE : WB_SASL_ERR_ABORTED);
   return true;
 }
 
@@ -102,10 +103,11 @@ struct TestClient::Tracked {
 
 TestClient::TestClient(ClientSettings settings) : settings_(std::move(settings)) {
   require(wb_sasl_factory_create(nullptr, &factory_, nullptr), "no SASL factory");
-  const wb_sasl_mech_functions functions{begin_mechanism, nullptr, say_user, nullptr};
+  static constexpr wb_sasl_mech_functions kFunctions{begin_mechanism, nullptr, say_user, nullptr};
+  const wb_sasl_mech_functions *functions = settings_.mechanism != nullptr ? settings_.mechanism : &kFunctions;
   for (const std::string &name : settings_.mechanisms) {
     wb_sasl_mech *mechanism = nullptr;
-    require(wb_sasl_mech_create(name.c_str(), &functions, &mechanism, nullptr) &&
+    require(wb_sasl_mech_create(name.c_str(), functions, &mechanism, nullptr) &&
                 wb_sasl_factory_add_mech(factory_, mechanism, nullptr),
             "no SASL mechanism");
   }
@@ -126,6 +128,7 @@ TestClient::TestClient(ClientSettings settings) : settings_(std::move(settings))
   wb_client *client = nullptr;
   require(wb_client_create(loop_.queue(), &client, nullptr), "no client");
   client_ = client;
+  if (!settings_.records) return;
   for (const char *name : kEvents) require(wb_event_bind(wb_client_event(client, name), on_event, this, nullptr), name);
 }
 

@@ -44,11 +44,13 @@ class LoopThread {
 struct ClientSettings {
   std::string domain = "grid.test";
   std::string user_jid = "user@grid.test/qlk";
-  Credentials certificate;  // of the client
-  std::string authority;    // a file: whom it trusts; "": it does not verify
+  Credentials certificate;                                 // of the client
+  std::string authority;                                   // a file: whom it trusts; "": it does not verify
   std::function<void(wb_tls_session *session)> on_accept;  // asked about a server that was not verified; empty: accepts it
   std::vector<std::string> mechanisms = {"EXTERNAL"};
-  std::map<std::string, std::string> table;  // further entries of the configuration
+  const wb_sasl_mech_functions *mechanism = nullptr;  // what they do; nullptr: name the user
+  bool records = true;                                // false: the events are for functions that the test binds
+  std::map<std::string, std::string> table;           // further entries of the configuration
 };
 
 class TestClient {

@@ -1,6 +1,8 @@
 // A session that works: what it takes to come up, answers to IQs, what is sent and what is refused, and its end by the
 // application.
+#include <event2/event.h>
 #include <openssl/ssl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -63,7 +65,6 @@ const PeculiarCase kPeculiarCases[] = {
        options.mechanisms = {"SCRAM-SHA-1", "EXTERNAL", "PLAIN"};
      }},
     {"OnlyTheSecondMechanism", [](auto &options) { options.mechanisms = {"SECOND"}; }, 1, {"EXTERNAL", "SECOND"}},
-    {"NoPipelining", [](auto &options) { options.refuses_pipelining = true; }, 2},
     {"WordsInPlainAfterProceed",
      [](auto &options) {
        options.after_proceed = "<stream:features><mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/></stream:features>";
@@ -90,6 +91,59 @@ TEST_P(ClientPeculiar, ComesUpAllTheSame) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, ClientPeculiar, testing::ValuesIn(kPeculiarCases),
+                         [](const auto &test) { return test.param.name; });
+
+// ---- Servers that take what comes together for a mistake
+
+struct AheadCase {
+  std::string name;
+  Stage stage;  // what they do not want to be asked ahead
+  Fault fault;
+};
+
+void PrintTo(const AheadCase &one, std::ostream *out) { *out << one.name; }
+
+std::vector<AheadCase> all_ahead_cases() {
+  using Kind = Fault::Kind;
+  const std::pair<const char *, Stage> stages[] = {{"StartTls", Stage::proceed}, {"Sasl", Stage::sasl}, {"Bind", Stage::bind}};
+  const std::pair<const char *, Fault> faults[] = {
+      {"Close", {Kind::close, ""}},
+      {"Reset", {Kind::reset, ""}},
+      {"EndOfStream", {Kind::send_and_stay, "</stream:stream>"}},
+      {"BadFormat",
+       {Kind::send_and_close,
+        "<stream:error><bad-format xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error></stream:stream>"}},
+      {"PolicyViolation",
+       {Kind::send_and_stay, "<stream:error><policy-violation xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>"}},
+      {"Silence", {Kind::silent, ""}},
+  };
+  std::vector<AheadCase> cases;
+  for (const auto &[stage_name, stage] : stages) {
+    for (const auto &[fault_name, fault] : faults) cases.push_back({std::string(stage_name) + fault_name, stage, fault});
+  }
+  return cases;
+}
+
+class ClientAhead : public testing::TestWithParam<AheadCase> {};
+
+// They are asked once more, step by step; from then on at once so.
+TEST_P(ClientAhead, GoesStepByStepWhereItMust) {
+  FakeServer::Options options = server_options();
+  options.faults_ahead[GetParam().stage] = GetParam().fault;
+  const FakeServer server(std::move(options));
+  const FakeServer other(server_options());
+  TestClient client(client_settings({{"connect_timeout_seconds", "12"}}));
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  ASSERT_NO_FATAL_FAILURE(exchange_all(client));
+  EXPECT_EQ(2u, server.connections());
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  EXPECT_EQ(3u, server.connections());
+  EXPECT_EQ(7u, server.flights());
+  ASSERT_NO_FATAL_FAILURE(establish(client, other));
+  EXPECT_EQ(4u, other.flights());
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, ClientAhead, testing::ValuesIn(all_ahead_cases()),
                          [](const auto &test) { return test.param.name; });
 
 TEST(ClientSession, GoesWhereItIsSent) {
@@ -155,6 +209,93 @@ TEST(ClientSession, ConnectsAgainAfterTheCountdown) {
   EXPECT_EQ((Records{kConnected, "disconnected", "reconnect 1 1", "reconnect 2 0", kConnected, "disconnected", "reconnect 1 1",
                      "reconnect 0 0"}),
             client.records());
+}
+
+TEST(ClientSession, EventsNameTheClientAsTheirSource) {
+  FakeServer server(server_options());
+  TestClient client(client_settings({{"client_reconnect_countdown", "60"}}));
+  std::atomic<size_t> events = 0, from_client = 0;
+  client.set_hook([&](const std::string &, wb_event_data *event) {
+    if (event == nullptr) return;
+    ++events;
+    if (event->source == client.client()) ++from_client;
+  });
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  server.send_to_all("<message id='a'/><presence id='a'/><iq type='get' id='a'><grid xmlns='quillon'/></iq>");
+  ASSERT_TRUE(client.wait_for("iq a")) << client.all();
+  server.close_all();
+  ASSERT_TRUE(client.wait_for("reconnect")) << client.all();
+  EXPECT_EQ(6u, events);
+  EXPECT_EQ(events, from_client);
+}
+
+// A mechanism of two steps: the server's last word comes with its success.
+TEST(ClientSession, TheMechanismSeesWhatComesWithSuccess) {
+  const wb_sasl_mech_functions functions{
+      [](wb_sasl_mech_instance *, wb_htable *, wb_err *) { return true; }, nullptr,
+      [](wb_sasl_mech_instance *instance, uint8_t *, size_t, wb_sasl_complete complete, wb_err *) {
+        complete(instance, nullptr, 0, false, false, WB_SASL_ERR_NONE);
+        return true;
+      },
+      [](wb_sasl_mech_instance *instance, uint8_t *in, size_t length, wb_sasl_complete complete, wb_err *) {
+        const bool proved = std::string(reinterpret_cast<const char *>(in), length) == "proof";
+        complete(instance, nullptr, 0, false, proved, proved ? WB_SASL_ERR_NONE : WB_SASL_ERR_NOT_AUTHORIZED);
+        return true;
+      }};
+  for (const auto &[data, end] :
+       {std::pair("cHJvb2Y=", "connected"), std::pair("bGll", "disconnected"), std::pair("", "disconnected")}) {
+    FakeServer::Options options = server_options();
+    options.success_data = data;
+    const FakeServer server(std::move(options));
+    test_support::ClientSettings settings = client_settings();
+    settings.mechanism = &functions;
+    TestClient client(std::move(settings));
+    ASSERT_TRUE(client.connect(server.host()));
+    ASSERT_TRUE(client.wait_for(end)) << data << ": " << client.all();
+  }
+}
+
+// ---- Fairness
+
+// Level-triggered and always ready: it runs once in each pass of a base.
+class PassCounter {
+ public:
+  PassCounter(event_base *base, std::function<void()> run) : run_(std::move(run)) {
+    EXPECT_EQ(0, pipe(ends_));
+    EXPECT_EQ(1, write(ends_[1], "x", 1));
+    event_ = event_new(
+        base, ends_[0], EV_READ | EV_PERSIST, [](int, short, void *arg) { static_cast<PassCounter *>(arg)->run_(); }, this);
+    event_add(event_, nullptr);
+  }
+  ~PassCounter() {
+    event_free(event_);
+    close(ends_[0]);
+    close(ends_[1]);
+  }
+  PassCounter(const PassCounter &) = delete;
+  PassCounter &operator=(const PassCounter &) = delete;
+
+ private:
+  const std::function<void()> run_;
+  int ends_[2];
+  event *event_;
+};
+
+TEST(ClientFairness, APeerThatKeepsSendingLetsOthersHaveTheirTurn) {
+  constexpr size_t kBody = 8000, kMessages = 2000;
+  FakeServer server(server_options());
+  TestClient client(client_settings());
+  size_t in_this_pass = 0, most = 0;  // the loop's
+  client.set_hook([&](const std::string &record, wb_event_data *) {
+    if (record.starts_with("message")) most = std::max(most, ++in_this_pass);
+  });
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  std::string flood;
+  for (size_t i = 0; i < kMessages; ++i) flood += "<message id='a'><body>" + std::string(kBody, 'x') + "</body></message>";
+  const PassCounter counter(client.loop().base(), [&] { in_this_pass = 0; });
+  server.send_to_all(flood);
+  ASSERT_TRUE(client.wait_for("message", kMessages)) << client.count("message");
+  client.loop().run([&] { EXPECT_LE(most * kBody, 256u * 1024); });
 }
 
 // ---- Answers
@@ -252,6 +393,8 @@ const ReceivedCase kReceivedCases[] = {
     {"Unknown", "<iq type='get' id='a' from='bob@grid.test/x'><query xmlns='jabber:iq:version'/></iq>", "", "error"},
     {"UnknownSet", "<iq type='set' id='a' from='bob@grid.test/x'><query xmlns='jabber:iq:roster'/></iq>", "", "error"},
     {"Empty", "<iq type='get' id='a' from='bob@grid.test/x'/>", "", "error"},
+    {"NoPingByName", "<iq type='get' id='a' from='bob@grid.test/x'><pong xmlns='urn:xmpp:ping'/></iq>", "", "error"},
+    {"NoPingByType", "<iq type='set' id='a' from='bob@grid.test/x'><ping xmlns='urn:xmpp:ping'/></iq>", "", "error"},
     {"NoNamespace", "<iq type='get' id='a' from='bob@grid.test/x'><ping xmlns=''/></iq>", "", "error"},
     {"Grid", "<iq type='get' id='a' from='bob@grid.test/x'><grid xmlns='quillon' type='request'><b xmlns='urn:b'/></grid></iq>",
      "iq a", ""},
@@ -315,6 +458,25 @@ TEST(ClientSending, IsRefusedWithoutASession) {
   ASSERT_TRUE(client.wait_for("disconnected")) << client.all();
   refused();
   EXPECT_EQ((Records{kConnected, "disconnected"}), client.records());
+}
+
+// From the moment the application ends the session, whatever the server still has to do about it.
+TEST(ClientSending, IsRefusedWhileTheStreamCloses) {
+  FakeServer::Options options = server_options();
+  options.closes_streams = false;
+  const FakeServer server(std::move(options));
+  TestClient client(client_settings());
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  client.disconnect();
+  wb_err err{};
+  EXPECT_FALSE(client.send(message("a"), &err));
+  EXPECT_EQ(WB_ERR_INVALID_STATE, err.code);
+  EXPECT_FALSE(client.track(request(), "question", 1, &err));
+  EXPECT_EQ(WB_ERR_INVALID_STATE, err.code);
+  EXPECT_EQ(Records{kConnected}, client.records());
+  ASSERT_TRUE(client.wait_for("disconnected")) << client.all();
+  EXPECT_EQ((Records{kConnected, "disconnected"}), client.records());
+  EXPECT_EQ(0u, server.stanzas().size());
 }
 
 TEST(ClientSending, ObeysTheLimitThatTheServerAnnounced) {
@@ -457,6 +619,89 @@ TEST(ClientEndByApplication, WritesWhatWaitsBeforeTheEnd) {
   EXPECT_EQ(std::to_string(kStanzas - 1), stanzas.back().attribute("id"));
 }
 
+// ---- Last words behind a backlog
+
+// Sends until the server, which does not read, has no room left and much waits with the client.
+void fill_up(TestClient &client) {
+  bool refused = false;
+  for (size_t sent = 0; !refused && sent < 64u << 20; sent += 16384) {
+    client.loop().run([&] { refused = !client.send(message("filling", std::string(16384, 'x'))); });
+  }
+  ASSERT_TRUE(refused);
+}
+
+struct LastWordsCase {
+  const char *name;
+  std::function<void(FakeServer &, TestClient &)> end;
+  const char *last_word;
+  const char *record = "disconnected";
+};
+
+void PrintTo(const LastWordsCase &one, std::ostream *out) { *out << one.name; }
+
+const LastWordsCase kLastWordsCases[] = {
+    {"ByTheApplication",
+     [](FakeServer &, TestClient &client) {
+       client.loop().run([&] {
+         client.send("<presence xmlns='jabber:client' id='farewell' type='unavailable'/>");
+         wb_client_disconnect(client.client(), WB_ERR_NONE);
+       });
+     },
+     "/stream"},
+    {"StreamClosed", [](FakeServer &server, TestClient &) { server.close_all(); }, "/stream"},
+    {"StreamError",
+     [](FakeServer &server, TestClient &) {
+       server.send_to_all("<stream:error><conflict xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>");
+     },
+     "/stream", "disconnected conflict"},
+    {"NoXml", [](FakeServer &server, TestClient &) { server.send_to_all("<<"); }, "error"},
+};
+
+class ClientLastWords : public testing::TestWithParam<LastWordsCase> {};
+
+TEST_P(ClientLastWords, AreWrittenBehindABacklog) {
+  FakeServer::Options options = server_options();
+  options.small_window = true;
+  FakeServer server(std::move(options));
+  TestClient client(client_settings({{"max_queue_bytes", "65536"}}));
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  server.stop_reading();
+  ASSERT_NO_FATAL_FAILURE(fill_up(client));
+  GetParam().end(server, client);
+  // The end has begun: nothing is taken any more, for want of a session and not of room.
+  ASSERT_TRUE(test_support::wait_for([&] {
+    wb_err err{};
+    return !client.send(message("late"), &err) && err.code == WB_ERR_INVALID_STATE;
+  }));
+  server.resume_reading();
+  ASSERT_TRUE(client.wait_for(GetParam().record)) << client.all();
+  const std::string last = GetParam().last_word;
+  if (last == "/stream") {
+    EXPECT_TRUE(test_support::wait_for([&] { return server.closed_streams() == 1; }));
+  } else {
+    EXPECT_TRUE(server.wait_for_stanza([&](const Element &stanza) { return stanza.name == last; }));
+  }
+  EXPECT_EQ((Records{kConnected, GetParam().record}), client.records());
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, ClientLastWords, testing::ValuesIn(kLastWordsCases),
+                         [](const auto &test) { return test.param.name; });
+
+// A server that reads nothing at all is not waited for.
+TEST(ClientEndByApplication, GivesUpWhatCannotBeWritten) {
+  FakeServer::Options options = server_options();
+  options.small_window = true;
+  FakeServer server(std::move(options));
+  TestClient client(client_settings({{"max_queue_bytes", "65536"}}));
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  server.stop_reading();
+  ASSERT_NO_FATAL_FAILURE(fill_up(client));
+  client.disconnect();
+  ASSERT_TRUE(client.wait_for("disconnected")) << client.all();
+  server.resume_reading();
+  EXPECT_EQ((Records{kConnected, "disconnected"}), client.records());
+}
+
 // ---- Destroying
 
 class ClientDestroyed : public testing::TestWithParam<const char *> {};
@@ -504,6 +749,23 @@ INSTANTIATE_TEST_SUITE_P(Callbacks, ClientDestroyed,
                          [](const auto &test) {
                            return test.param == kConnected ? std::string("connected") : std::string(test.param);
                          });
+
+TEST(ClientDestroy, FunctionsBoundBehindTheOneThatDestroysAreNotCalled) {
+  FakeServer server(server_options());
+  TestClient client(client_settings());
+  std::atomic<int> called = 0;
+  ASSERT_TRUE(wb_event_bind(
+      wb_client_event(client.client(), "messageReceived"),
+      [](wb_event_data *, void *arg) { ++*static_cast<std::atomic<int> *>(arg); }, &called, nullptr));
+  client.set_hook([&](const std::string &record, wb_event_data *) {
+    if (record == "message second") client.destroy();
+  });
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  server.send_to_all("<message id='first'/><message id='second'/>");
+  ASSERT_TRUE(client.wait_for("message second")) << client.all();
+  client.loop().run([] {});
+  EXPECT_EQ(1, called);
+}
 
 TEST(ClientDestroy, FromAnotherThreadAtAnyTime) {
   FakeServer::Options options = server_options();

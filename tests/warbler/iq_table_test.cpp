@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <set>
+#include <vector>
+
+#include "oom.h"
 
 using namespace std::chrono_literals;
 
@@ -12,6 +17,12 @@ void ignore(wb_dom_node *, void *) {}
 
 wb::TrackedIq numbered(uintptr_t number) { return {ignore, reinterpret_cast<void *>(number)}; }
 uintptr_t number_of(const wb::TrackedIq &iq) { return reinterpret_cast<uintptr_t>(iq.arg); }
+
+std::vector<uintptr_t> take_expired(wb::IqTable &table, wb::IqTable::Clock::time_point now) {
+  std::vector<uintptr_t> numbers;
+  for (wb::TrackedIq iq{}; table.take_expired(now, iq);) numbers.push_back(number_of(iq));
+  return numbers;
+}
 
 constexpr char kOwn[] = "alice@grid/qlk";
 
@@ -74,12 +85,9 @@ TEST(IqTable, ExpiryGoesByDeadlineAcrossDifferentTimeouts) {
   table.add(table.make_id(), "b@g/r", numbered(3), 30s);
   table.add(table.make_id(), "b@g/r", numbered(4), 20s);
   EXPECT_LE(table.next_deadline(), now + 11s);
-  EXPECT_TRUE(table.take_expired(now + 9s).empty());
-  const auto expired = table.take_expired(now + 25s);
-  ASSERT_EQ(2u, expired.size());
-  EXPECT_EQ(2u, number_of(expired[0]));
-  EXPECT_EQ(4u, number_of(expired[1]));
-  EXPECT_EQ(2u, table.take_expired(now + 60s).size());
+  EXPECT_TRUE(take_expired(table, now + 9s).empty());
+  EXPECT_EQ((std::vector<uintptr_t>{2, 4}), take_expired(table, now + 25s));
+  EXPECT_EQ((std::vector<uintptr_t>{1, 3}), take_expired(table, now + 60s));
   EXPECT_TRUE(table.empty());
 }
 
@@ -92,10 +100,47 @@ TEST(IqTable, RemovingFromTheMiddleKeepsTheOrder) {
   }
   wb::TrackedIq iq{};
   for (const size_t i : {size_t{0}, size_t{50}, size_t{99}, size_t{51}}) ASSERT_TRUE(table.take(ids[i], "b@g/r", kOwn, iq));
-  const auto expired = table.take_expired(wb::IqTable::Clock::now() + 11s);
+  const std::vector<uintptr_t> expired = take_expired(table, wb::IqTable::Clock::now() + 11s);
   ASSERT_EQ(96u, expired.size());
-  for (size_t i = 1; i < expired.size(); ++i) EXPECT_LT(number_of(expired[i - 1]), number_of(expired[i]));
+  EXPECT_TRUE(std::is_sorted(expired.begin(), expired.end()));
 }
+
+#if QLK_HAS_OOM
+// However little memory there is, each IQ is taken out once.
+TEST(IqTable, TakingOutNeedsNoMemory) {
+  constexpr uintptr_t kIqs = 1000;  // so many that the table shrinks on the way
+  const auto by_answer = [](wb::IqTable &table, std::vector<std::string> &ids, wb::TrackedIq &iq) {
+    if (ids.empty()) return false;
+    EXPECT_TRUE(table.take(ids.back(), "b@g/r", kOwn, iq));
+    ids.pop_back();
+    return true;
+  };
+  const auto by_expiry = [](wb::IqTable &table, std::vector<std::string> &, wb::TrackedIq &iq) {
+    return table.take_expired(wb::IqTable::Clock::now() + 11s, iq);
+  };
+  const auto any = [](wb::IqTable &table, std::vector<std::string> &, wb::TrackedIq &iq) { return table.take_any(iq); };
+  using Take = std::function<bool(wb::IqTable &, std::vector<std::string> &, wb::TrackedIq &)>;
+  for (const Take &take_one : {Take(by_answer), Take(by_expiry), Take(any)}) {
+    wb::IqTable table;
+    std::vector<std::string> ids;
+    for (uintptr_t i = 0; i < kIqs; ++i) {
+      ids.push_back(table.make_id());
+      table.add(ids.back(), "b@g/r", numbered(i), 10s);
+    }
+    std::set<uintptr_t> taken;
+    for (;;) {
+      wb::TrackedIq iq{};
+      {
+        const oom::FailNth failing(1);
+        if (!take_one(table, ids, iq)) break;
+      }
+      EXPECT_TRUE(taken.insert(number_of(iq)).second);
+    }
+    EXPECT_EQ(kIqs, taken.size());
+    EXPECT_TRUE(table.empty());
+  }
+}
+#endif
 
 TEST(IqTable, IdsDoNotRepeat) {
   wb::IqTable table;

@@ -1,7 +1,8 @@
 #include "channel.h"
 
-#include <warbler/log.h>
+#include <algorithm>
 
+#include "dom_node.h"
 #include "guard.h"
 #include "serializer.h"
 
@@ -10,11 +11,8 @@ namespace wb {
 namespace {
 
 constexpr size_t kBufferBytesKept = 64 * 1024;
-
-struct ContextRelease {
-  wb_dom_ctx *context;
-  ~ContextRelease() { wb_dom_context_destroy(context); }
-};
+// The timer for IQs always waits while the channel is open, for want of a deadline for so long: moving it needs no memory.
+constexpr std::chrono::hours kExpiryIdle{1};
 
 // The stream declares the namespace of stanzas, so they need not.
 constexpr char kStreamNamespace[] = "jabber:client";
@@ -34,6 +32,7 @@ Channel::Channel(event_base *base, const std::shared_ptr<LoopGate> &gate, std::f
 
 void Channel::open(std::string own_jid, size_t stanza_bytes_max, size_t queue_bytes_max) {
   const std::lock_guard lock(mutex_);
+  arm_expiry_locked(Clock::now() + kExpiryIdle);
   own_jid_ = std::move(own_jid);
   stanza_bytes_max_ = stanza_bytes_max;
   queue_bytes_max_ = queue_bytes_max;
@@ -42,12 +41,21 @@ void Channel::open(std::string own_jid, size_t stanza_bytes_max, size_t queue_by
   open_ = true;
 }
 
-std::vector<TrackedIq> Channel::close() {
+void Channel::refuse() {
+  const std::lock_guard lock(mutex_);
+  open_ = false;
+}
+
+void Channel::close() {
   const std::lock_guard lock(mutex_);
   open_ = false;
   bytes_.clear();
   bytes_.shrink_to_fit();
-  return iqs_.take_all();
+}
+
+bool Channel::take_unanswered(TrackedIq &iq) {
+  const std::lock_guard lock(mutex_);
+  return iqs_.take_any(iq);
 }
 
 bool Channel::admit_locked(size_t bytes, wb_err *err) const {
@@ -60,25 +68,25 @@ bool Channel::admit_locked(size_t bytes, wb_err *err) const {
   return true;
 }
 
-void Channel::append_locked(std::string_view bytes) {
-  bytes_.append(bytes);
+void Channel::wake_loop_locked() {
   if (wanted_scheduled_) return;
+  wanted_.add_for_next_pass();
   wanted_scheduled_ = true;
-  wanted_.activate();
 }
 
 bool Channel::send(wb_dom_node *stanza, wb_err *err) {
-  const ContextRelease release{wb_dom_get_context(stanza)};
+  const ContextRef consumed(wb_dom_get_context(stanza));
   ByteBuffer bytes;
   if (!serialize(stanza, kStreamNamespace, bytes, err)) return false;
   const std::lock_guard lock(mutex_);
   if (!admit_locked(bytes.size(), err)) return false;
-  append_locked(bytes.view());
+  wake_loop_locked();
+  bytes_.append(bytes.view());
   return true;
 }
 
 bool Channel::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err) {
-  const ContextRelease release{wb_dom_get_context(iq)};
+  const ContextRef consumed(wb_dom_get_context(iq));
   std::string id;
   {
     const std::lock_guard lock(mutex_);
@@ -91,11 +99,12 @@ bool Channel::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds tim
   const char *to = wb_dom_get_attribute(iq, "to");
   const std::lock_guard lock(mutex_);
   if (!admit_locked(bytes.size(), err)) return false;
-  // Room first, so that an IQ is either tracked and written or neither.
+  // What may fail comes first, so that an IQ is either tracked and written or neither.
   bytes_.reserve(bytes_.size() + bytes.size() > bytes_.capacity() ? 2 * (bytes_.size() + bytes.size()) : 0);
+  wake_loop_locked();
+  arm_expiry_locked(Clock::now() + timeout);
   iqs_.add(id, to != nullptr ? to : "", tracked, timeout);
-  append_locked(bytes.view());
-  arm_expiry_locked();
+  bytes_.append(bytes.view());
   return true;
 }
 
@@ -116,6 +125,7 @@ void Channel::take(std::string &bytes) {
   const std::lock_guard lock(mutex_);
   if (bytes.capacity() > kBufferBytesKept) bytes = std::string();
   bytes.swap(bytes_);
+  backlog_ += bytes.size();
 }
 
 void Channel::set_backlog(size_t bytes) {
@@ -125,23 +135,27 @@ void Channel::set_backlog(size_t bytes) {
 
 // The timer is touched only when the earliest deadline moves forward: with one time-out in use, once a time-out and not once a
 // request.
-void Channel::arm_expiry_locked() {
-  if (iqs_.empty()) return;
-  const auto next = iqs_.next_deadline();
-  if (next >= expiry_armed_) return;
-  expiry_armed_ = next;
-  expiry_.add(std::chrono::ceil<std::chrono::milliseconds>(next - IqTable::Clock::now()));
+void Channel::arm_expiry_locked(Clock::time_point deadline) {
+  if (deadline >= expiry_armed_) return;
+  expiry_.add(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()));
+  expiry_armed_ = deadline;
 }
 
 void Channel::on_expiry() {
-  std::vector<TrackedIq> expired;
-  {
-    const std::lock_guard lock(mutex_);
-    expiry_armed_ = IqTable::Clock::time_point::max();
-    expired = iqs_.take_expired(IqTable::Clock::now());
-    arm_expiry_locked();
+  // Callbacks may track anew, with no time-out at all: that is for the next pass.
+  const Clock::time_point now = Clock::now();
+  for (;;) {
+    TrackedIq expired{};
+    {
+      const std::lock_guard lock(mutex_);
+      if (!iqs_.take_expired(now, expired)) {
+        expiry_armed_ = Clock::time_point::max();
+        if (open_ || !iqs_.empty()) arm_expiry_locked(std::min(iqs_.next_deadline(), now + kExpiryIdle));
+        return;
+      }
+    }
+    expired.callback(nullptr, expired.arg);
   }
-  for (const TrackedIq &tracked : expired) tracked.callback(nullptr, tracked.arg);
 }
 
 }  // namespace wb

@@ -17,11 +17,14 @@ class Channel {
   // wanted runs on the loop, once for all bytes that came since it last ran; expired runs there with each IQ whose time is over.
   Channel(event_base *base, const std::shared_ptr<LoopGate> &gate, std::function<void()> wanted);
 
-  // On the loop. stanza_bytes_max is the server's limit, 0 for none.
+  // On the loop. stanza_bytes_max is the server's limit, 0 for none. Throws std::bad_alloc.
   void open(std::string own_jid, size_t stanza_bytes_max, size_t queue_bytes_max);
-  // Refuses everything from here on and drops what waits; returns the IQs that will never be answered, for the caller to call
-  // back.
-  std::vector<TrackedIq> close();
+  // Refuses what is sent from here on. What waits can still be taken, and answers find whom they belong to.
+  void refuse();
+  // The same, and drops what waits.
+  void close();
+  // Once it is closed: takes out an IQ that will never be answered, for the caller to call back; false when none is left.
+  bool take_unanswered(TrackedIq &iq);
 
   // Any thread; consume one reference of the stanza's context.
   bool send(wb_dom_node *stanza, wb_err *err);
@@ -29,15 +32,18 @@ class Channel {
 
   // On the loop: hands an answer to whom it belongs. False when nobody waits for it.
   bool answer(wb_dom_node *iq);
-  // On the loop: moves what waits into bytes, which is empty, and tells how much the session has yet to write.
+  // On the loop: moves what waits into bytes, which is empty. It counts as waiting until the session tells how much it has yet to
+  // write.
   void take(std::string &bytes);
   void set_backlog(size_t bytes);
 
  private:
+  using Clock = IqTable::Clock;
+
   bool admit_locked(size_t bytes, wb_err *err) const;
-  void append_locked(std::string_view bytes);
+  void wake_loop_locked();
   void on_expiry();
-  void arm_expiry_locked();
+  void arm_expiry_locked(Clock::time_point deadline);
 
   std::mutex mutex_;
   bool open_ = false;  // all under mutex_
@@ -48,7 +54,7 @@ class Channel {
   std::string bytes_;
   bool wanted_scheduled_ = false;
   IqTable iqs_;
-  IqTable::Clock::time_point expiry_armed_ = IqTable::Clock::time_point::max();
+  Clock::time_point expiry_armed_ = Clock::time_point::max();
 
   LoopEvent wanted_;
   LoopEvent expiry_;

@@ -15,7 +15,7 @@ bool wb_client_create(wb_workq *queue, wb_client **out, wb_err *err) {
     *out = nullptr;
     if (queue == nullptr) return WB_FAIL(err, WB_ERR_INVALID_ARG, "no work queue");
     auto client = std::make_unique<wb_client>();
-    client->core = std::make_shared<wb::ClientCore>(*queue);
+    client->core = std::make_shared<wb::ClientCore>(*queue, client.get());
     *out = client.release();
     return true;
   });

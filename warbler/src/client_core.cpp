@@ -2,6 +2,7 @@
 
 #include <warbler/log.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "guard.h"
@@ -11,6 +12,9 @@
 namespace wb {
 
 namespace {
+
+// So many servers are remembered that want to be asked one step at a time.
+constexpr size_t kServersKept = 16;
 
 // What a connect hands to the loop.
 struct ConnectItem {
@@ -44,19 +48,20 @@ wb_dom_node *grid_child(const wb_dom_node *iq) {
 bool is_ping(const wb_dom_node *iq) {
   const wb_dom_node *child = wb_dom_get_first_child(iq);
   return child != nullptr && std::strcmp(wb_dom_get_namespace_uri(child), ns::kPing) == 0 &&
-         std::strcmp(attribute(iq, "type"), "get") == 0;
+         std::strcmp(wb_dom_get_localname(child), "ping") == 0 && std::strcmp(attribute(iq, "type"), "get") == 0;
 }
 
 }  // namespace
 
-ClientCore::ClientCore(wb_workq &queue)
+ClientCore::ClientCore(wb_workq &queue, wb_client *handle)
     : queue_(queue),
+      handle_(handle),
       events_{wb_event("clientConnected"),  wb_event("clientDisconnected"), wb_event("reconnectStatusChanged"),
               wb_event("presenceReceived"), wb_event("messageReceived"),    wb_event("iqReceived"),
               wb_event("clientDestroyed")},
       channel_(queue.base(), gate_,
                [this] {
-                 if (session_ != nullptr) session_->pump();
+                 if (session_ != nullptr) session_->write_waiting();
                }),
       countdown_(queue.base(), -1, 0, gate_, [this](short) { on_countdown(); }) {}
 
@@ -75,19 +80,21 @@ bool ClientCore::connect(wb_htable *config, wb_err *err) {
   auto item = std::make_unique<ConnectItem>();
   item->core = weak_from_this();
   item->gate = gate_;
-  item->run = [this, options] { start_session(std::move(*options)); };
-  queue_.put(run_connect_item, item.get());
+  item->run = [this, options] {
+    cancel_countdown();
+    if (session_ != nullptr) session_->end(WB_ERR_NONE, "the application connects anew");
+    if (gate_->is_closed()) return;
+    options_ = std::move(*options);
+    start_session();
+  };
+  if (!queue_.put(run_connect_item, item.get())) return WB_FAIL(err, WB_ERR_INVALID_STATE, "the work queue is being destroyed");
   item.release();
   return true;
 }
 
-void ClientCore::start_session(ClientOptions options) {
-  cancel_countdown();
-  if (session_ != nullptr) session_->end(WB_ERR_NONE, "the application connects anew");
-  if (gate_->is_closed()) return;
-  options_ = std::move(options);
+// The application has been told that the attempt began, so it hears of its end whatever happens.
+void ClientCore::start_session() {
   wanted_ = true;
-  // The application has been told that the attempt began, so it hears of its end whatever happens.
   wb_err err{};
   const bool started = guarded(&err, __func__, [&] {
     session_ = std::make_shared<Session>(queue_, gate_, options_, *this);
@@ -97,7 +104,7 @@ void ClientCore::start_session(ClientOptions options) {
   if (started) return;
   wb_log_err(WB_LOG_ERROR, &err, "cannot begin to connect");
   if (session_ != nullptr) return session_->end(WB_ERR_NO_MEMORY, "cannot begin to connect");
-  raise(kDisconnected, nullptr);
+  tell_end(WB_ERR_NO_MEMORY, nullptr);
 }
 
 void ClientCore::disconnect(wb_errcode reason) {
@@ -117,6 +124,7 @@ void ClientCore::destroy() {
     case LoopGate::Closed::within_pass:
       // The objects whose functions are on the stack live until the pass ends.
       gate_->bury(self);
+      for (wb_event &event : events_) event.clear();
       if (session_ != nullptr) session_->abandon();
       gate_->bury(std::move(session_));
       break;
@@ -124,7 +132,23 @@ void ClientCore::destroy() {
       session_.reset();
       break;
   }
-  for (const TrackedIq &tracked : channel_.close()) tracked.callback(nullptr, tracked.arg);
+  channel_.close();
+  call_back_unanswered();
+}
+
+void ClientCore::call_back_unanswered() {
+  TrackedIq tracked{};
+  while (channel_.take_unanswered(tracked)) tracked.callback(nullptr, tracked.arg);
+}
+
+bool ClientCore::goes_step_by_step(const Endpoint &server) const {
+  return std::find(step_by_step_servers_.begin(), step_by_step_servers_.end(), server) != step_by_step_servers_.end();
+}
+
+void ClientCore::remember_step_by_step(const Endpoint &server) {
+  if (goes_step_by_step(server)) return;
+  step_by_step_servers_.push_back(server);
+  if (step_by_step_servers_.size() > kServersKept) step_by_step_servers_.pop_front();
 }
 
 void ClientCore::on_session_up(const std::string &jid, size_t stanza_bytes_max) {
@@ -134,12 +158,17 @@ void ClientCore::on_session_up(const std::string &jid, size_t stanza_bytes_max) 
 
 void ClientCore::on_session_end(wb_errcode reason, wb_dom_node *error) {
   gate_->bury(std::move(session_));
-  const bool lost = wanted_;
-  for (const TrackedIq &tracked : channel_.close()) tracked.callback(nullptr, tracked.arg);
+  channel_.close();
+  call_back_unanswered();
+  tell_end(reason, error);
+}
+
+// Nothing here needs memory, except for what the application's functions do.
+void ClientCore::tell_end(wb_errcode reason, wb_dom_node *error) {
   if (gate_->is_closed()) return;
   raise(kDisconnected, error);
   if (gate_->is_closed() || session_ != nullptr) return;
-  if (lost && reason != WB_ERR_NONE && reason != WB_ERR_NOT_AUTHORIZED) begin_countdown();
+  if (wanted_ && reason != WB_ERR_NONE && reason != WB_ERR_NOT_AUTHORIZED) begin_countdown();
 }
 
 void ClientCore::on_session_stanza(wb_dom_node *stanza) {
@@ -196,8 +225,9 @@ void ClientCore::raise_reconnect(wb_reconnect_status status) {
 
 void ClientCore::begin_countdown() {
   if (options_.reconnect_countdown_seconds == 0) return;
+  if (!countdown_.try_add(std::chrono::seconds(options_.reconnect_countdown_seconds)))
+    return wb_log(WB_LOG_ERROR, "no memory for the countdown to another attempt");
   counting_ = true;
-  countdown_.add(std::chrono::seconds(options_.reconnect_countdown_seconds));
   raise_reconnect(WB_RECONNECT_PENDING);
 }
 
@@ -205,7 +235,7 @@ void ClientCore::on_countdown() {
   if (!counting_) return;
   counting_ = false;
   raise_reconnect(WB_RECONNECT_STARTING);
-  if (!gate_->is_closed() && session_ == nullptr) start_session(options_);
+  if (!gate_->is_closed() && session_ == nullptr) start_session();
 }
 
 void ClientCore::cancel_countdown() {

@@ -4,6 +4,7 @@
 #include <warbler/client.h>
 
 #include <array>
+#include <deque>
 #include <memory>
 
 #include "channel.h"
@@ -12,9 +13,10 @@
 
 namespace wb {
 
-class ClientCore final : public Session::Owner, public std::enable_shared_from_this<ClientCore> {
+class ClientCore final : public Session::Owner, public Buriable, public std::enable_shared_from_this<ClientCore> {
  public:
-  explicit ClientCore(wb_workq &queue);
+  // handle is what events name as their source.
+  ClientCore(wb_workq &queue, wb_client *handle);
   ~ClientCore();
   ClientCore(const ClientCore &) = delete;
   ClientCore &operator=(const ClientCore &) = delete;
@@ -37,21 +39,27 @@ class ClientCore final : public Session::Owner, public std::enable_shared_from_t
   enum EventIndex { kConnected, kDisconnected, kReconnect, kPresence, kMessage, kIq, kDestroyed, kEventCount };
 
   void on_session_up(const std::string &jid, size_t stanza_bytes_max) override;
+  void on_session_leaving() override { channel_.refuse(); }
   void on_session_end(wb_errcode reason, wb_dom_node *error) override;
   void on_session_stanza(wb_dom_node *stanza) override;
   void take_outgoing(std::string &bytes) override { channel_.take(bytes); }
   void set_backlog(size_t bytes) override { channel_.set_backlog(bytes); }
+  bool goes_step_by_step(const Endpoint &server) const override;
+  void remember_step_by_step(const Endpoint &server) override;
 
-  void start_session(ClientOptions options);
+  void start_session();
+  void tell_end(wb_errcode reason, wb_dom_node *error);
+  void call_back_unanswered();
   void on_iq(wb_dom_node *iq);
   void answer_iq(wb_dom_node *iq);
   void begin_countdown();
   void on_countdown();
   void cancel_countdown();
   void raise_reconnect(wb_reconnect_status status);
-  void raise(EventIndex index, void *data) { events_[index].raise(this, data); }
+  void raise(EventIndex index, void *data) { events_[index].raise(handle_, data); }
 
   wb_workq &queue_;
+  wb_client *const handle_;
   const std::shared_ptr<LoopGate> gate_ = std::make_shared<LoopGate>();
   std::array<wb_event, kEventCount> events_;
   Channel channel_;
@@ -59,6 +67,7 @@ class ClientCore final : public Session::Owner, public std::enable_shared_from_t
   bool counting_ = false;
   bool wanted_ = false;    // the application has asked for a session and not for its end
   ClientOptions options_;  // of the last connect
+  std::deque<Endpoint> step_by_step_servers_;
   std::shared_ptr<Session> session_;
 };
 

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "guard.h"
+
 namespace wb {
 
 namespace {
@@ -71,9 +73,14 @@ std::chrono::milliseconds Connector::share() const {
 }
 
 void Connector::report(int fd) {
+  static const std::string kNoAddress = "no address";
   fd_ = -1;
   gate_->bury(std::move(ready_));
-  done_(fd, fd >= 0 ? address_ : failures_.empty() ? "no address" : failures_);
+  done_(fd, fd >= 0 ? address_ : (failures_.empty() ? kNoAddress : failures_));
+}
+
+void Connector::note_failure(int error) {
+  failures_.append(failures_.empty() ? "" : "; ").append(address_).append(": ").append(error_text(error));
 }
 
 void Connector::try_next() {
@@ -85,11 +92,20 @@ void Connector::try_next() {
     int error = 0;
     if (fd_ < 0 || connect(fd_, address.ai_addr, address.ai_addrlen) != 0) error = errno;
     if (error == 0 || error == EINPROGRESS) {
-      ready_ = std::make_shared<LoopEvent>(base_, fd_, EV_WRITE, gate_, [this](short what) { on_ready(what); });
+      ready_ = std::make_shared<LoopEvent>(base_, fd_, EV_WRITE, gate_, [this](short what) {
+        const bool done = guarded(nullptr, __func__, [&] {
+          on_ready(what);
+          return true;
+        });
+        if (done) return;
+        // Memory is out: whoever waits is told now and not by the deadline.
+        drop_socket();
+        report(-1);
+      });
       ready_->add(share());
       return;
     }
-    failures_.append(failures_.empty() ? "" : "; ").append(address_).append(": ").append(error_text(error));
+    note_failure(error);
     drop_socket();
   }
   report(-1);
@@ -102,7 +118,7 @@ void Connector::on_ready(short what) {
     if (getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
   }
   if (error == 0) return report(fd_);
-  failures_.append(failures_.empty() ? "" : "; ").append(address_).append(": ").append(error_text(error));
+  note_failure(error);
   drop_socket();
   try_next();
 }

@@ -6,7 +6,7 @@
 
 namespace wb {
 
-class Connector {
+class Connector final : public Buriable {
  public:
   using Clock = std::chrono::steady_clock;
   // fd is a connected, non-blocking socket for the receiver, or -1 when no address answered; text tells the address, or what
@@ -25,6 +25,7 @@ class Connector {
  private:
   void try_next();
   void on_ready(short what);
+  void note_failure(int error);
   void drop_socket();
   void report(int fd);
   std::chrono::milliseconds share() const;

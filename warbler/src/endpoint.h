@@ -11,6 +11,8 @@ constexpr unsigned kDefaultPort = 5222;
 struct Endpoint {
   std::string host;  // without brackets
   unsigned port = kDefaultPort;
+
+  bool operator==(const Endpoint &) const = default;
 };
 
 // False, with endpoint as it was, when the text is none of the forms.

@@ -2,10 +2,7 @@
 
 #include "guard.h"
 
-wb_event::~wb_event() {
-  const std::lock_guard lock(state_->mutex);
-  for (Binding &binding : state_->bindings) binding.bound = false;
-}
+wb_event::~wb_event() { clear(); }
 
 void wb_event::State::sweep_locked() {
   std::erase_if(bindings, [](const Binding &binding) { return !binding.bound; });
@@ -21,6 +18,12 @@ void wb_event::unbind(wb_event_callback callback) {
   for (Binding &binding : state_->bindings) {
     if (binding.callback == callback) binding.bound = false;
   }
+  if (state_->dispatching == 0) state_->sweep_locked();
+}
+
+void wb_event::clear() {
+  const std::lock_guard lock(state_->mutex);
+  for (Binding &binding : state_->bindings) binding.bound = false;
   if (state_->dispatching == 0) state_->sweep_locked();
 }
 

@@ -17,6 +17,9 @@ struct wb_event {
   void bind(wb_event_callback callback, void *arg);
   void unbind(wb_event_callback callback);
 
+  // Unbinds all.
+  void clear();
+
   // Calls the bound functions in order, with no lock held. A function that was unbound since the dispatch began is not called any
   // more, and the event itself may be destroyed by a function that it calls.
   void raise(void *source, void *data);

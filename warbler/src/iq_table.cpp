@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "guard.h"
 #include "jid.h"
 
 namespace wb {
@@ -65,7 +66,7 @@ void IqTable::add(const std::string &id, std::string_view to, TrackedIq iq, std:
   queue.last = &entry;
 }
 
-TrackedIq IqTable::remove(Entry &entry) {
+TrackedIq IqTable::remove(Entry &entry) noexcept {
   const auto queue = queues_.find(entry.timeout.count());
   (entry.earlier != nullptr ? entry.earlier->later : queue->second.first) = entry.later;
   (entry.later != nullptr ? entry.later->earlier : queue->second.last) = entry.earlier;
@@ -75,9 +76,13 @@ TrackedIq IqTable::remove(Entry &entry) {
   return iq;
 }
 
-// A burst of requests leaves no large table behind.
-void IqTable::shrink() {
-  if (entries_.bucket_count() > kBucketsKept && entries_.size() < entries_.bucket_count() / 8) entries_.rehash(kBucketsKept);
+// A burst of requests leaves no large table behind. Without memory for a smaller one, the large one serves on.
+void IqTable::shrink() noexcept {
+  if (entries_.bucket_count() <= kBucketsKept || entries_.size() >= entries_.bucket_count() / 8) return;
+  guarded(nullptr, __func__, [&] {
+    entries_.rehash(kBucketsKept);
+    return true;
+  });
 }
 
 bool IqTable::take(std::string_view id, std::string_view from, std::string_view own_jid, TrackedIq &iq) {
@@ -90,27 +95,22 @@ bool IqTable::take(std::string_view id, std::string_view from, std::string_view 
   return true;
 }
 
-std::vector<TrackedIq> IqTable::take_expired(Clock::time_point now) {
-  std::vector<Entry *> expired;
+bool IqTable::take_expired(Clock::time_point now, TrackedIq &iq) noexcept {
+  Entry *first = nullptr;
   for (const auto &[timeout, queue] : queues_) {
-    for (Entry *entry = queue.first; entry != nullptr && entry->deadline <= now; entry = entry->later) expired.push_back(entry);
+    if (queue.first != nullptr && (first == nullptr || queue.first->deadline < first->deadline)) first = queue.first;
   }
-  std::sort(expired.begin(), expired.end(), [](const Entry *a, const Entry *b) { return a->deadline < b->deadline; });
-  std::vector<TrackedIq> taken;
-  taken.reserve(expired.size());
-  for (Entry *entry : expired) taken.push_back(remove(*entry));
+  if (first == nullptr || first->deadline > now) return false;
+  iq = remove(*first);
   shrink();
-  return taken;
+  return true;
 }
 
-std::vector<TrackedIq> IqTable::take_all() {
-  std::vector<TrackedIq> taken;
-  taken.reserve(entries_.size());
-  for (const auto &[key, entry] : entries_) taken.push_back(entry.iq);
-  entries_.clear();
-  queues_.clear();
+bool IqTable::take_any(TrackedIq &iq) noexcept {
+  if (entries_.empty()) return false;
+  iq = remove(entries_.begin()->second);
   shrink();
-  return taken;
+  return true;
 }
 
 IqTable::Clock::time_point IqTable::next_deadline() const {

@@ -9,7 +9,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 namespace wb {
 
@@ -33,9 +32,11 @@ class IqTable {
   // it.
   bool take(std::string_view id, std::string_view from, std::string_view own_jid, TrackedIq &iq);
 
-  // Takes out those whose time is over, earliest first.
-  std::vector<TrackedIq> take_expired(Clock::time_point now);
-  std::vector<TrackedIq> take_all();
+  // Takes out the one whose time was over first, if there is one by then. Needs no memory, so that none is forgotten for want of
+  // it.
+  bool take_expired(Clock::time_point now, TrackedIq &iq) noexcept;
+  // Takes out any. Needs no memory.
+  bool take_any(TrackedIq &iq) noexcept;
 
   bool empty() const { return entries_.empty(); }
   size_t size() const { return entries_.size(); }
@@ -64,8 +65,8 @@ class IqTable {
   };
 
   static bool parse_id(std::string_view id, Key &key);
-  TrackedIq remove(Entry &entry);
-  void shrink();
+  TrackedIq remove(Entry &entry) noexcept;
+  void shrink() noexcept;
 
   std::unordered_map<Key, Entry, KeyHash> entries_;
   std::unordered_map<Clock::rep, Queue> queues_;

@@ -73,6 +73,15 @@ struct LinkBio {
   }
 };
 
+std::shared_ptr<Link> Link::take_over(int fd) {
+  try {
+    return std::make_shared<Link>(fd);
+  } catch (const std::bad_alloc &) {
+    close(fd);
+    throw;
+  }
+}
+
 Link::~Link() {
   ssl_.reset();
   close(fd_);
@@ -121,9 +130,10 @@ Link::Io Link::tls_result(int result) {
   }
   const unsigned long code = ERR_peek_last_error();
   // A peer that closes the socket without TLS's farewell has closed all the same.
-  if (socket_error_ == 0 && in_closed_ && (code == 0 || ERR_GET_REASON(code) == SSL_R_UNEXPECTED_EOF_WHILE_READING)) {
+  const bool cut_off = code == 0 || ERR_GET_REASON(code) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
+  if (cut_off && (in_closed_ || socket_error_ != 0)) {
     ERR_clear_error();
-    return Io::closed;
+    return socket_error_ == 0 ? Io::closed : Io::failed;
   }
   const long verified = SSL_get_verify_result(ssl_.get());
   if (verified != X509_V_OK && ERR_GET_REASON(code) == SSL_R_CERTIFICATE_VERIFY_FAILED) {
@@ -201,11 +211,10 @@ void Link::acknowledge_quickly() const {
 }
 
 std::string Link::reason() const {
-  if (socket_error_ != 0) {
-    char text[128];
-    return strerror_r(socket_error_, text, sizeof text);
-  }
-  return tls_error_.empty() ? "closed by the peer" : tls_error_;
+  if (tls_failed()) return tls_error_;
+  if (socket_error_ == 0) return "closed by the peer";
+  char text[128];
+  return strerror_r(socket_error_, text, sizeof text);
 }
 
 }  // namespace wb

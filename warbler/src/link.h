@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "loop_gate.h"
+
 namespace wb {
 
 struct SslDeleter {
@@ -17,7 +19,7 @@ struct SslDeleter {
 };
 using SslPtr = std::unique_ptr<SSL, SslDeleter>;
 
-class Link {
+class Link final : public Buriable {
  public:
   enum class Io {
     done,    // all that was asked
@@ -26,7 +28,8 @@ class Link {
     failed   // the socket or TLS failed
   };
 
-  // Takes over a connected, non-blocking socket.
+  // Takes over a connected, non-blocking socket, which is closed if that fails. Throws std::bad_alloc.
+  static std::shared_ptr<Link> take_over(int fd);
   explicit Link(int fd) : fd_(fd) {}
   ~Link();
   Link(const Link &) = delete;
@@ -55,6 +58,8 @@ class Link {
   // The acknowledgement of what was read leaves at once: an answer that waits for it would be late by 40 ms.
   void acknowledge_quickly() const;
 
+  // Whether it was TLS that failed, the peer's alert perhaps, and not just the socket.
+  bool tls_failed() const { return !tls_error_.empty(); }
   // What went wrong after failed, for a person to read.
   std::string reason() const;
 

@@ -18,9 +18,13 @@ LoopGate::Pass::Pass(std::shared_ptr<LoopGate> gate) : gate_(std::move(gate)) {
 
 LoopGate::Pass::~Pass() {
   if (!entered_) return;
-  std::vector<std::shared_ptr<void>> buried;
+  std::shared_ptr<Buriable> buried;
   if (--gate_->depth_ == 0) buried.swap(gate_->buried_);
   gate_->mutex_.unlock();
+  while (buried != nullptr) {
+    std::shared_ptr<Buriable> next = std::move(buried->next_);
+    buried = std::move(next);
+  }
 }
 
 LoopGate::Closed LoopGate::close() {
@@ -31,8 +35,10 @@ LoopGate::Closed LoopGate::close() {
   return depth_ > 0 ? Closed::within_pass : Closed::outside_pass;
 }
 
-void LoopGate::bury(std::shared_ptr<void> object) {
-  if (object != nullptr) buried_.push_back(std::move(object));
+void LoopGate::bury(std::shared_ptr<Buriable> object) noexcept {
+  if (object == nullptr) return;
+  object->next_ = std::move(buried_);
+  buried_ = std::move(object);
 }
 
 LoopEvent::LoopEvent(event_base *base, int fd, short what, std::shared_ptr<LoopGate> gate, Function function)
@@ -42,17 +48,21 @@ LoopEvent::LoopEvent(event_base *base, int fd, short what, std::shared_ptr<LoopG
 
 LoopEvent::~LoopEvent() { event_free(event_); }
 
-void LoopEvent::add() { event_add(event_, nullptr); }
-
-void LoopEvent::add(std::chrono::milliseconds timeout) {
-  const auto rest = std::max(timeout, std::chrono::milliseconds(0)).count();
-  const timeval interval{static_cast<time_t>(rest / 1000), static_cast<suseconds_t>(rest % 1000 * 1000)};
-  event_add(event_, &interval);
+void LoopEvent::add() {
+  if (event_add(event_, nullptr) != 0) throw std::bad_alloc();
 }
 
-void LoopEvent::remove() { event_del(event_); }
+void LoopEvent::add(std::chrono::milliseconds timeout) {
+  if (!try_add(timeout)) throw std::bad_alloc();
+}
 
-void LoopEvent::activate() { event_active(event_, EV_TIMEOUT, 0); }
+bool LoopEvent::try_add(std::chrono::milliseconds timeout) noexcept {
+  const auto rest = std::max(timeout, std::chrono::milliseconds(0)).count();
+  const timeval interval{static_cast<time_t>(rest / 1000), static_cast<suseconds_t>(rest % 1000 * 1000)};
+  return event_add(event_, &interval) == 0;
+}
+
+void LoopEvent::remove() noexcept { event_del(event_); }
 
 void LoopEvent::on_event(evutil_socket_t, short what, void *arg) {
   auto &self = *static_cast<LoopEvent *>(arg);

@@ -12,9 +12,19 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 namespace wb {
+
+// What can be buried. A grave is a list through the dead themselves, so that none is lost for want of memory.
+class Buriable {
+ protected:
+  Buriable() = default;
+  ~Buriable() = default;
+
+ private:
+  friend class LoopGate;
+  std::shared_ptr<Buriable> next_;
+};
 
 class LoopGate {
  public:
@@ -37,34 +47,38 @@ class LoopGate {
   Closed close();
   // Within a pass.
   bool is_closed() const { return closed_; }
-  void bury(std::shared_ptr<void> object);
+  // An object is buried at most once; null is harmless.
+  void bury(std::shared_ptr<Buriable> object) noexcept;
 
  private:
   std::recursive_mutex mutex_;
   bool closed_ = false;
   unsigned depth_ = 0;
-  std::vector<std::shared_ptr<void>> buried_;
+  std::shared_ptr<Buriable> buried_;
 };
 
 // A libevent event whose function runs within a pass. Freeing it on another thread than the loop's waits for a call under way, so
 // it must then be done with the gate closed and not from within a pass.
-class LoopEvent {
+class LoopEvent final : public Buriable {
  public:
   using Function = std::function<void(short what)>;
 
-  // fd -1: a timer, or an event that is only activated. Throws std::bad_alloc.
+  // fd -1: a timer. Throws std::bad_alloc.
   LoopEvent(event_base *base, int fd, short what, std::shared_ptr<LoopGate> gate, Function function);
   ~LoopEvent();
   LoopEvent(const LoopEvent &) = delete;
   LoopEvent &operator=(const LoopEvent &) = delete;
 
-  // Waits for the descriptor, without limit. Any thread, as the other two.
+  // Waits for the descriptor, without limit. Any thread, as those below. Throws std::bad_alloc.
   void add();
-  // Waits at most so long.
+  // Waits at most so long. Throws std::bad_alloc.
   void add(std::chrono::milliseconds timeout);
-  void remove();
-  // Runs the function in the current pass of the loop.
-  void activate();
+  // The same; false without memory. It never fails for an event that waits with a limit already.
+  bool try_add(std::chrono::milliseconds timeout) noexcept;
+  // A timer's function runs in the next pass of the loop, after what is ready by then: whoever has much to do lets others have
+  // their turn. Throws std::bad_alloc.
+  void add_for_next_pass() { add(std::chrono::milliseconds(0)); }
+  void remove() noexcept;
 
  private:
   static void on_event(evutil_socket_t, short what, void *arg);

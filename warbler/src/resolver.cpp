@@ -2,7 +2,9 @@
 
 #include <signal.h>
 
+#include <list>
 #include <mutex>
+#include <new>
 #include <thread>
 
 #include "endpoint.h"
@@ -10,10 +12,11 @@
 
 namespace wb {
 
-// Shared by the lookup, its thread, which may outlive it for as long as the system's resolver takes, and the item on the queue.
+// Shared by the lookup, the thread that is at it, which may be so for longer than the lookup lives, and the item on the queue.
 struct Lookup::State {
   std::string host;
   std::string port;
+  bool is_literal = false;
   Done done;  // the loop's
   std::mutex mutex;
   wb_workq *queue;  // under mutex; null once cancelled, after which the queue may be gone
@@ -41,40 +44,95 @@ class SignalsBlocked {
 
 }  // namespace
 
-Lookup::Lookup(wb_workq &queue, const std::string &host, unsigned port, Done done) : state_(std::make_shared<State>()) {
+// The threads, each of which ends when no lookup waits for it.
+class Lookup::Threads {
+ public:
+  // Never destroyed: a lookup may still be under way when the process ends.
+  static Threads &all() {
+    static auto &threads = *new Threads;
+    return threads;
+  }
+
+  // Throws std::bad_alloc, or std::system_error when there is no thread at all.
+  void add(const std::shared_ptr<State> &state) {
+    std::list<std::shared_ptr<State>> entry{state};
+    const std::lock_guard lock(mutex_);
+    waiting_.splice(waiting_.end(), entry);
+    if (running_ == kLookupThreadsMax) return;
+    try {
+      const SignalsBlocked blocked;
+      std::thread([this] { run(); }).detach();
+      ++running_;
+    } catch (...) {
+      if (running_ > 0) return;
+      waiting_.pop_back();
+      throw;
+    }
+  }
+
+  // A lookup whose turn has not come is forgotten.
+  void remove(const std::shared_ptr<State> &state) {
+    const std::lock_guard lock(mutex_);
+    waiting_.remove(state);
+  }
+
+ private:
+  void run() {
+    for (;;) {
+      std::list<std::shared_ptr<State>> next;
+      {
+        const std::lock_guard lock(mutex_);
+        if (waiting_.empty()) {
+          --running_;
+          return;
+        }
+        next.splice(next.end(), waiting_, waiting_.begin());
+      }
+      // Without memory nothing is reported, and the attempt ends by its deadline.
+      resolve(next.front());
+    }
+  }
+
+  std::mutex mutex_;
+  std::list<std::shared_ptr<State>> waiting_;  // under mutex_
+  unsigned running_ = 0;                       // under mutex_
+};
+
+Lookup::Lookup(wb_workq &queue, const std::string &host, unsigned port, Done done)
+    : threads_(Threads::all()), state_(std::make_shared<State>()) {
   state_->host = host;
   state_->port = std::to_string(port);
   state_->done = std::move(done);
   state_->queue = &queue;
-  if (is_address_literal(host)) {
-    resolve(state_);
-    return;
+  state_->is_literal = is_address_literal(host);
+  if (!state_->is_literal) {
+    threads_.add(state_);
+  } else if (!resolve(state_)) {
+    throw std::bad_alloc();
   }
-  const SignalsBlocked blocked;
-  std::thread([state = state_] { resolve(state); }).detach();
 }
 
 Lookup::~Lookup() {
+  threads_.remove(state_);
   const std::lock_guard lock(state_->mutex);
   state_->queue = nullptr;
 }
 
-void Lookup::resolve(const std::shared_ptr<State> &state) {
+bool Lookup::resolve(const std::shared_ptr<State> &state) {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_ADDRCONFIG | AI_NUMERICSERV;
-  if (is_address_literal(state->host)) hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+  if (state->is_literal) hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   addrinfo *list = nullptr;
   const int error = getaddrinfo(state->host.c_str(), state->port.c_str(), &hints, &list);
   const std::lock_guard lock(state->mutex);
   state->list.reset(error == 0 ? list : nullptr);
   state->error = error;
-  if (state->queue == nullptr) return;
-  // Without memory for the item nothing is reported, and the attempt ends by its deadline.
-  guarded(nullptr, __func__, [&] {
+  if (state->queue == nullptr) return true;
+  return guarded(nullptr, __func__, [&] {
     auto item = std::make_unique<std::shared_ptr<State>>(state);
-    state->queue->put(deliver, item.get());
+    if (!state->queue->put(deliver, item.get())) return false;
     item.release();
     return true;
   });

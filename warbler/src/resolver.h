@@ -1,4 +1,5 @@
-// Name resolution that never blocks the loop: the system's own resolver on a thread of the lookup.
+// Name resolution that never blocks the loop: the system's own resolver on threads that all lookups of the process share. A
+// resolver that hears nothing keeps its thread for long, so their number is limited; a lookup may have to wait for its turn.
 #pragma once
 
 #include <netdb.h>
@@ -16,6 +17,8 @@ struct AddressListDeleter {
 };
 using AddressList = std::unique_ptr<addrinfo, AddressListDeleter>;
 
+constexpr unsigned kLookupThreadsMax = 8;
+
 // One lookup. Its end comes on the loop, by way of the work queue; destroying it cancels it, after which done is not called.
 class Lookup {
  public:
@@ -30,9 +33,12 @@ class Lookup {
 
  private:
   struct State;
-  static void resolve(const std::shared_ptr<State> &state);
+  class Threads;
+  // False when the outcome cannot be reported for want of memory.
+  static bool resolve(const std::shared_ptr<State> &state);
   static void deliver(void *arg, bool cancelled);
 
+  Threads &threads_;
   std::shared_ptr<State> state_;
 };
 

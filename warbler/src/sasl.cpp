@@ -20,13 +20,22 @@ bool SaslExchange::start(wb_htable *config, SaslOutput &out, wb_err *err) {
   return finish(mech_.functions.evaluate_start(&instance_, nullptr, 0, complete, err), out, err);
 }
 
-bool SaslExchange::step(const char *challenge_base64, SaslOutput &out, wb_err *err) {
-  if (mech_.functions.evaluate_step == nullptr) return WB_FAIL(err, WB_ERR_PROTOCOL, "the mechanism expects no challenge");
+bool SaslExchange::step(std::string_view challenge_base64, SaslOutput &out, wb_err *err) {
+  if (is_done()) return WB_FAIL(err, WB_ERR_PROTOCOL, "the mechanism expects no challenge");
   std::string challenge;
   if (!decode_base64(challenge_base64, challenge)) return WB_FAIL(err, WB_ERR_PROTOCOL, "the challenge is not base64");
   completed_ = false;
   auto *bytes = reinterpret_cast<uint8_t *>(challenge.data());
   return finish(mech_.functions.evaluate_step(&instance_, bytes, challenge.size(), complete, err), out, err);
+}
+
+bool SaslExchange::succeed(std::string_view added_base64, wb_err *err) {
+  if (!added_base64.empty() && !is_done()) {
+    SaslOutput out;
+    if (!step(added_base64, out, err)) return false;
+    if (out.present) return WB_FAIL(err, WB_ERR_PROTOCOL, "the mechanism has an answer to the server's success");
+  }
+  return is_done() || WB_FAIL(err, WB_ERR_PROTOCOL, "the server reports success before the mechanism is done");
 }
 
 bool SaslExchange::finish(bool evaluated, SaslOutput &out, wb_err *err) {
@@ -37,7 +46,7 @@ bool SaslExchange::finish(bool evaluated, SaslOutput &out, wb_err *err) {
   return true;
 }
 
-void SaslExchange::complete(wb_sasl_mech_instance *instance, uint8_t *out, size_t length, bool needs_base64, bool,
+void SaslExchange::complete(wb_sasl_mech_instance *instance, uint8_t *out, size_t length, bool needs_base64, bool done,
                             wb_sasl_error error) {
   const std::unique_ptr<uint8_t, decltype(&wb_data_free)> owned(out, &wb_data_free);
   SaslExchange &self = *instance->exchange;
@@ -47,6 +56,7 @@ void SaslExchange::complete(wb_sasl_mech_instance *instance, uint8_t *out, size_
     self.output_.present = out != nullptr;
     const std::string_view bytes(reinterpret_cast<const char *>(out), out != nullptr ? length : 0);
     self.output_.base64 = bytes.empty() ? "=" : needs_base64 ? encode_base64(bytes) : std::string(bytes);
+    self.done_ = done;
     self.completed_ = true;
     return true;
   });

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct wb_sasl_mech {
@@ -47,17 +48,23 @@ class SaslExchange {
   // The initial response.
   bool start(wb_htable *config, SaslOutput &out, wb_err *err);
   // The answer to a challenge, given in base64 as it was received.
-  bool step(const char *challenge_base64, SaslOutput &out, wb_err *err);
+  bool step(std::string_view challenge_base64, SaslOutput &out, wb_err *err);
+  // The server's success, with what it added in base64, or "". False when the mechanism does not agree: it knows best whether the
+  // server has proved what it had to.
+  bool succeed(std::string_view added_base64, wb_err *err);
 
  private:
   static void complete(wb_sasl_mech_instance *instance, uint8_t *out, size_t length, bool needs_base64, bool done,
                        wb_sasl_error error);
   bool finish(bool evaluated, SaslOutput &out, wb_err *err);
+  // A mechanism that answers nothing has said all with its start.
+  bool is_done() const { return done_ || mech_.functions.evaluate_step == nullptr; }
 
   const wb_sasl_mech &mech_;
   wb_sasl_mech_instance instance_;
   bool initialised_ = false;
   bool completed_ = false;
+  bool done_ = false;
   SaslOutput output_;
 };
 

@@ -2,8 +2,12 @@
 
 #include <warbler/log.h>
 
+#include <algorithm>
+#include <utility>
+
 #include "guard.h"
 #include "log_context.h"
+#include "xml_text.h"
 #include "xmpp_names.h"
 
 namespace wb {
@@ -11,9 +15,13 @@ namespace wb {
 namespace {
 
 constexpr size_t kReadBytes = 16 * 1024;
-constexpr unsigned kReadsPerPass = 16;      // then others have their turn
 constexpr size_t kWriteBytes = 256 * 1024;  // given to the link at a time
-constexpr std::chrono::seconds kClosingTime{2};
+// So often in one pass of the loop; then others have their turn.
+constexpr unsigned kReadsPerPass = 4;
+constexpr unsigned kWritesPerPass = 4;
+constexpr std::chrono::seconds kWritingTime{5};  // for what waits before the closing tag
+constexpr std::chrono::seconds kClosingTime{2};  // for the server's closing tag
+constexpr std::chrono::seconds kLeavingTime{2};  // for last words
 
 std::chrono::milliseconds until(std::chrono::steady_clock::time_point when) {
   return std::chrono::ceil<std::chrono::milliseconds>(when - std::chrono::steady_clock::now());
@@ -36,10 +44,15 @@ const char *condition_of(StreamError error) {
   }
 }
 
+bool is_in_streams(const wb_dom_node *node, std::string_view name) {
+  const char *uri = wb_dom_get_namespace_uri(node);
+  return uri != nullptr && std::string_view(uri) == ns::kStreams && name == wb_dom_get_localname(node);
+}
+
 }  // namespace
 
 template <typename Function>
-void Session::run(Function &&function) {
+void Session::run(Function &&function) noexcept {
   if (has_ended()) return;
   const LogContext context(options_.host_text.c_str());
   const bool done = guarded(nullptr, __func__, [&] {
@@ -55,8 +68,10 @@ Session::Session(wb_workq &queue, std::shared_ptr<LoopGate> gate, ClientOptions 
       options_(std::move(options)),
       owner_(owner),
       names_{options_.domain, options_.endpoint.host},
-      endpoint_(options_.endpoint),
+      server_(options_.endpoint),
+      keepalive_(options_.idle_probe),
       timer_(queue.base(), -1, 0, gate_, [this](short) { run([this] { on_timer(); }); }),
+      more_(queue.base(), -1, 0, gate_, [this](short) { run([this] { on_more(); }); }),
       parser_(*this, options_.limits) {}
 
 Session::~Session() {
@@ -68,23 +83,24 @@ Session::~Session() {
 void Session::start(const std::shared_ptr<Session> &self) {
   self_ = self;
   deadline_ = Clock::now() + options_.connect_timeout;
+  step_by_step_ = owner_.goes_step_by_step(server_);
+  resolve(server_);
   arm_timer();
-  resolve();
 }
 
-void Session::resolve() {
+void Session::resolve(const Endpoint &where) {
   state_ = State::resolving;
-  lookup_ = std::make_unique<Lookup>(queue_, endpoint_.host, endpoint_.port,
-                                     [weak = self_, gate = gate_](AddressList addresses, int error) {
-                                       const LoopGate::Pass pass(gate);
-                                       const std::shared_ptr<Session> session = pass ? weak.lock() : nullptr;
-                                       if (session == nullptr) return;
-                                       session->run([&] { session->on_resolved(std::move(addresses), error); });
-                                     });
+  lookup_ =
+      std::make_unique<Lookup>(queue_, where.host, where.port, [weak = self_, gate = gate_](AddressList addresses, int error) {
+        const LoopGate::Pass pass(gate);
+        const std::shared_ptr<Session> session = pass ? weak.lock() : nullptr;
+        if (session == nullptr) return;
+        session->run([&] { session->on_resolved(std::move(addresses), error); });
+      });
 }
 
 void Session::on_resolved(AddressList addresses, int error) {
-  if (error != 0) return end(WB_ERR_SOCKET_CONNECT, "cannot resolve " + endpoint_.host + ": " + gai_strerror(error));
+  if (error != 0) return end(WB_ERR_SOCKET_CONNECT, "cannot resolve " + server_.host + ": " + gai_strerror(error));
   state_ = State::connecting;
   connector_ = std::make_shared<Connector>(queue_.base(), gate_, std::move(addresses), deadline_,
                                            [this](int fd, const std::string &text) { run([&] { on_connected(fd, text); }); });
@@ -95,7 +111,8 @@ void Session::on_connected(int fd, const std::string &text) {
   gate_->bury(std::move(connector_));
   if (fd < 0) return end(WB_ERR_SOCKET_CONNECT, "cannot connect to " + options_.host_text + ": " + text);
   wb_log(WB_LOG_VERBOSE, "connected to %s", text.c_str());
-  link_ = std::make_unique<Link>(fd);
+  link_ = Link::take_over(fd);
+  address_ = text;
   tune_socket(fd, static_cast<unsigned>(options_.idle_probe.count()));
   readable_ = std::make_shared<LoopEvent>(queue_.base(), fd, EV_READ | EV_PERSIST, gate_,
                                           [this](short) { run([this] { on_readable(); }); });
@@ -115,7 +132,9 @@ void Session::on_readable() {
 }
 
 void Session::read_stream() {
+  more_to_read_ = false;
   for (unsigned reads = 0; reads < kReadsPerPass; ++reads) {
+    if (link_ == nullptr) return;
     char *room = parser_.buffer(kReadBytes);
     if (room == nullptr) return end(WB_ERR_NO_MEMORY, "no memory to read into");
     size_t got = 0;
@@ -124,85 +143,127 @@ void Session::read_stream() {
       case Link::Io::again:
         return;
       case Link::Io::closed:
-        return end(state_ == State::closing ? WB_ERR_NONE : WB_ERR_PROTOCOL, "the server closed the connection");
+        if (state_ == State::closing) return on_stream_close();
+        return on_lost(WB_ERR_PROTOCOL, "the server closed the connection");
       case Link::Io::failed:
-        return end(link_->ssl() != nullptr ? WB_ERR_TLS : WB_ERR_SOCKET_CONNECT, "the connection failed: " + link_->reason());
+        // TLS's alert is an answer: the server refuses our certificate, and would do so again.
+        if (link_->tls_failed()) return end(WB_ERR_TLS, "the connection failed: " + link_->reason());
+        return on_lost(WB_ERR_SOCKET_CONNECT, "the connection failed: " + link_->reason());
       case Link::Io::done:
         break;
     }
     const StreamError error = parser_.parse(got);
-    if (has_ended()) return;
+    if (has_ended() || state_ == State::leaving) return;
     if (error != StreamError::none) return on_parse_error(error);
     if (state_ != before && (link_ == nullptr || state_ == State::tls || state_ == State::tls_accept)) return;
   }
   // More may wait in the link where the socket cannot tell.
-  if (readable_ != nullptr) readable_->activate();
+  more_to_read_ = true;
+  more_.add_for_next_pass();
+}
+
+void Session::on_more() {
+  const bool reads = std::exchange(more_to_read_, false);
+  if (std::exchange(more_to_write_, false)) pump();
+  if (reads && link_ != nullptr && state_ != State::leaving) read_stream();
 }
 
 void Session::on_parse_error(StreamError error) {
   const char *condition = condition_of(error);
-  std::string farewell = "<stream:error><";
-  farewell.append(condition).append(" xmlns='").append(ns::kStreamErrors).append("'/></stream:error></stream:stream>");
-  write(farewell);
-  if (link_ != nullptr) link_->flush();
+  std::string last_words = "<stream:error><";
+  last_words.append(condition).append(" xmlns='").append(ns::kStreamErrors).append("'/></stream:error></stream:stream>");
   std::string reason = "the server sent what is refused (";
   reason.append(condition).append("): ").append(parser_.error_text());
-  end(error == StreamError::no_memory ? WB_ERR_NO_MEMORY : WB_ERR_PROTOCOL, reason);
+  leave(last_words, error == StreamError::no_memory ? WB_ERR_NO_MEMORY : WB_ERR_PROTOCOL, reason);
+}
+
+// A connection that breaks off.
+void Session::on_lost(wb_errcode code, const std::string &reason) {
+  if (!retry_step_by_step(reason)) end(code, reason);
 }
 
 void Session::write(std::string_view bytes) {
-  if (link_ == nullptr || has_ended()) return;
+  if (link_ == nullptr || has_ended() || bytes.empty()) return;
   spoken_ = Clock::now();
-  if (sent_ == sending_.size()) {
-    link_->write(bytes);
-  } else {
+  if (sent_ != sending_.size()) {
     sending_.append(bytes);  // part of a stanza may have gone to the link already
+  } else if (link_->write(bytes) != Link::Io::done) {
+    end(WB_ERR_TLS, "cannot encrypt: " + link_->reason());
   }
+}
+
+void Session::write_waiting() {
+  run([this] { pump(); });
 }
 
 void Session::pump() {
-  if (link_ == nullptr || has_ended()) return;
-  for (;;) {
-    if (state_ == State::established && sent_ == sending_.size()) {
-      sending_.clear();
-      sent_ = 0;
-      owner_.take_outgoing(sending_);
-    }
-    const std::string_view piece = std::string_view(sending_).substr(sent_, kWriteBytes);
-    if (!piece.empty()) {
-      if (link_->write(piece) != Link::Io::done) return end(WB_ERR_TLS, "cannot encrypt: " + link_->reason());
-      sent_ += piece.size();
-      spoken_ = Clock::now();
-    }
+  for (unsigned pieces = 0; link_ != nullptr; ++pieces) {
     switch (link_->flush()) {
+      case Link::Io::done:
+        break;
       case Link::Io::again:
         owner_.set_backlog(sending_.size() - sent_ + link_->waiting());
         return writable_->add();
-      case Link::Io::done:
-        if (piece.empty()) return owner_.set_backlog(0);
-        break;
       default:
+        // What the server said last may tell why, and is still there to be read.
+        if (is_negotiating()) return;
         return end(WB_ERR_SOCKET_CONNECT, "the connection failed: " + link_->reason());
     }
+    if (sent_ == sending_.size()) {
+      sending_.clear();
+      sent_ = 0;
+      if (state_ == State::established) owner_.take_outgoing(sending_);
+      if (sending_.empty()) {
+        owner_.set_backlog(0);
+        return on_all_written();
+      }
+    }
+    if (pieces == kWritesPerPass) {
+      owner_.set_backlog(sending_.size() - sent_);
+      more_to_write_ = true;
+      return more_.add_for_next_pass();
+    }
+    const std::string_view piece = std::string_view(sending_).substr(sent_, kWriteBytes);
+    if (link_->write(piece) != Link::Io::done) return end(WB_ERR_TLS, "cannot encrypt: " + link_->reason());
+    sent_ += piece.size();
+    spoken_ = Clock::now();
   }
+}
+
+void Session::on_all_written() {
+  if (state_ == State::leaving) return tell_end(leaving_code_, leaving_error_);
+  if (state_ != State::closing || tag_written_) return;
+  tag_written_ = true;
+  deadline_ = Clock::now() + kClosingTime;
+  arm_timer();
+}
+
+void Session::on_stream_open(wb_dom_node *head) {
+  run([&] {
+    if (!is_in_streams(head, "stream")) protocol_error("the server did not open an XMPP stream");
+  });
 }
 
 void Session::on_stream_close() {
-  if (state_ != State::closing) {
-    write("</stream:stream>");
-    link_->flush();
-  }
-  end(state_ == State::closing ? WB_ERR_NONE : WB_ERR_PROTOCOL, "the server closed the stream");
+  run([this] {
+    constexpr const char *kReason = "the server closed the stream";
+    if (state_ != State::closing) {
+      if (!retry_step_by_step(kReason)) leave("</stream:stream>", WB_ERR_PROTOCOL, kReason);
+    } else if (is_all_written()) {
+      end(WB_ERR_NONE, kReason);
+    } else {
+      leave("", WB_ERR_NONE, kReason);
+    }
+  });
 }
 
 void Session::on_stanza(wb_dom_node *stanza) {
-  if (wb_log_get_level() >= WB_LOG_TRACE) wb_log_dom(WB_LOG_TRACE, stanza, "received");
-  const char *uri = wb_dom_get_namespace_uri(stanza);
-  if (uri != nullptr && std::string_view(uri) == ns::kStreams && std::string_view(wb_dom_get_localname(stanza)) == "error") {
-    return on_stream_error(stanza);
-  }
-  if (state_ == State::established || state_ == State::closing) return owner_.on_session_stanza(stanza);
-  on_negotiation(stanza);
+  run([&] {
+    if (wb_log_get_level() >= WB_LOG_TRACE) wb_log_dom(WB_LOG_TRACE, stanza, "received");
+    if (is_in_streams(stanza, "error")) return on_stream_error(stanza);
+    if (is_negotiating()) return on_negotiation(stanza);
+    owner_.on_session_stanza(stanza);
+  });
 }
 
 // The application may answer within its hook or from a pass of its own making.
@@ -211,20 +272,47 @@ void Session::on_tls_answer(bool accept) noexcept {
   if (pass) run([&] { go_on_after_accept(accept); });
 }
 
+// ---- The end
+
 void Session::close(wb_errcode reason) {
-  if (has_ended()) return;
-  if (state_ == State::closing) return;
+  run([&] { close_stream(reason); });
+}
+
+void Session::close_stream(wb_errcode reason) {
+  if (state_ == State::closing || state_ == State::leaving) return;
   if (state_ != State::established) return end(reason, "disconnected while connecting");
-  pump();
-  if (has_ended()) return;
-  // Whatever the socket does not take now still goes before the closing tag.
+  wb_log(WB_LOG_VERBOSE, "closing the stream: %s", wb_err_message(reason));
+  // Whatever was sent so far still goes before the closing tag.
+  owner_.on_session_leaving();
   std::string rest;
   owner_.take_outgoing(rest);
   write(rest);
-  state_ = State::closing;
-  wb_log(WB_LOG_VERBOSE, "closing the stream: %s", wb_err_message(reason));
   write("</stream:stream>");
-  deadline_ = Clock::now() + kClosingTime;
+  if (has_ended()) return;
+  state_ = State::closing;
+  deadline_ = Clock::now() + kWritingTime;
+  arm_timer();
+  pump();
+}
+
+void Session::leave(std::string_view last_words, wb_errcode code, const std::string &reason, wb_dom_node *error) {
+  if (has_ended()) return;
+  log_end(code, reason);
+  if (wb_dom_context_retain(wb_dom_get_context(error), nullptr)) {
+    leaving_context_.reset(wb_dom_get_context(error));
+    leaving_error_ = error;
+  }
+  leaving_code_ = code;
+  state_ = State::leaving;
+  parser_.stop();
+  readable_->remove();
+  owner_.on_session_leaving();
+  std::string rest;
+  owner_.take_outgoing(rest);
+  write(rest);
+  write(last_words);
+  if (has_ended()) return;
+  deadline_ = Clock::now() + kLeavingTime;
   arm_timer();
   pump();
 }
@@ -242,12 +330,22 @@ void Session::abandon() {
   drop_link();
 }
 
-void Session::end(wb_errcode code, const std::string &reason, wb_dom_node *error) {
-  if (has_ended()) return;
+void Session::log_end(wb_errcode code, std::string_view reason) const {
   const wb_log_level level = code == WB_ERR_NONE                                   ? WB_LOG_VERBOSE
                              : code == WB_ERR_TLS || code == WB_ERR_NOT_AUTHORIZED ? WB_LOG_ERROR
                                                                                    : WB_LOG_WARN;
-  wb_log(level, "session with %s ended while %s: %s", options_.host_text.c_str(), state_name(), reason.c_str());
+  wb_log(level, "session with %s ended while %s: %.*s", options_.host_text.c_str(), state_name(), static_cast<int>(reason.size()),
+         reason.data());
+}
+
+void Session::end(wb_errcode code, std::string_view reason, wb_dom_node *error) {
+  if (has_ended()) return;
+  if (state_ == State::leaving) return tell_end(leaving_code_, leaving_error_);
+  log_end(code, reason);
+  tell_end(code, error);
+}
+
+void Session::tell_end(wb_errcode code, wb_dom_node *error) {
   abandon();
   owner_.on_session_end(code, error);
 }
@@ -256,39 +354,53 @@ void Session::drop_link() {
   // Out of the loop before the socket is closed; freed later, because their functions may be the callers.
   if (readable_ != nullptr) readable_->remove();
   if (writable_ != nullptr) writable_->remove();
+  more_.remove();
+  more_to_read_ = more_to_write_ = false;
   gate_->bury(std::move(readable_));
   gate_->bury(std::move(writable_));
-  if (link_ != nullptr) gate_->bury(std::shared_ptr<Link>(std::move(link_)));
+  gate_->bury(std::move(link_));
   tls_session_ = {};
   sasl_.reset();
   sending_.clear();
   sent_ = 0;
 }
 
+// ---- Time
+
 void Session::arm_timer() {
-  const auto idle = options_.idle_probe / 2;
-  timer_.add(state_ == State::established
-                 ? std::chrono::duration_cast<std::chrono::milliseconds>(idle) + std::chrono::milliseconds(1)
-                 : until(deadline_));
+  if (has_ended()) return;
+  if (state_ == State::established) return timer_.add(until(idle_deadline()));
+  timer_.add(until(ahead_ ? std::min(ahead_deadline_, deadline_) : deadline_));
 }
 
 void Session::on_timer() {
   if (state_ == State::established) return on_idle();
-  if (Clock::now() < deadline_) return arm_timer();
-  if (state_ == State::closing) return end(WB_ERR_NONE, "the server did not close the stream in time");
+  const auto now = Clock::now();
+  if (now < deadline_) {
+    if (ahead_ && now >= ahead_deadline_ && retry_step_by_step("the server did not answer in time")) return;
+    return arm_timer();
+  }
+  if (!is_negotiating())
+    return end(WB_ERR_NONE,
+               tag_written_ ? "the server did not close the stream in time" : "what waited could not be written in time");
   end(WB_ERR_TIMEOUT, "the time allowed for connecting ran out");
 }
 
-// Twice in each interval: says something when nothing was said, asks when nothing was heard, gives up when nothing was answered.
+// When there is something to be done about silence, if nothing is said or heard before.
+Session::Clock::time_point Session::idle_deadline() const {
+  return std::min(spoken_ + Clock::duration(keepalive_) / 2, heard_ + (probed_ ? 2 : 1) * options_.idle_probe);
+}
+
+// Says something when nothing was said, asks when nothing was heard, gives up when nothing was answered.
 void Session::on_idle() {
   const auto now = Clock::now();
   if (now - heard_ >= 2 * options_.idle_probe) return end(WB_ERR_TIMEOUT, "the server has vanished");
   if (now - heard_ >= options_.idle_probe && !probed_) {
     probed_ = true;
-    std::string ping = "<iq type='get' id='probe' to='";
-    ping.append(options_.domain).append("'><ping xmlns='").append(ns::kPing).append("'/></iq>");
-    write(ping);
-  } else if (now - spoken_ >= options_.idle_probe / 2) {
+    std::string ping = "<iq type='get' id='probe'";
+    append_attribute(ping, "to", options_.domain);
+    write(ping.append("><ping xmlns='").append(ns::kPing).append("'/></iq>"));
+  } else if (now - spoken_ >= Clock::duration(keepalive_) / 2) {
     write(" ");
   }
   arm_timer();
@@ -296,9 +408,17 @@ void Session::on_idle() {
 }
 
 const char *Session::state_name() const {
-  static constexpr const char *kNames[] = {
-      "resolving",   "connecting", "opening", "in the TLS handshake", "asking whether to accept TLS", "authenticating", "binding",
-      "established", "closing",    "ended"};
+  static constexpr const char *kNames[] = {"resolving",
+                                           "connecting",
+                                           "opening",
+                                           "in the TLS handshake",
+                                           "asking whether to accept TLS",
+                                           "authenticating",
+                                           "binding",
+                                           "established",
+                                           "closing",
+                                           "leaving",
+                                           "ended"};
   return kNames[static_cast<size_t>(state_)];
 }
 

@@ -3,8 +3,13 @@
 //   resolving -> connecting -> opening -> tls -> [tls_accept] -> authenticating -> binding -> established -> closing -> ended
 //
 // opening, authenticating and binding each begin with a stream head. What does not depend on the server's features goes out
-// together with the head: the wish for TLS, the authentication, the binding. That makes four round trips after TCP. A server that
-// answers this with a stream error is asked again on a fresh socket, one step at a time.
+// together with the head, ahead of them: the wish for TLS, the authentication, the binding. That makes four round trips after
+// TCP. When a server has not answered such a request but closes, reports a stream error or falls silent, it may have taken what
+// came together for a mistake: it is asked once more, at the same address and one step at a time. If that works, the client
+// remembers it for its next sessions with that server.
+//
+// When anything is still to be said at the end, a stream error or the closing tag, the session is leaving for a short time: it
+// writes what waits and listens no more.
 #pragma once
 
 #include <memory>
@@ -12,6 +17,7 @@
 
 #include "client_options.h"
 #include "connector.h"
+#include "dom_node.h"
 #include "link.h"
 #include "sasl.h"
 #include "stream_parser.h"
@@ -19,17 +25,22 @@
 
 namespace wb {
 
-class Session final : private StreamParser::Handler, private TlsAsker {
+class Session final : public Buriable, private StreamParser::Handler, private TlsAsker {
  public:
   // What the session tells its client, within a pass. After on_session_end nothing more comes.
   class Owner {
    public:
     virtual void on_session_up(const std::string &jid, size_t stanza_bytes_max) = 0;
+    // Nothing more can be sent.
+    virtual void on_session_leaving() = 0;
     virtual void on_session_end(wb_errcode reason, wb_dom_node *error) = 0;
     virtual void on_session_stanza(wb_dom_node *stanza) = 0;
     // Bytes that wait to be written; empties them into the argument.
     virtual void take_outgoing(std::string &bytes) = 0;
     virtual void set_backlog(size_t bytes) = 0;
+    // What the client knows about a server from sessions before.
+    virtual bool goes_step_by_step(const Endpoint &server) const = 0;
+    virtual void remember_step_by_step(const Endpoint &server) = 0;
 
    protected:
     ~Owner() = default;
@@ -44,20 +55,29 @@ class Session final : private StreamParser::Handler, private TlsAsker {
   void start(const std::shared_ptr<Session> &self);
   // Closes the stream in order; at once when it is not up.
   void close(wb_errcode reason);
-  // Ends at once, telling the owner.
-  void end(wb_errcode code, const std::string &reason, wb_dom_node *error = nullptr);
+  // Ends at once, telling the owner. Needs no memory.
+  void end(wb_errcode code, std::string_view reason, wb_dom_node *error = nullptr);
   // Ends without a word.
   void abandon();
-  // Writes what waits.
-  void pump();
-  // Writes bytes of the session's own, with the next flush.
-  void write(std::string_view bytes);
+  // Writes what the owner has.
+  void write_waiting();
 
   bool has_ended() const { return state_ == State::ended; }
-  const ClientOptions &options() const { return options_; }
 
  private:
-  enum class State { resolving, connecting, opening, tls, tls_accept, authenticating, binding, established, closing, ended };
+  enum class State {
+    resolving,
+    connecting,
+    opening,
+    tls,
+    tls_accept,
+    authenticating,
+    binding,
+    established,
+    closing,
+    leaving,
+    ended
+  };
   using Clock = std::chrono::steady_clock;
 
   void on_stream_open(wb_dom_node *head) override;
@@ -66,19 +86,31 @@ class Session final : private StreamParser::Handler, private TlsAsker {
   void on_tls_answer(bool accept) noexcept override;
 
   // session.cpp: the socket and the end
-  void resolve();
+  void resolve(const Endpoint &where);
   void on_resolved(AddressList addresses, int error);
   void on_connected(int fd, const std::string &text);
   void on_readable();
   void read_stream();
+  void on_more();
   void on_parse_error(StreamError error);
+  void write(std::string_view bytes);
+  void pump();
+  void on_all_written();
+  bool is_all_written() const { return sent_ == sending_.size() && link_->waiting() == 0; }
+  void on_lost(wb_errcode code, const std::string &reason);
   void drop_link();
+  void close_stream(wb_errcode reason);
+  void leave(std::string_view last_words, wb_errcode code, const std::string &reason, wb_dom_node *error = nullptr);
+  void log_end(wb_errcode code, std::string_view reason) const;
+  void tell_end(wb_errcode code, wb_dom_node *error);
   void on_timer();
   void arm_timer();
   void on_idle();
+  Clock::time_point idle_deadline() const;
+  bool is_negotiating() const { return state_ < State::established; }
   // Runs a function that the loop calls; the session ends when memory runs out in it.
   template <typename Function>
-  void run(Function &&function);
+  void run(Function &&function) noexcept;
   void protocol_error(const char *what) { end(WB_ERR_PROTOCOL, what); }
   const char *state_name() const;
 
@@ -101,12 +133,13 @@ class Session final : private StreamParser::Handler, private TlsAsker {
   void on_mechanisms(wb_dom_node *features);
   void on_bind_features(wb_dom_node *features);
   void on_challenge(wb_dom_node *challenge);
+  void on_success(wb_dom_node *success);
   void on_sasl_failure(wb_dom_node *failure);
   void on_bound(wb_dom_node *iq);
   void on_stream_error(wb_dom_node *error);
-  bool redirect(wb_dom_node *error);
-  bool retry_step_by_step(wb_dom_node *error);
-  void dial_again();
+  bool redirect(const wb_dom_node *other);
+  bool retry_step_by_step(std::string_view why);
+  void dial_again(const Endpoint &where);
 
   wb_workq &queue_;
   const std::shared_ptr<LoopGate> gate_;
@@ -115,21 +148,31 @@ class Session final : private StreamParser::Handler, private TlsAsker {
   std::weak_ptr<Session> self_;
   State state_ = State::resolving;
   ExpectedNames names_;
-  Endpoint endpoint_;  // where to dial: the configured one, or where the server sent us
+  Endpoint server_;      // the configured one, or where it sent us
+  std::string address_;  // of the server that the socket leads to, in numbers
   unsigned redirects_ = 0;
   bool step_by_step_ = false;
-  bool features_seen_ = false;  // of the stream that is open
-  bool request_sent_ = false;   // what follows the features went out with the head already
+  bool features_seen_ = false;        // of the stream that is open
+  bool request_sent_ = false;         // what follows the features went out
+  bool ahead_ = false;                // it did so before the features were there, and is not answered yet
+  Clock::time_point ahead_deadline_;  // of the answer to it
   size_t stanza_bytes_max_ = 0;
   Clock::time_point deadline_;  // of connecting, then of closing
   Clock::time_point heard_, spoken_;
+  std::chrono::seconds keepalive_;  // the server must not go without hearing from us for so long
   bool probed_ = false;
+  bool tag_written_ = false;  // the closing tag, as far as the system's buffers
+  wb_errcode leaving_code_ = WB_ERR_NONE;
+  wb_dom_node *leaving_error_ = nullptr;
+  ContextRef leaving_context_;  // of the error
 
   std::unique_ptr<Lookup> lookup_;
   std::shared_ptr<Connector> connector_;
-  std::unique_ptr<Link> link_;
+  std::shared_ptr<Link> link_;
   std::shared_ptr<LoopEvent> readable_, writable_;
   LoopEvent timer_;
+  LoopEvent more_;  // goes on where a pass has done its share
+  bool more_to_read_ = false, more_to_write_ = false;
   StreamParser parser_;
   std::unique_ptr<SaslExchange> sasl_;
   size_t mechanism_ = 0;              // the one in use, by its place in the factory

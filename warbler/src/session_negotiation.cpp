@@ -15,6 +15,9 @@ namespace wb {
 namespace {
 
 constexpr unsigned kRedirectsMax = 3;
+// So large a part of the time that is left for connecting is for a request that went ahead; the rest is for going step by step.
+constexpr int kAheadShare = 3;
+constexpr size_t kIdleSecondsMax = 86400;  // more is as good as no limit
 constexpr std::string_view kStartTls = "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>";
 constexpr std::string_view kBindId = "bind";
 
@@ -62,8 +65,9 @@ std::string condition_of(const wb_dom_node *error) {
   return "no condition";
 }
 
-size_t announced_limit(const wb_dom_node *features) {
-  const std::string_view text = text_of(find_child(find_child(features, ns::kLimits, "limits"), ns::kLimits, "max-bytes"));
+// 0 for none.
+size_t announced_limit(const wb_dom_node *features, std::string_view name) {
+  const std::string_view text = text_of(find_child(find_child(features, ns::kLimits, "limits"), ns::kLimits, name));
   size_t limit = 0;
   std::from_chars(text.data(), text.data() + text.size(), limit);
   return limit;
@@ -83,13 +87,11 @@ void Session::open_stream(std::string_view with) {
       .append("'>");
   parser_.reset();
   features_seen_ = false;
-  request_sent_ = !with.empty();
+  request_sent_ = ahead_ = !with.empty();
+  ahead_deadline_ = Clock::now() + (deadline_ - Clock::now()) / kAheadShare;
+  arm_timer();
   write(head.append(with));
   pump();
-}
-
-void Session::on_stream_open(wb_dom_node *head) {
-  if (!is_named(head, ns::kStreams, "stream")) return protocol_error("the server did not open an XMPP stream");
 }
 
 void Session::on_negotiation(wb_dom_node *stanza) {
@@ -128,6 +130,7 @@ void Session::on_opening(wb_dom_node *stanza) {
 }
 
 void Session::begin_tls() {
+  ahead_ = false;
   parser_.reset();
   std::string error;
   SslPtr ssl = make_tls(options_.hooks, names_, error);
@@ -235,7 +238,8 @@ void Session::on_authenticating(wb_dom_node *stanza) {
     return on_mechanisms(stanza);
   }
   if (!features_seen_) return protocol_error("the server did not begin with its features");
-  if (is_named(stanza, ns::kSasl, "success")) return begin_binding();
+  ahead_ = false;
+  if (is_named(stanza, ns::kSasl, "success")) return on_success(stanza);
   if (is_named(stanza, ns::kSasl, "challenge")) return on_challenge(stanza);
   if (is_named(stanza, ns::kSasl, "failure")) return on_sasl_failure(stanza);
   protocol_error("the server sent something else than SASL");
@@ -244,7 +248,7 @@ void Session::on_authenticating(wb_dom_node *stanza) {
 void Session::on_challenge(wb_dom_node *challenge) {
   wb_err err{};
   SaslOutput output;
-  if (sasl_ == nullptr || !sasl_->step(std::string(text_of(challenge)).c_str(), output, &err)) {
+  if (sasl_ == nullptr || !sasl_->step(text_of(challenge), output, &err)) {
     wb_log_err(WB_LOG_ERROR, &err, "SASL challenge");
     std::string abort = "<abort xmlns='";
     write(abort.append(ns::kSasl).append("'/>"));
@@ -255,6 +259,15 @@ void Session::on_challenge(wb_dom_node *challenge) {
   response.append(ns::kSasl).append("'>").append(output.present ? output.base64 : "").append("</response>");
   write(response);
   pump();
+}
+
+void Session::on_success(wb_dom_node *success) {
+  wb_err err{};
+  if (sasl_ == nullptr || !sasl_->succeed(text_of(success), &err)) {
+    wb_log_err(WB_LOG_ERROR, &err, "SASL success");
+    return end(WB_ERR_NOT_AUTHORIZED, "the SASL mechanism does not agree to the server's success");
+  }
+  begin_binding();
 }
 
 void Session::on_sasl_failure(wb_dom_node *failure) {
@@ -289,7 +302,10 @@ void Session::on_bind_features(wb_dom_node *features) {
   if (features_seen_) return protocol_error("the server announced its features twice");
   features_seen_ = true;
   if (find_child(features, ns::kBind, "bind") == nullptr) return protocol_error("the server offers no resource binding");
-  stanza_bytes_max_ = announced_limit(features);
+  stanza_bytes_max_ = announced_limit(features, "max-bytes");
+  if (const size_t idle = announced_limit(features, "idle-seconds"); idle != 0) {
+    keepalive_ = std::min(keepalive_, std::chrono::seconds(std::min(idle, kIdleSecondsMax)));
+  }
   if (request_sent_) return;
   request_sent_ = true;
   write(bind_request(options_.resource));
@@ -305,6 +321,7 @@ void Session::on_binding(wb_dom_node *stanza) {
 }
 
 void Session::on_bound(wb_dom_node *iq) {
+  ahead_ = false;
   const char *type = wb_dom_get_attribute(iq, "type");
   if (type == nullptr || std::strcmp(type, "result") != 0) {
     const wb_dom_node *error = find_child(iq, ns::kClient, "error");
@@ -317,6 +334,7 @@ void Session::on_bound(wb_dom_node *iq) {
   const bool as_asked =
       options_.resource.empty() ? jid_equal(bare_jid(jid), options_.user_jid) : jid_equal(jid, options_.user_jid);
   if (!as_asked) return end(WB_ERR_PROTOCOL, "the server bound another address than ours: " + jid);
+  if (step_by_step_) owner_.remember_step_by_step(server_);
   state_ = State::established;
   heard_ = spoken_ = Clock::now();
   arm_timer();
@@ -326,41 +344,41 @@ void Session::on_bound(wb_dom_node *iq) {
 // ---- Stream errors
 
 void Session::on_stream_error(wb_dom_node *error) {
-  const bool negotiating = state_ != State::established && state_ != State::closing;
-  if (negotiating && (redirect(error) || retry_step_by_step(error))) return;
-  write("</stream:stream>");
-  if (link_ != nullptr) link_->flush();
-  end(WB_ERR_PROTOCOL, "the server sent the stream error " + condition_of(error), error);
+  const std::string reason = "the server sent the stream error " + condition_of(error);
+  if (is_negotiating()) {
+    const wb_dom_node *other = find_child(error, ns::kStreamErrors, "see-other-host");
+    if (other != nullptr ? redirect(other) : retry_step_by_step(reason)) return;
+  }
+  leave("</stream:stream>", WB_ERR_PROTOCOL, reason, error);
 }
 
-void Session::dial_again() {
+void Session::dial_again(const Endpoint &where) {
+  ahead_ = false;
   parser_.reset();
   drop_link();
-  resolve();
+  resolve(where);
+  arm_timer();
 }
 
-bool Session::redirect(wb_dom_node *error) {
-  const wb_dom_node *other = find_child(error, ns::kStreamErrors, "see-other-host");
-  if (other == nullptr) return false;
+bool Session::redirect(const wb_dom_node *other) {
   Endpoint endpoint;
   if (redirects_ >= kRedirectsMax || !parse_endpoint(text_of(other), endpoint)) return false;
   ++redirects_;
-  endpoint_ = std::move(endpoint);
+  server_ = std::move(endpoint);
+  step_by_step_ = owner_.goes_step_by_step(server_);
   wb_log(WB_LOG_INFO, "the server sends us to %s", std::string(text_of(other)).c_str());
-  dial_again();
+  dial_again(server_);
   return true;
 }
 
 // Some servers take what came together for a mistake.
-bool Session::retry_step_by_step(wb_dom_node *error) {
-  static constexpr std::string_view kMistakes[] = {
-      "bad-format",          "invalid-xml",          "not-well-formed",        "restricted-xml",
-      "undefined-condition", "unsupported-encoding", "unsupported-stanza-type"};
-  const std::string condition = condition_of(error);
-  if (step_by_step_ || std::find(std::begin(kMistakes), std::end(kMistakes), condition) == std::end(kMistakes)) return false;
-  wb_log(WB_LOG_INFO, "the server answered with %s; asking again one step at a time", condition.c_str());
+bool Session::retry_step_by_step(std::string_view why) {
+  if (!ahead_) return false;
+  wb_log(WB_LOG_INFO, "%.*s; asking again one step at a time", static_cast<int>(why.size()), why.data());
   step_by_step_ = true;
-  dial_again();
+  Endpoint same = server_;
+  parse_endpoint(address_, same);
+  dial_again(same);
   return true;
 }
 

@@ -1,6 +1,7 @@
 #include "xml_text.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 
 namespace {
@@ -18,6 +19,18 @@ constexpr Range kNameStart[] = {
 
 // What a name may hold besides, after its first character.
 constexpr Range kNameRest[] = {{'-', '.'}, {'0', '9'}, {0xB7, 0xB7}, {0x300, 0x36F}, {0x203F, 0x2040}};
+
+// Nearly all names are ASCII, and every name that an application builds with is looked at.
+constexpr auto kAsciiNameChars = [] {
+  std::array<bool, 128> chars{};
+  for (const Range &range : kNameStart) {
+    for (char32_t c = range.first; c <= range.last && c < chars.size(); ++c) chars[c] = true;
+  }
+  for (const Range &range : kNameRest) {
+    for (char32_t c = range.first; c <= range.last && c < chars.size(); ++c) chars[c] = true;
+  }
+  return chars;
+}();
 
 template <size_t Count>
 bool is_in(const Range (&ranges)[Count], char32_t c) {
@@ -59,6 +72,10 @@ bool wb::is_xml_char(char32_t c) {
 bool wb::is_xml_text(std::string_view text) {
   const char *const end = text.data() + text.size();
   for (const char *at = text.data(); at != end;) {
+    if (byte_at(at) >= 0x20 && byte_at(at) < 0x80) {
+      ++at;
+      continue;
+    }
     char32_t c = 0;
     const unsigned length = decode_utf8(at, end, c);
     if (length == 0 || !is_xml_char(c)) return false;
@@ -76,6 +93,10 @@ bool wb::is_ncname(std::string_view text) {
   if (!begins_name(text)) return false;
   const char *const end = text.data() + text.size();
   for (const char *at = text.data(); at != end;) {
+    if (byte_at(at) < kAsciiNameChars.size() && kAsciiNameChars[byte_at(at)]) {
+      ++at;
+      continue;
+    }
     char32_t c = 0;
     const unsigned length = decode_utf8(at, end, c);
     if (length == 0 || !(is_in(kNameStart, c) || is_in(kNameRest, c))) return false;

@@ -36,7 +36,8 @@ typedef enum wb_sasl_error {
 
 /* Called once by each start or step with its output. The client takes over out, which came from wb_data_malloc or wb_data_strdup
  * (NULL: no output); needs_base64 tells that out is raw; done tells that the mechanism expects nothing more than the server's
- * success. */
+ * success: a challenge after that aborts the exchange, and so does a success before it. A mechanism without evaluate_step is done
+ * once it has started. */
 typedef void (*wb_sasl_complete)(wb_sasl_mech_instance *instance, uint8_t *out, size_t length, bool needs_base64, bool done,
                                  wb_sasl_error error);
 
@@ -49,7 +50,8 @@ typedef struct wb_sasl_mech_functions {
   void (*clean)(wb_sasl_mech_instance *instance);
   /* Produces the initial response; in is NULL and length 0. */
   bool (*evaluate_start)(wb_sasl_mech_instance *instance, uint8_t *in, size_t length, wb_sasl_complete complete, wb_err *err);
-  /* Answers a challenge, which comes decoded and is the client's. */
+  /* Answers a challenge, which comes decoded and is the client's. What the server adds to its success comes here too, unless the
+   * mechanism is done: it then says that it is, without output, or refuses the server. */
   bool (*evaluate_step)(wb_sasl_mech_instance *instance, uint8_t *in, size_t length, wb_sasl_complete complete, wb_err *err);
 } wb_sasl_mech_functions;
 

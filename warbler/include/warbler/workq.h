@@ -24,11 +24,12 @@ typedef void (*wb_workq_function)(void *arg, bool cancelled);
 WB_API bool wb_workq_create(wb_htable *config, wb_workq **out, wb_err *err);
 
 /* Puts an item; items run in the order in which they were put, each once, in the next pass of the loop. Any thread; never blocks.
- * Many items cost one wake-up of the loop. While nothing dispatches the base they wait. Fails with WB_ERR_INVALID_ARG or
- * WB_ERR_NO_MEMORY; the function is then not called. */
+ * Many items cost one wake-up of the loop. While nothing dispatches the base they wait. Fails with WB_ERR_INVALID_ARG,
+ * WB_ERR_INVALID_STATE (the queue is being destroyed) or WB_ERR_NO_MEMORY; the function is then not called. */
 WB_API bool wb_workq_put(wb_workq *queue, wb_workq_function function, void *arg, wb_err *err);
 
-/* Cancels the items that wait and frees the queue; NULL is harmless. The queue's clients must be destroyed before. */
+/* Cancels the items that wait, in their order, on this thread, and frees the queue; NULL is harmless. Any thread: it waits for an
+ * item that runs on another one, and may be called by an item itself. The queue's clients must be destroyed before. */
 WB_API void wb_workq_destroy(wb_workq *queue);
 
 #ifdef __cplusplus
