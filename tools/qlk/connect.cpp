@@ -21,6 +21,8 @@ const char *title_of(Step step) {
       return "TLS";
     case Step::peer:
       return "peer";
+    case Step::authority:
+      return "authority";
     case Step::sasl:
       return "SASL";
     case Step::session:
@@ -33,7 +35,7 @@ const char *title_of(Step step) {
 
 void print_step(Step step, const std::string &text) {
   std::string title = title_of(step);
-  title.resize(10, ' ');
+  title.resize(11, ' ');
   print_line(paint(stdout, Style::strong, title) + text);
   flush_output();
 }

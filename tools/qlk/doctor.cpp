@@ -216,12 +216,13 @@ class Doctor {
   }
 
   void look_at_host(const std::string &host) {
-    const Probe probe = probe_host(host, settings_, stop_);
+    const Probe probe = probe_host(host, settings_, stop_, [&](const std::string &address) {
+      report_.ok("host", host == address ? host : host + " is " + address);
+    });
     if (probe.address.empty()) {
       return report_.fault("host", host + ": " + probe.complaint,
                            "is the grid up, and is this its address? A local grid tells: quillon-grid status");
     }
-    report_.ok("host", host == probe.address ? host : host + " is " + probe.address);
     if (probe.tls.empty()) return report_.fault("  TLS", probe.complaint, "the port must be the one for XMPP clients");
     report_.ok("  TLS", probe.tls);
     if (probe.peer != nullptr) look_at_server(probe);
@@ -233,8 +234,9 @@ class Doctor {
     const std::string mend = "the server's administrator renews it; on a local grid: quillon-grid server-certificate";
     if (is_expired(peer) || is_not_valid_yet(peer)) return look_at_validity("  server", peer, mend);
     if (probe.verification != X509_V_OK) {
-      return report_.fault("  server", name + ": " + X509_verify_cert_error_string(probe.verification),
-                           "ca must name the authority that vouches for it: " + name_of(X509_get_issuer_name(peer)));
+      return report_.fault(
+          "  server", name + ": no authority in ca vouches for it (" + X509_verify_cert_error_string(probe.verification) + ")",
+          "ca must hold the certificate of " + name_of(X509_get_issuer_name(peer)));
     }
     if (!probe.bears_name) {
       return report_.fault("  server",
@@ -242,10 +244,9 @@ class Doctor {
                            "is this a server of the grid? If it is, " + mend);
     }
     report_.ok("  server", name + ", until " + last_day(peer));
-    if (probe.complaint.empty() && probe.offers_external)
-      return report_.ok("  accepts you", "by your certificate (SASL EXTERNAL)");
-    report_.fault("  accepts you", probe.complaint.empty() ? "it does not accept your certificate" : probe.complaint,
-                  "the authority of your certificate must be one that the server trusts; " + enroll());
+    if (probe.accepts_user) return report_.ok("  accepts you", "by your certificate (SASL EXTERNAL)");
+    report_.fault("  accepts you", probe.complaint,
+                  "the certificate must be the user's, and its authority one that the server trusts; " + enroll());
   }
 
   const Context &context_;

@@ -1,5 +1,6 @@
 // qlk: the grid from the command line.
 #include <CLI/App.hpp>
+#include <cctype>
 #include <csignal>
 #include <cstdlib>
 
@@ -20,7 +21,7 @@
 namespace {
 
 constexpr char kDescription[] =
-    "The message grid from the command line: joins it, looks at it, sends and answers. Each command has its own --help.";
+    "The message grid from the command line: joins it, looks at it, sends and answers. Each command has its own --help";
 
 constexpr char kFooter[] =
     "Begin with:\n"
@@ -48,13 +49,24 @@ int run(tool::Context &context) {
   }
 }
 
-int report_usage(const CLI::App &app, const CLI::ParseError &error) {
+std::string lower_first(std::string text) {
+  if (text.size() > 1 && std::islower(static_cast<unsigned char>(text[1])) != 0) {
+    text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
+  }
+  return text;
+}
+
+int report_usage(const CLI::App &app, const CLI::ParseError &error, const char *first) {
   if (error.get_exit_code() == 0) {
     std::fputs(app.help().c_str(), stdout);
     return 0;
   }
   const auto chosen = app.get_subcommands();
-  tool::complain(error.what(), "See: qlk " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help");
+  const bool is_unknown = chosen.empty() && first != nullptr && *first != '-';
+  const std::string what = first == nullptr ? "which command?"
+                           : is_unknown     ? std::string("there is no command '") + first + "'"
+                                            : lower_first(error.what());
+  tool::complain(what, "See: qlk " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help");
   return exit_with(tool::ExitCode::usage);
 }
 
@@ -65,7 +77,7 @@ int main(int argc, char **argv) {
     CLI::App app(kDescription, "qlk");
     app.formatter(std::make_shared<tool::HelpFormatter>());
     app.set_help_flag("-h,--help", "Print this text and end");
-    app.set_version_flag("--version", QLK_VERSION);
+    app.set_version_flag("--version", QLK_VERSION, "Print the version and end");
     app.require_subcommand(1);
     app.footer(std::string(kFooter) + "\n\n" + tool::kExitCodes);
     tool::Context context;
@@ -87,7 +99,7 @@ int main(int argc, char **argv) {
       std::puts("qlk " QLK_VERSION);
       return 0;
     } catch (const CLI::ParseError &error) {
-      return report_usage(app, error);
+      return report_usage(app, error, argv[1]);
     }
     return run(context);
   } catch (const std::exception &error) {

@@ -95,6 +95,17 @@ std::string help_entry(const std::string &left, const std::string &description) 
   return out.append(wrapped(description, kHelpColumn, kHelpColumn)).append("\n");
 }
 
+std::string usage_of(const CLI::App &app) {
+  if (!app.get_subcommands({}).empty()) return "Usage: qlk COMMAND [OPTION...] [ARGUMENT...]";
+  std::string usage = "Usage: qlk " + app.get_name() + " [OPTION...]";
+  for (const CLI::Option *option : app.get_options()) {
+    if (!option->get_positional()) continue;
+    const std::string name = option->get_name(true) + (option->get_items_expected_max() > 1 ? "..." : "");
+    usage.append(" ").append(option->get_required() ? name : "[" + name + "]");
+  }
+  return usage;
+}
+
 void add_connection_options(CLI::App &command, ConnectionOptions &options) {
   const auto in_group = [](CLI::Option *option) { return option->group("Connection"); };
   in_group(command
@@ -131,12 +142,31 @@ void add_connection_options(CLI::App &command, ConnectionOptions &options) {
 
 }  // namespace
 
-HelpFormatter::HelpFormatter() {
-  label("REQUIRED", "(required)");
-  label("Positionals", "Arguments");
-}
+HelpFormatter::HelpFormatter() { label("REQUIRED", ""); }
 
-std::string HelpFormatter::make_description(const CLI::App *app) const { return wrapped(app->get_description(), 0, 0) + "\n"; }
+std::string HelpFormatter::make_help(const CLI::App *app, std::string, CLI::AppFormatMode) const {
+  std::string help = wrapped(app->get_description() + ".", 0, 0) + "\n\n" + usage_of(*app) + "\n";
+  const auto section = [&](const std::string &title, const std::string &entries) {
+    if (!entries.empty()) help.append("\n").append(title).append(":\n").append(entries);
+  };
+  std::string entries;
+  for (const CLI::App *command : app->get_subcommands({})) {
+    const std::string &text = command->get_description();
+    entries += help_entry(command->get_name(), text.substr(0, text.find(". ")));
+  }
+  section("Commands", entries);
+  const auto options_of = [&](const std::string &group, bool is_positional) {
+    std::string list;
+    for (const CLI::Option *option : app->get_options()) {
+      if (option->get_group() == group && option->get_positional() == is_positional) list += make_option(option, is_positional);
+    }
+    return list;
+  };
+  section("Arguments", options_of("Options", true));
+  section("Options", options_of("Options", false));
+  section("Connection", options_of("Connection", false));
+  return help + "\n" + app->get_footer() + "\n";
+}
 
 std::string HelpFormatter::make_option_opts(const CLI::Option *option) const {
   return option->get_type_name().empty() ? "" : " " + option->get_type_name();
@@ -150,11 +180,6 @@ std::string HelpFormatter::make_option(const CLI::Option *option, bool is_positi
     name += make_option_opts(option);
   }
   return help_entry(name, option->get_description());
-}
-
-std::string HelpFormatter::make_subcommand(const CLI::App *command) const {
-  const std::string &text = command->get_description();
-  return help_entry(command->get_name(), text.substr(0, text.find(". ")));
 }
 
 Settings merge_settings(const ConnectionOptions &options) {

@@ -57,10 +57,9 @@ CLI::App *add_command(CLI::App &app, Context &context, const std::string &name, 
 class HelpFormatter : public CLI::Formatter {
  public:
   HelpFormatter();
-  std::string make_description(const CLI::App *app) const override;
+  std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override;
   std::string make_option(const CLI::Option *option, bool is_positional) const override;
   std::string make_option_opts(const CLI::Option *option) const override;
-  std::string make_subcommand(const CLI::App *command) const override;
 };
 
 }  // namespace tool

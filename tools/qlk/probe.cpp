@@ -71,11 +71,11 @@ std::string tls_reason(const char *otherwise) {
 class Prober {
  public:
   Prober(const std::string &host, const Settings &settings, const Stop &stop, Probe &probe)
-      : host_(host), settings_(settings), stop_(stop), probe_(probe) {}
+      : endpoint_(split(host)), settings_(settings), stop_(stop), probe_(probe) {}
 
-  void run() {
-    endpoint_ = split(host_);
+  void run(const std::function<void(const std::string &)> &on_address) {
     connect();
+    on_address(probe_.address);
     begin_deadline();
     send(kOpening);
     if (receive_until("</stream:features>").find("<starttls") == std::string::npos) throw Complaint{"it offers no TLS"};
@@ -86,10 +86,25 @@ class Prober {
     if (probe_.verification != X509_V_OK || !probe_.bears_name) return;
     begin_deadline();
     send(kOpening);
-    probe_.offers_external = receive_until("</stream:features>").find(">EXTERNAL<") != std::string::npos;
+    if (receive_until("</stream:features>").find(">EXTERNAL<") == std::string::npos) {
+      throw Complaint{"it does not offer to know you by your certificate (SASL EXTERNAL)"};
+    }
+    authenticate();
   }
 
  private:
+  void authenticate() {
+    const std::string &user = settings_.values.user;
+    std::string encoded(4 * (user.size() / 3 + 1) + 1, '\0');
+    EVP_EncodeBlock(reinterpret_cast<unsigned char *>(encoded.data()), reinterpret_cast<const unsigned char *>(user.data()),
+                    static_cast<int>(user.size()));
+    encoded.resize(encoded.find('\0'));
+    send("<auth xmlns='urn:ietf:params:xml:ns:xmpp-sasl' mechanism='EXTERNAL'>" + encoded + "</auth>");
+    const std::string reply = receive_until(">");
+    probe_.accepts_user = reply.starts_with("<success");
+    if (!probe_.accepts_user) throw Complaint{"it does not accept you: your certificate, or that it is yours"};
+  }
+
   void begin_deadline() { deadline_ = Clock::now() + std::chrono::seconds(settings_.values.timeout_seconds); }
 
   void wait(short events, const char *what) {
@@ -229,11 +244,10 @@ class Prober {
     probe_.tls = std::string(SSL_get_version(tls_.get())) + ", " + SSL_get_cipher_name(tls_.get());
   }
 
-  const std::string &host_;
+  const Endpoint endpoint_;
   const Settings &settings_;
   const Stop &stop_;
   Probe &probe_;
-  Endpoint endpoint_;
   Clock::time_point deadline_;
   Descriptor socket_;
   Context context_;
@@ -242,10 +256,11 @@ class Prober {
 
 }  // namespace
 
-Probe probe_host(const std::string &host, const Settings &settings, const Stop &stop) {
+Probe probe_host(const std::string &host, const Settings &settings, const Stop &stop,
+                 const std::function<void(const std::string &address)> &on_address) {
   Probe probe;
   try {
-    Prober(host, settings, stop, probe).run();
+    Prober(host, settings, stop, probe).run(on_address);
   } catch (const Complaint &complaint) {
     probe.complaint = complaint.text;
   }

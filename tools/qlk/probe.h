@@ -4,6 +4,7 @@
 
 #include <openssl/ssl.h>
 
+#include <functional>
 #include <string>
 
 #include "certificates.h"
@@ -17,12 +18,14 @@ struct Probe {
   Certificate peer;         // the server's
   long verification = 0;    // what the check of its chain said: X509_V_OK, or a fault
   bool bears_name = false;  // it is made out for the grid's domain or for the host
-  bool offers_external = false;
+  bool accepts_user = false;
   std::string complaint;  // why it went no further; empty when it went all the way
 };
 
-// Connects, asks for TLS, and shows our certificate once the server has proved who it is. Each step may take the time-out of the
-// settings. Throws Stopped at the end's request.
-Probe probe_host(const std::string &host, const Settings &settings, const Stop &stop);
+// Connects, asks for TLS, and shows our certificate and name once the server has proved who it is. Each step may take the
+// time-out of the settings. Throws Stopped at the end's request. on_address is called once an address has answered, before the
+// rest is looked at.
+Probe probe_host(const std::string &host, const Settings &settings, const Stop &stop,
+                 const std::function<void(const std::string &address)> &on_address);
 
 }  // namespace tool

@@ -168,9 +168,10 @@ void add_serve_command(CLI::App &app, Context &context) {
       add_command(app, context, "serve", "Publishes a capability and answers its queries, by running a command or from a file",
                   "  qlk serve Weather --element day -- ./forecast.sh --short\n"
                   "  qlk serve Weather --element day --file sunny.xml\n"
-                  "The command gets the question as XML on its standard input and prints the answer;\n"
-                  "$QLK_CAPABILITY, $QLK_ELEMENT and $QLK_SENDER tell it more. Without an answer the\n"
-                  "one who asked waits in vain.",
+                  "\n"
+                  "The command gets the question as XML on its standard input and prints the\n"
+                  "answer. $QLK_CAPABILITY, $QLK_ELEMENT and $QLK_SENDER tell it more. Without an\n"
+                  "answer the one who asked waits in vain.",
                   [&context, options](Stop &stop) -> ExitCode { run(context, *options, stop); });
   add_capability_options(*command, options->capability);
   command->add_option("COMMAND", options->command, "The command with its arguments; put -- before it")->type_name("");

@@ -31,6 +31,7 @@ const char *hint_for(const std::string &reason) {
   const auto has = [&](const char *part) { return reason.find(part) != std::string::npos; };
   if (has("cannot resolve")) return "Is the name right? It stands under hosts in the profile, or after --host.";
   if (has("cannot connect to")) return "Is the grid up, and is this its port? A local grid tells: quillon-grid status";
+  if (has("another address")) return "The certificate is another user's: 'qlk doctor' compares them.";
   if (has("certificate is refused") || has("SASL") || has("authenticate us"))
     return "'qlk doctor' says what is wrong and how to mend it.";
   return "'qlk doctor' looks at each part in turn.";
@@ -178,8 +179,8 @@ void Session::hear_tls(const SSL *ssl) {
   report_locked(Step::tls, std::string(SSL_get_version(ssl)) + ", " + SSL_get_cipher_name(ssl));
   X509 *peer = SSL_get0_peer_certificate(ssl);
   if (peer == nullptr) return;
-  report_locked(Step::peer, printable(name_of(X509_get_subject_name(peer)) + ", vouched for by " +
-                                      name_of(X509_get_issuer_name(peer)) + ", until " + last_day(peer)));
+  report_locked(Step::peer, printable(name_of(X509_get_subject_name(peer))) + ", until " + last_day(peer));
+  report_locked(Step::authority, printable(name_of(X509_get_issuer_name(peer))));
 }
 
 void Session::hear_address(const std::string &address) {
@@ -271,7 +272,7 @@ Failure Session::explain(QUILLON_STATUS status) const {
   }
   if (!has_session_) return {ExitCode::timed_out, host_ + " does not answer", hint_for("")};
   const std::string &why = !refusal_.empty() ? refusal_ : !condition_.empty() ? condition_ : end_reason_;
-  return {exit_code_of(status), "cannot join the grid at " + host_ + ": " + (why.empty() ? text_of(status) : why)};
+  return {exit_code_of(status), "cannot join the grid at " + host_ + ": " + (why.empty() ? text_of(status) : why), hint_for(why)};
 }
 
 bool Session::is_lost() const {

@@ -17,7 +17,7 @@
 
 namespace tool {
 
-enum class Step { host, address, tls, peer, sasl, session, account };
+enum class Step { host, address, tls, peer, authority, sasl, session, account };
 
 // Called for each step that succeeded, on several threads but never on two at once.
 using Report = std::function<void(Step, const std::string &)>;

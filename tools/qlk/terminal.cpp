@@ -144,10 +144,10 @@ std::string ask_secret(const std::string &question, const Stop &stop) {
     throw Failure(ExitCode::usage, "the key needs a pass phrase, and there is no terminal to ask for it",
                   "Give it with --passphrase-fd N, or name a file in the profile: passphrase_file = \"...\"");
   }
-  dprintf(terminal.get(), "%s: ", question.c_str());
   std::string secret;
   {
-    const Silence silence(terminal.get());
+    const Silence silence(terminal.get());  // before the question: what is typed at once must not show either
+    dprintf(terminal.get(), "%s: ", question.c_str());
     secret = read_secret(terminal.get(), stop);
   }
   dprintf(terminal.get(), "\n");

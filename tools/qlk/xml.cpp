@@ -50,7 +50,11 @@ std::string to_xml(const wb_dom_node *node) {
   wb_err err = {};
   if (!wb_serialize_xml(node, &xml, &length, &err)) throw Failure(ExitCode::bad_data, "a payload cannot be written as XML");
   const Text owned(xml, &std::free);
-  return std::string(xml, length);
+  std::string text(xml, length);
+  // What was cut out of a stanza still denies the stanza's namespace.
+  const std::string denial = std::string("<") + wb_dom_get_localname(node) + " xmlns=\"\"";
+  if (text.starts_with(denial)) text.erase(denial.size() - sizeof " xmlns=\"\"" + 1, sizeof " xmlns=\"\"" - 1);
+  return text;
 }
 
 std::string to_xml_line(const wb_dom_node *node) {
