@@ -9,11 +9,12 @@ case $standard in c++*) language=c++ pattern='*.h*' ;; esac
 
 includes=()
 for folder in "$@"; do includes+=("-I$folder"); done
+strict=(-fsyntax-only -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
 seen=0
 failed=0
 while IFS= read -r header; do
   seen=$((seen + 1))
-  "$compiler" -x "$language" "-std=$standard" -fsyntax-only -Wall -Wextra -Wpedantic -Werror "${includes[@]}" -include "$header" - <<<'typedef int no_empty_file;' || {
+  "$compiler" -x "$language" "-std=$standard" "${strict[@]}" "${includes[@]}" -include "$header" - <<<'typedef int no_empty_file;' || {
     echo "does not compile alone as $standard: $header"
     failed=1
   }
