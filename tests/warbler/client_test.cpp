@@ -750,6 +750,29 @@ INSTANTIATE_TEST_SUITE_P(Callbacks, ClientDestroyed,
                            return test.param == kConnected ? std::string("connected") : std::string(test.param);
                          });
 
+TEST(ClientDestroy, FromAFunctionOfTheMechanism) {
+  static TestClient *client = nullptr;
+  static int cleaned = 0;
+  const wb_sasl_mech_functions functions{
+      [](wb_sasl_mech_instance *, wb_htable *, wb_err *) { return true; }, [](wb_sasl_mech_instance *) { ++cleaned; },
+      [](wb_sasl_mech_instance *instance, uint8_t *, size_t, wb_sasl_complete complete, wb_err *) {
+        client->destroy();
+        complete(instance, nullptr, 0, false, true, WB_SASL_ERR_NONE);
+        return true;
+      },
+      nullptr};
+  const FakeServer server(server_options());
+  test_support::ClientSettings settings = client_settings();
+  settings.mechanism = &functions;
+  TestClient made(std::move(settings));
+  client = &made;
+  ASSERT_TRUE(made.connect(server.host()));
+  ASSERT_TRUE(made.wait_for("destroyed")) << made.all();
+  made.loop().run([] {});
+  EXPECT_EQ(Records{"destroyed"}, made.records());
+  EXPECT_EQ(1, cleaned);
+}
+
 TEST(ClientDestroy, FunctionsBoundBehindTheOneThatDestroysAreNotCalled) {
   FakeServer server(server_options());
   TestClient client(client_settings());

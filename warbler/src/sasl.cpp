@@ -3,14 +3,15 @@
 #include <warbler/data.h>
 
 #include <cstring>
+#include <utility>
 
 #include "base64.h"
 #include "guard.h"
 
 namespace wb {
 
-SaslExchange::~SaslExchange() {
-  if (initialised_ && mech_.functions.clean != nullptr) mech_.functions.clean(&instance_);
+void SaslExchange::end() {
+  if (std::exchange(initialised_, false) && mech_.functions.clean != nullptr) mech_.functions.clean(&instance_);
 }
 
 bool SaslExchange::start(wb_htable *config, SaslOutput &out, wb_err *err) {

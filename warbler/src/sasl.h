@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "loop_gate.h"
+
 struct wb_sasl_mech {
   std::string name;
   wb_sasl_mech_functions functions;
@@ -35,11 +37,11 @@ struct SaslOutput {
   wb_sasl_error error = WB_SASL_ERR_NONE;
 };
 
-// One exchange by one mechanism. The factory must outlive it.
-class SaslExchange {
+// One exchange by one mechanism. The factory must live until it is over.
+class SaslExchange final : public Buriable {
  public:
   explicit SaslExchange(const wb_sasl_mech &mech) : mech_(mech) { instance_.exchange = this; }
-  ~SaslExchange();
+  ~SaslExchange() { end(); }
   SaslExchange(const SaslExchange &) = delete;
   SaslExchange &operator=(const SaslExchange &) = delete;
 
@@ -52,6 +54,8 @@ class SaslExchange {
   // The server's success, with what it added in base64, or "". False when the mechanism does not agree: it knows best whether the
   // server has proved what it had to.
   bool succeed(std::string_view added_base64, wb_err *err);
+  // Nothing of the mechanism is called from here on.
+  void end();
 
  private:
   static void complete(wb_sasl_mech_instance *instance, uint8_t *out, size_t length, bool needs_base64, bool done,

@@ -360,9 +360,15 @@ void Session::drop_link() {
   gate_->bury(std::move(writable_));
   gate_->bury(std::move(link_));
   tls_session_ = {};
-  sasl_.reset();
+  end_sasl();
   sending_.clear();
   sent_ = 0;
+}
+
+// A function of the mechanism may be the caller.
+void Session::end_sasl() {
+  if (sasl_ != nullptr) sasl_->end();
+  gate_->bury(std::move(sasl_));
 }
 
 // ---- Time

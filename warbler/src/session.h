@@ -99,6 +99,7 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   bool is_all_written() const { return sent_ == sending_.size() && link_->waiting() == 0; }
   void on_lost(wb_errcode code, const std::string &reason);
   void drop_link();
+  void end_sasl();
   void close_stream(wb_errcode reason);
   void leave(std::string_view last_words, wb_errcode code, const std::string &reason, wb_dom_node *error = nullptr);
   void log_end(wb_errcode code, std::string_view reason) const;
@@ -174,7 +175,7 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   LoopEvent more_;  // goes on where a pass has done its share
   bool more_to_read_ = false, more_to_write_ = false;
   StreamParser parser_;
-  std::unique_ptr<SaslExchange> sasl_;
+  std::shared_ptr<SaslExchange> sasl_;
   size_t mechanism_ = 0;              // the one in use, by its place in the factory
   std::vector<std::string> offered_;  // the server's mechanisms
   wb_tls_session tls_session_{};

@@ -173,8 +173,11 @@ bool Session::make_auth(size_t mechanism, std::string &auth) {
   wb_err err{};
   SaslOutput output;
   mechanism_ = mechanism;
-  sasl_ = std::make_unique<SaslExchange>(*options_.factory->mechs[mechanism]);
-  if (!sasl_->start(options_.table, output, &err)) {
+  end_sasl();
+  sasl_ = std::make_shared<SaslExchange>(*options_.factory->mechs[mechanism]);
+  const bool started = sasl_->start(options_.table, output, &err);
+  if (sasl_ == nullptr) return false;  // the mechanism has destroyed the client
+  if (!started) {
     wb_log_err(WB_LOG_ERROR, &err, "SASL mechanism");
     end(WB_ERR_NOT_AUTHORIZED, "the SASL mechanism failed");
     return false;
@@ -248,7 +251,9 @@ void Session::on_authenticating(wb_dom_node *stanza) {
 void Session::on_challenge(wb_dom_node *challenge) {
   wb_err err{};
   SaslOutput output;
-  if (sasl_ == nullptr || !sasl_->step(text_of(challenge), output, &err)) {
+  const bool answered = sasl_ != nullptr && sasl_->step(text_of(challenge), output, &err);
+  if (has_ended()) return;
+  if (!answered) {
     wb_log_err(WB_LOG_ERROR, &err, "SASL challenge");
     std::string abort = "<abort xmlns='";
     write(abort.append(ns::kSasl).append("'/>"));
@@ -263,7 +268,9 @@ void Session::on_challenge(wb_dom_node *challenge) {
 
 void Session::on_success(wb_dom_node *success) {
   wb_err err{};
-  if (sasl_ == nullptr || !sasl_->succeed(text_of(success), &err)) {
+  const bool agreed = sasl_ != nullptr && sasl_->succeed(text_of(success), &err);
+  if (has_ended()) return;
+  if (!agreed) {
     wb_log_err(WB_LOG_ERROR, &err, "SASL success");
     return end(WB_ERR_NOT_AUTHORIZED, "the SASL mechanism does not agree to the server's success");
   }
@@ -293,7 +300,7 @@ std::string bind_request(const std::string &resource) {
 }  // namespace
 
 void Session::begin_binding() {
-  sasl_.reset();
+  end_sasl();
   state_ = State::binding;
   open_stream(step_by_step_ ? std::string() : bind_request(options_.resource));
 }

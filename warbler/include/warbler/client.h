@@ -6,7 +6,7 @@
  * Ownership. wb_client_send_stanza and wb_client_track_iq consume one reference of the stanza's context, whether they succeed or
  * fail. A received stanza belongs to the client for the length of the event or callback; who wants it longer retains its context.
  *
- * Events (wb_client_event), all raised on the loop:
+ * Events (wb_client_event), all raised on the loop; their source is the client (wb_client *):
  *   "clientConnected"         the session is up: bound and ready for stanzas; data is the full JID in force (const char *)
  *   "clientDisconnected"      the session or the attempt has ended, exactly once for each connect; data is the stream error
  *                             element (wb_dom_node *) or NULL; every tracked IQ has been called back before
@@ -30,9 +30,21 @@
  * and, all optional, as decimal texts:
  *   "max_stanza_bytes" (4194304), "max_depth" (256), "max_attributes" (256)   limits of what is received
  *   "max_queue_bytes" (67108864)      bytes that may wait to be written before a send is refused
- *   "connect_timeout_seconds" (45)    name resolution, TCP, TLS, SASL and binding together
+ *   "connect_timeout_seconds" (45)    name resolution, TCP, TLS, SASL and binding together; a server that does not bear being
+ *                                     asked several things at once is asked a second time within it
  *   "idle_probe_seconds" (60)         a link that was silent for so long is probed; after as long again without an answer it
- *                                     is ended */
+ *                                     is ended; the client itself is never silent for so long, nor for as long as the server
+ *                                     announces to bear (the idle-seconds of its stream limits)
+ *
+ * Lifetime of the table. Texts, numbers and the hooks that the variables hold are copied before wb_client_connect returns. Three
+ * things are borrowed: the table itself, which mechanisms are given; the factory; and whatever the hooks' arguments point to. An
+ * attempt uses them until it has ended, by "clientConnected" or "clientDisconnected"; until then the table must not be changed
+ * on another thread than the loop. A session that is up uses none of them.
+ *   With "client_reconnect_countdown" the client begins further attempts by itself, with the same table, factory and arguments.
+ * All three must then stay from wb_client_connect on, while a session is up too, until one of these: a wb_client_disconnect has
+ * returned and the "clientDisconnected" of what it ended, if there was anything, has been raised; a wb_client_connect with another
+ * table was called later, and its first event has come after the "clientDisconnected" of what it replaced, if there was anything;
+ * wb_client_destroy has returned. */
 #ifndef WARBLER_CLIENT_H
 #define WARBLER_CLIENT_H
 
@@ -67,21 +79,20 @@ WB_API bool wb_client_create(wb_workq *queue, wb_client **out, wb_err *err);
  * runs. Any thread. NULL is harmless. */
 WB_API void wb_client_destroy(wb_client *client);
 
-/* Checks the configuration and starts to connect on the loop; the outcome comes as an event. The table must live until the
- * attempt has ended, because mechanisms and hooks read it. A client that is connected or half connected drops its old session
- * first. Never blocks. Fails with WB_ERR_INVALID_ARG (NULL, or a key that is missing), WB_ERR_BAD_FORMAT (host, JID or number) or
+/* Checks the configuration and starts to connect on the loop; the outcome comes as an event. How long the table must live is told
+ * at the top. A client that is connected or half connected drops its old session first. Never blocks. Fails with WB_ERR_INVALID_ARG (NULL, or a key that is missing), WB_ERR_BAD_FORMAT (host, JID or number) or
  * WB_ERR_NO_MEMORY; nothing has begun then and no event follows. */
 WB_API bool wb_client_connect(wb_client *client, wb_htable *config, wb_err *err);
 
-/* Ends the session: writes what waits, closes the stream, waits briefly for the server's closing tag, and raises
- * "clientDisconnected". reason is logged; WB_ERR_NONE is an ordinary end. On the loop. On a client without a session it only
- * cancels a reconnect countdown. */
+/* Ends the session: writes what waits, for at most five seconds, closes the stream, waits two seconds at most for the server's
+ * closing tag, and raises "clientDisconnected". What is sent from the moment of the call is refused. reason is logged; WB_ERR_NONE
+ * is an ordinary end. On the loop. On a client without a session it only cancels a reconnect countdown. */
 WB_API void wb_client_disconnect(wb_client *client, wb_errcode reason);
 
 /* Sends a stanza. It is written in the next pass of the loop, with all others of that pass; success means that it will be written
- * if the session lives. Any thread; never blocks. Fails with WB_ERR_INVALID_STATE (no session), WB_ERR_BAD_FORMAT (text that is
- * no XML, or over the limit that the server announced), WB_ERR_NO_MEMORY (more than max_queue_bytes wait). Consumes one reference
- * of the context. */
+ * if the session lives. Any thread; never blocks. Fails with WB_ERR_INVALID_STATE (no session, or one that is ending),
+ * WB_ERR_BAD_FORMAT (text that is no XML, or over the limit that the server announced), WB_ERR_NO_MEMORY (more than
+ * max_queue_bytes wait). Consumes one reference of the context. */
 WB_API bool wb_client_send_stanza(wb_client *client, wb_dom_node *stanza, wb_err *err);
 
 /* Receives the answer of a tracked IQ, a result or an error; NULL: none came in time, or the session ended. Called exactly once.
