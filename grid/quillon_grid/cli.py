@@ -87,6 +87,8 @@ def run_up(grid, options):
     if options.lifeline and not options.foreground:
         raise GridError("--lifeline goes with --foreground", 2)
     fresh = grid.up(options.port, options.approval, options.controller, options.domain)
+    if options.foreground and fresh:
+        grid.heed_signals()  # before anybody is told that the grid is up, and may end it
     print(f"the grid is {'up' if fresh else 'up already'} at {grid.host} in {grid.folder}", flush=True)
     if not options.foreground:
         return 0

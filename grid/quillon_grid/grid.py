@@ -45,6 +45,7 @@ class Grid:
         self.folder = os.path.abspath(folder)
         self.children = {}
         self.exit_codes = {}
+        self.stops = []  # the signals received, once they are heeded
         self.state = {"domain": None, "port": None, "approval": "auto", "server": None, "controller": None, "server_wanted": False,
                       "bulk": None, "bulk_port": None}
         self.load()
@@ -280,14 +281,16 @@ class Grid:
 
     # --- in the foreground
 
+    def heed_signals(self):
+        """From now on a signal ends watch, in order, and not the process."""
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            signal.signal(number, lambda received, _: self.stops.append(received))
+
     def watch(self, lifeline):
         """Stays until a signal, until another command takes the grid down, or, with the lifeline, until standard input ends. Returns the
         exit code; the grid is down then."""
-        stops = []
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, lambda received, _: stops.append(received))
         complaint = None
-        while not stops and complaint is None:
+        while not self.stops and complaint is None:
             readable, _, _ = select.select([sys.stdin] if lifeline else [], [], [], 0.2)
             if readable and os.read(sys.stdin.fileno(), 4096) == b"":
                 break
