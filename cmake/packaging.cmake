@@ -12,7 +12,7 @@ set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime development)
-if(QLK_BUILD_GRID)
+if(QLK_BUILD_GRID OR QLK_BUILD_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
@@ -23,7 +23,8 @@ set(CPACK_LIBQLK_COPYRIGHT ${PROJECT_SOURCE_DIR}/cmake/packaging_copyright.txt)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS $<TARGET_FILE_DIR:qlk_shared> $<TARGET_FILE_DIR:warbler_shared>)
+# Where the libraries of the other package are found while this one is made; the dependency on it stands below.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/warbler)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
@@ -58,9 +59,10 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "prosody, prosody-modules")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "commands for message grids over XMPP
 An application joins a message grid with libqlk.
 .
-This package holds its commands. quillon-grid runs a whole grid on one
-machine, for development and tests: an XMPP server of its own, the controller
-and the bulk service. The server is Prosody, which is recommended and not
-required.")
+This package holds its commands. qlk looks at a grid, asks, answers, publishes
+and subscribes, and finds out why a connection fails. quillon-grid runs a
+whole grid on one machine, for development and tests: an XMPP server of its
+own, the controller and the bulk service. The server is Prosody, which is
+recommended and not required.")
 
 include(CPack)

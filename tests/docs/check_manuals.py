@@ -32,6 +32,12 @@ def text_of(page):
     return re.sub(r".\x08", "", text)
 
 
+def options_of(text):
+    """The options that a --help lists: those at the beginning of indented lines, and not what its examples pass to other programs."""
+    rows = re.findall(r"^ {1,6}(-\S.*?)(?: {2,}|$)", text, flags=re.M)
+    return {option for row in rows for option in OPTION.findall(row)}
+
+
 def help_of(*command):
     code, text, errors = run(*command, "--help", COLUMNS="200", NO_COLOR="1")
     if code != 0 or not text:
@@ -70,7 +76,7 @@ def check(page, command):
     complaints = [f"{page}: {fault}" for fault in faults(page)]
     text = text_of(page)
     top = help_of(command)
-    general = set(OPTION.findall(top))
+    general = options_of(top)
     names = subcommands(top)
     if len(names) < 3:
         complaints.append(f"{command} --help: hardly a subcommand found: {names}")
@@ -86,7 +92,7 @@ def check(page, command):
             continue
         # An option that several commands share is described once, for all of them, outside their sections.
         outside = set(OPTION.findall(shared_part(text, names)))
-        for option in sorted(set(OPTION.findall(help_of(command, name))) - {"-h", "--help"}):
+        for option in sorted(options_of(help_of(command, name)) - {"-h", "--help"}):
             count += 1
             if option not in OPTION.findall(section) and option not in outside:
                 complaints.append(f"{page}: {name}: {option} is not described")

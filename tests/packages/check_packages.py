@@ -7,7 +7,6 @@ import os
 import pathlib
 import re
 import shutil
-import stat
 import subprocess
 import sys
 import unittest
@@ -205,8 +204,10 @@ class Use(unittest.TestCase):
                 program = pathlib.Path(os.readlink(f"/proc/{state[name]['pid']}/exe"))
                 self.assertTrue(program.is_relative_to(self.usr), f"{name}: {program}")
             self.assertIn("ready", grid("status"))
-            certificate, _ = grid("enroll", "alice").split("\n")[:2]
-            self.assertTrue(stat.S_ISREG(os.stat(certificate).st_mode))
+            profile = grid("enroll", "alice").split("\n")[2]
+            told = run("qlk", "connect", "--profile", profile, env=self.environment, cwd=WORK)
+            self.assertRegex(told, r"session +alice@")
+            self.assertRegex(told, r"account +approved")
         finally:
             grid("down")
         for name in ("server", "controller", "bulk"):
