@@ -81,6 +81,7 @@ bool ClientCore::connect(wb_htable *config, wb_err *err) {
   item->core = weak_from_this();
   item->gate = gate_;
   item->run = [this, options] {
+    wanted_ = false;
     cancel_countdown();
     if (session_ != nullptr) session_->end(WB_ERR_NONE, "the application connects anew");
     if (gate_->is_closed()) return;

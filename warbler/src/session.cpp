@@ -52,7 +52,7 @@ bool is_in_streams(const wb_dom_node *node, std::string_view name) {
 }  // namespace
 
 template <typename Function>
-void Session::run(Function &&function) noexcept {
+void Session::run(Function &&function) {
   if (has_ended()) return;
   const LogContext context(options_.host_text.c_str());
   const bool done = guarded(nullptr, __func__, [&] {
@@ -230,6 +230,18 @@ void Session::pump() {
   }
 }
 
+// What the owner has goes behind what is being written.
+void Session::take_last() {
+  std::string rest;
+  owner_.take_outgoing(rest);
+  if (sent_ != sending_.size()) {
+    sending_.append(rest);
+  } else {
+    sending_ = std::move(rest);
+    sent_ = 0;
+  }
+}
+
 void Session::on_all_written() {
   if (state_ == State::leaving) return tell_end(leaving_code_, leaving_error_);
   if (state_ != State::closing || tag_written_) return;
@@ -267,7 +279,7 @@ void Session::on_stanza(wb_dom_node *stanza) {
 }
 
 // The application may answer within its hook or from a pass of its own making.
-void Session::on_tls_answer(bool accept) noexcept {
+void Session::on_tls_answer(bool accept) {
   const LoopGate::Pass pass(gate_);
   if (pass) run([&] { go_on_after_accept(accept); });
 }
@@ -284,9 +296,7 @@ void Session::close_stream(wb_errcode reason) {
   wb_log(WB_LOG_VERBOSE, "closing the stream: %s", wb_err_message(reason));
   // Whatever was sent so far still goes before the closing tag.
   owner_.on_session_leaving();
-  std::string rest;
-  owner_.take_outgoing(rest);
-  write(rest);
+  take_last();
   write("</stream:stream>");
   if (has_ended()) return;
   state_ = State::closing;
@@ -307,9 +317,7 @@ void Session::leave(std::string_view last_words, wb_errcode code, const std::str
   parser_.stop();
   readable_->remove();
   owner_.on_session_leaving();
-  std::string rest;
-  owner_.take_outgoing(rest);
-  write(rest);
+  take_last();
   write(last_words);
   if (has_ended()) return;
   deadline_ = Clock::now() + kLeavingTime;

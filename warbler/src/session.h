@@ -83,7 +83,7 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   void on_stream_open(wb_dom_node *head) override;
   void on_stanza(wb_dom_node *stanza) override;
   void on_stream_close() override;
-  void on_tls_answer(bool accept) noexcept override;
+  void on_tls_answer(bool accept) override;
 
   // session.cpp: the socket and the end
   void resolve(const Endpoint &where);
@@ -95,6 +95,7 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   void on_parse_error(StreamError error);
   void write(std::string_view bytes);
   void pump();
+  void take_last();
   void on_all_written();
   bool is_all_written() const { return sent_ == sending_.size() && link_->waiting() == 0; }
   void on_lost(wb_errcode code, const std::string &reason);
@@ -111,7 +112,7 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   bool is_negotiating() const { return state_ < State::established; }
   // Runs a function that the loop calls; the session ends when memory runs out in it.
   template <typename Function>
-  void run(Function &&function) noexcept;
+  void run(Function &&function);
   void protocol_error(const char *what) { end(WB_ERR_PROTOCOL, what); }
   const char *state_name() const;
 

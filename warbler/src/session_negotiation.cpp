@@ -301,6 +301,7 @@ std::string bind_request(const std::string &resource) {
 
 void Session::begin_binding() {
   end_sasl();
+  if (has_ended()) return;
   state_ = State::binding;
   open_stream(step_by_step_ ? std::string() : bind_request(options_.resource));
 }

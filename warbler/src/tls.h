@@ -9,10 +9,10 @@
 
 namespace wb {
 
-// Who asked the accept hook and waits for its answer.
+// Who asked the accept hook and waits for its answer. Called from C: it lets no exception out.
 class TlsAsker {
  public:
-  virtual void on_tls_answer(bool accept) noexcept = 0;
+  virtual void on_tls_answer(bool accept) = 0;
 
  protected:
   ~TlsAsker() = default;
