@@ -7,6 +7,8 @@ The headers are written for people who read them: plain comments, terms set off 
   - a comment behind an enumerator or a field: its description; a field without one that the type's comment names refers to that;
   - lines of a term and, two blanks or more further on, its meaning: a list.
 Whatever has no comment stays without one, so that Doxygen complains of it.
+
+In C++ headers, which are commented in lines of //, it does so for what stands outside of functions.
 """
 
 import re
@@ -25,15 +27,35 @@ def escaped(text):
 
 def lines_of(comment):
     """The text of a comment, line by line, without its frame but with what it is indented beyond that."""
+    if comment.startswith("//"):
+        return [re.sub(r"^// ?", "", line).rstrip() for line in comment.split("\n")]
     text = re.sub(r"^/\*|\*/$", "", comment.strip())
     return [re.sub(r"^ ?\* ?| $", "", line).rstrip() if number else line.strip() for number, line in enumerate(text.split("\n"))]
+
+
+def is_code(lines):
+    """Whether a paragraph is an example: all of it is indented, and none of it is a term with its meaning."""
+    return all(line.startswith("  ") for line in lines) and not any(re.match(r"\s*\S.*?\s{2,}\S", line) for line in lines)
 
 
 def described(comment):
     """The comment as lines of Doxygen's markup."""
     output = []
+    paragraph = []
+    for line in [*lines_of(comment), ""]:
+        if line:
+            paragraph.append(line)
+            continue
+        output += ["@code", *paragraph, "@endcode"] if paragraph and is_code(paragraph) else paragraph_described(paragraph)
+        output.append("")
+        paragraph = []
+    return output[:-1]
+
+
+def paragraph_described(lines):
+    output = []
     in_list = False
-    for line in lines_of(comment):
+    for line in lines:
         text = line.strip()
         label = re.match(rf"({LABELS}):?(?:\s{{2,}}|(?<=:)\s+)(.*)", line)
         if label:
@@ -137,9 +159,66 @@ class Converter:
         return line
 
 
+class CppConverter:
+    """For C++: a stack of what the open braces belong to tells declarations from what functions do."""
+
+    MOVING = re.compile(r"\s*(\w+)\(\1 &&\w*\)|.*\boperator=\((\w+) &&\w*\)")
+
+    def __init__(self, text):
+        self.lines = text.split("\n")
+        self.scopes = []
+        self.statement = ""
+        self.output = []
+
+    def convert(self):
+        comment = []
+        shared = None  # the comment of the declaration before, when no blank line comes between
+        for line in [*self.lines, ""]:
+            if line.strip().startswith("//"):
+                comment.append(line.strip())
+                continue
+            begins = line.strip() and not self.statement.strip() and False not in self.scopes
+            is_declaration = begins and not line.lstrip().startswith(("}", "#", "namespace", "public:", "private:", "protected:"))
+            if comment and not self.output:
+                self.output += block("\n".join(comment), " @file")
+            elif comment and is_declaration:
+                shared = "\n".join(comment)
+                self.output += block(shared)
+            elif is_declaration and self.MOVING.match(line):
+                self.output += block("// Takes over what the other has, which is empty afterwards.")
+            elif is_declaration and shared:
+                self.output += block(shared)
+            elif False not in self.scopes and not line.strip():
+                shared = None
+            comment = []
+            # What is there for the layer's own derived classes is not for applications.
+            self.output.append(self.with_trailing_comment(line.replace("protected:", "private:")))
+            self.follow(line)
+        return "\n".join(self.output)
+
+    def with_trailing_comment(self, line):
+        trailing = re.match(r"(.*[;,])\s*// (.*)$", line)
+        if trailing is None or False in self.scopes:
+            return line
+        return f"{trailing.group(1)} /**< {' '.join(described('// ' + trailing.group(2))).strip()} */"
+
+    def follow(self, line):
+        """Keeps account of the braces; True is pushed for one that holds declarations."""
+        if line.startswith("#") or re.match(r"\s*(public|private|protected):", line):
+            return
+        code = re.sub(r'"(?:\\.|[^"\\])*"|\'(?:\\.|[^\'\\])*\'|//.*', "", line)
+        for character in code + "\n":
+            if character == "{":
+                self.scopes.append(re.search(r"\b(?:namespace|class|struct|enum|union)\b[^()=]*$", self.statement) is not None)
+            elif character == "}" and self.scopes:
+                self.scopes.pop()
+            self.statement = "" if character in "{};" else self.statement + character
+
+
 def main():
     with open(sys.argv[1], encoding="utf-8") as file:
-        print(Converter(file.read()).convert())
+        converter = CppConverter if sys.argv[1].endswith(".hpp") else Converter
+        print(converter(file.read()).convert())
 
 
 if __name__ == "__main__":

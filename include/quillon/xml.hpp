@@ -295,7 +295,9 @@ class child_range {
   // The children from that one on: those of its own name, or all.
   child_range(wb_dom_node *first, bool of_one_name) noexcept : first_(first), of_one_name_(of_one_name) {}
 
+  // The first child, for a loop over the range.
   iterator begin() const noexcept { return iterator(first_, of_one_name_ ? view(first_).name() : std::string_view()); }
+  // The end of the range.
   iterator end() const noexcept { return {}; }
   // True when there are none.
   bool empty() const noexcept { return first_ == nullptr; }
