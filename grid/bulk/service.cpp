@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <warbler/log.h>
 
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 
@@ -72,7 +73,11 @@ class Answer {
  private:
   static void on_timer(evutil_socket_t, short, void *self) { static_cast<Answer *>(self)->begin(); }
   static void on_drained(evhttp_connection *, void *self) { static_cast<Answer *>(self)->go_on(); }
-  static void on_close(evhttp_connection *, void *self) { delete static_cast<Answer *>(self); }
+  static void on_close(evhttp_connection *, void *self) {
+    const std::unique_ptr<Answer> answer(static_cast<Answer *>(self));
+    // A client that goes away takes the connection with it, but leaves the request to whoever is answering it.
+    if (evhttp_request_get_connection(answer->request_) == nullptr) evhttp_request_free(answer->request_);
+  }
 
   void begin() {
     evkeyvalq *const headers = evhttp_request_get_output_headers(request_);
