@@ -173,6 +173,15 @@ class Connect(Case):
         self.assertNotIn(ESCAPE, "".join(self.qlk(profile, "connect")))
         self.assertNotIn(ESCAPE, "".join(self.qlk(profile, "connect", "--host", "nothing.invalid", code=2)))
 
+    def test_an_output_that_fails(self):
+        profile = self.grid.member("ann")
+        for command in ("connect", "capabilities"):
+            with open("/dev/full", "w", encoding="ascii") as full:
+                done = subprocess.run([support.QLK, command], stdout=full, stderr=subprocess.PIPE, text=True, check=False, timeout=PATIENCE_SECONDS,
+                                      env=self.environment(profile))
+            self.assertEqual(7, done.returncode, done.stderr)
+            self.assertIn("cannot write to standard output", done.stderr)
+
 
 class Capabilities(Case):
     def test_from_the_proposal_on(self):
@@ -273,6 +282,13 @@ class Notifications(Case):
         publisher.process.stdin.flush()
         publisher.until(publisher.err, "successfully published")
         self.assertEqual(130, publisher.end())
+
+    def test_another_session_of_the_user(self):
+        ann = self.grid.member("ann")
+        subscriber = self.subscribed(ann, "Weather", "--reconnect")
+        self.qlk(ann, "connect")
+        self.assertEqual(2, subscriber.wait())
+        self.assertIn("another program has joined as ann", subscriber.err[-1])
 
     def test_a_session_that_is_lost(self):
         ann, bob = self.grid.member("ann"), self.grid.member("bob")

@@ -33,20 +33,25 @@ const char *title_of(Step step) {
   return "account";
 }
 
+// On the library's threads, through which nothing may be thrown: an output that fails is seen at the end.
 void print_step(Step step, const std::string &text) {
-  std::string title = title_of(step);
-  title.resize(11, ' ');
-  print_line(paint(stdout, Style::strong, title) + text);
-  flush_output();
+  try {
+    std::string title = title_of(step);
+    title.resize(11, ' ');
+    print_line(paint(stdout, Style::strong, title) + text);
+    flush_output();
+  } catch (...) {
+    std::clearerr(stdout);
+  }
 }
 
 // Until the user ends it; throws Failure when the session is lost.
-void stay(const Session &session, const Stop &stop) {
+void stay(Session &session, const Stop &stop) {
   for (;;) {
     pollfd waited[] = {{stop.descriptor(), POLLIN, 0}, {session.lost_descriptor(), POLLIN, 0}};
     poll(waited, 2, -1);
     stop.check();
-    if (session.is_lost()) throw Failure(ExitCode::no_connection, "the session is lost: " + session.lost_reason());
+    if (session.is_lost()) session.join_again(false, nullptr);
   }
 }
 

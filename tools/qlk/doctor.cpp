@@ -7,11 +7,11 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "certificates.h"
 #include "probe.h"
 #include "terminal.h"
+#include "text.h"
 
 namespace tool {
 
@@ -40,37 +40,20 @@ class Report {
     title.resize(kTextColumn - 7, ' ');
     const char *word = mark == Mark::ok ? "ok     " : mark == Mark::warning ? "note   " : "FAULT  ";
     const Style style = mark == Mark::ok ? Style::good : mark == Mark::warning ? Style::warning : Style::bad;
-    print_line(paint(stdout, style, word) + paint(stdout, Style::strong, title) + folded(printable(text)));
-    if (!mend.empty()) print_line(std::string(kTextColumn, ' ') + folded(printable("Mend: " + mend)));
+    print_line(paint(stdout, style, word) + paint(stdout, Style::strong, title) + folded(text));
+    if (!mend.empty()) print_line(std::string(kTextColumn, ' ') + folded("Mend: " + mend));
     flush_output();
   }
 
-  // Broken between words, so that it stands in its column.
   static std::string folded(const std::string &text) {
-    const size_t room = std::max<size_t>(terminal_width(stdout), kTextColumn + 20) - kTextColumn;
-    std::string out;
-    size_t used = 0;
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-      if (used != 0 && used + 1 + word.size() > room) {
-        out.append("\n").append(kTextColumn, ' ');
-        used = 0;
-      }
-      if (used != 0) out += ' ', ++used;
-      out += word;
-      used += word.size();
-    }
-    return out;
+    const size_t width = std::max(terminal_width(stdout), kTextColumn + 20);
+    return wrapped(printable(text), kTextColumn, kTextColumn, width);
   }
 
   unsigned faults_ = 0;
 };
 
-std::string joined(const std::vector<std::string> &texts) {
-  std::string list;
-  for (const std::string &text : texts) list.append(list.empty() ? "" : ", ").append(text);
-  return list.empty() ? "nobody" : list;
-}
+std::string names_or_nobody(const std::vector<std::string> &names) { return names.empty() ? "nobody" : joined(names); }
 
 std::string lower(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -146,7 +129,7 @@ class Doctor {
     std::vector<std::string> addresses = user_addresses(own);
     for (std::string &address : addresses) address = lower(address);
     if (std::find(addresses.begin(), addresses.end(), wanted) != addresses.end()) return report_.ok("user", wanted);
-    report_.fault("user", "the certificate is made out for " + joined(addresses) + ", not for " + wanted,
+    report_.fault("user", "the certificate is made out for " + names_or_nobody(addresses) + ", not for " + wanted,
                   "set the user that it is for, or take the certificate of this user");
   }
 
@@ -203,6 +186,7 @@ class Doctor {
     if (authorities.empty()) {
       return report_.fault("authorities", "there is no certificate in " + path, "it must be a PEM file of CA certificates");
     }
+    const unsigned before = report_.faults();
     for (const Certificate &authority : authorities) {
       const std::string name = name_of(X509_get_subject_name(authority.get()));
       if (is_expired(authority.get()))
@@ -210,6 +194,7 @@ class Doctor {
       if (X509_check_ca(authority.get()) == 0)
         report_.fault("authorities", name + " is no authority", "take the CA's own certificate");
     }
+    if (report_.faults() > before) return;
     const size_t count = authorities.size();
     report_.ok("authorities",
                count == 1 ? name_of(X509_get_subject_name(authorities.front().get())) : std::to_string(count) + " certificates");
@@ -220,7 +205,7 @@ class Doctor {
       report_.ok("host", host == address ? host : host + " is " + address);
     });
     if (probe.address.empty()) {
-      return report_.fault("host", host + ": " + probe.complaint,
+      return report_.fault("host", (probe.complaint.starts_with(host) ? "" : host + ": ") + probe.complaint,
                            "is the grid up, and is this its address? A local grid tells: quillon-grid status");
     }
     if (probe.tls.empty()) return report_.fault("  TLS", probe.complaint, "the port must be the one for XMPP clients");
@@ -239,9 +224,9 @@ class Doctor {
           "ca must hold the certificate of " + name_of(X509_get_issuer_name(peer)));
     }
     if (!probe.bears_name) {
-      return report_.fault("  server",
-                           "its certificate is made out for " + joined(server_names(peer)) + ", not for " QLK_GRID_DOMAIN,
-                           "is this a server of the grid? If it is, " + mend);
+      return report_.fault(
+          "  server", "its certificate is made out for " + names_or_nobody(server_names(peer)) + ", not for " QLK_GRID_DOMAIN,
+          "is this a server of the grid? If it is, " + mend);
     }
     report_.ok("  server", name + ", until " + last_day(peer));
     if (probe.accepts_user) return report_.ok("  accepts you", "by your certificate (SASL EXTERNAL)");

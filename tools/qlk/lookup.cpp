@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "terminal.h"
+#include "text.h"
 #include "xml.h"
 
 namespace tool {
@@ -41,12 +42,6 @@ std::vector<Definition> look_up_all(Session &session) {
   for (const wb_dom_node *child = wb_dom_get_first_child(response.get()); child != nullptr; child = wb_dom_get_sibling(child)) {
     if (std::string_view(wb_dom_get_localname(child)) == "capability") list.push_back(read_definition(child));
   }
-  return list;
-}
-
-std::string joined(const std::vector<std::string> &texts) {
-  std::string list;
-  for (const std::string &text : texts) list.append(list.empty() ? "" : ", ").append(text);
   return list;
 }
 

@@ -17,6 +17,7 @@
 #include "session.h"
 #include "subscribe.h"
 #include "terminal.h"
+#include "text.h"
 
 namespace {
 
@@ -28,6 +29,12 @@ constexpr char kFooter[] =
     "  quillon-grid up && quillon-grid enroll alice   a grid on this machine\n"
     "  export QLK_PROFILE=.grid/users/alice/profile.toml\n"
     "  qlk doctor && qlk connect";
+
+// In the order of the help.
+constexpr decltype(&tool::add_connect_command) kCommands[] = {
+    tool::add_doctor_command,    tool::add_connect_command,    tool::add_capabilities_command, tool::add_status_command,
+    tool::add_subscribe_command, tool::add_publish_command,    tool::add_query_command,        tool::add_serve_command,
+    tool::add_define_commands,   tool::add_authorized_command, tool::add_token_command,        tool::add_bulk_command};
 
 int exit_with(tool::ExitCode code) { return static_cast<int>(code); }
 
@@ -81,18 +88,7 @@ int main(int argc, char **argv) {
     app.require_subcommand(1);
     app.footer(std::string(kFooter) + "\n\n" + tool::kExitCodes);
     tool::Context context;
-    tool::add_doctor_command(app, context);
-    tool::add_connect_command(app, context);
-    tool::add_capabilities_command(app, context);
-    tool::add_status_command(app, context);
-    tool::add_subscribe_command(app, context);
-    tool::add_publish_command(app, context);
-    tool::add_query_command(app, context);
-    tool::add_serve_command(app, context);
-    tool::add_define_commands(app, context);
-    tool::add_authorized_command(app, context);
-    tool::add_token_command(app, context);
-    tool::add_bulk_command(app, context);
+    for (const auto add : kCommands) add(app, context);
     try {
       app.parse(argc, argv);
     } catch (const CLI::CallForVersion &) {

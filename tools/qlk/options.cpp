@@ -8,10 +8,10 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "certificates.h"
 #include "terminal.h"
+#include "text.h"
 
 namespace tool {
 
@@ -63,27 +63,6 @@ void expect_complete(const Settings &settings, Needs needs) {
                 "'quillon-grid enroll USER' writes one; name it with --profile FILE.");
 }
 
-// Breaks the text between words; all lines but the first are indented.
-std::string wrapped(const std::string &text, size_t first_column, size_t indent) {
-  std::string out;
-  size_t column = first_column;
-  std::istringstream words(text);
-  for (std::string word; words >> word;) {
-    const bool fits = column + 1 + word.size() <= kHelpWidth;
-    if (out.empty()) {
-      out = word;
-      column += word.size();
-    } else if (fits) {
-      out.append(" ").append(word);
-      column += 1 + word.size();
-    } else {
-      out.append("\n").append(indent, ' ').append(word);
-      column = indent + word.size();
-    }
-  }
-  return out;
-}
-
 // "  left      description", with the description in a column of its own.
 std::string help_entry(const std::string &left, const std::string &description) {
   std::string out = "  " + left;
@@ -92,7 +71,7 @@ std::string help_entry(const std::string &left, const std::string &description) 
   } else {
     out.append(kHelpColumn - out.size(), ' ');
   }
-  return out.append(wrapped(description, kHelpColumn, kHelpColumn)).append("\n");
+  return out.append(wrapped(description, kHelpColumn, kHelpColumn, kHelpWidth)).append("\n");
 }
 
 std::string usage_of(const CLI::App &app) {
@@ -145,7 +124,7 @@ void add_connection_options(CLI::App &command, ConnectionOptions &options) {
 HelpFormatter::HelpFormatter() { label("REQUIRED", ""); }
 
 std::string HelpFormatter::make_help(const CLI::App *app, std::string, CLI::AppFormatMode) const {
-  std::string help = wrapped(app->get_description() + ".", 0, 0) + "\n\n" + usage_of(*app) + "\n";
+  std::string help = wrapped(app->get_description() + ".", 0, 0, kHelpWidth) + "\n\n" + usage_of(*app) + "\n";
   const auto section = [&](const std::string &title, const std::string &entries) {
     if (!entries.empty()) help.append("\n").append(title).append(":\n").append(entries);
   };

@@ -13,7 +13,7 @@
 #include <cstring>
 
 #include "descriptor.h"
-#include "terminal.h"
+#include "text.h"
 
 namespace tool {
 

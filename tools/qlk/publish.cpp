@@ -7,6 +7,7 @@
 #include "payloads.h"
 #include "session.h"
 #include "terminal.h"
+#include "text.h"
 
 namespace tool {
 

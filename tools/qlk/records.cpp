@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "terminal.h"
+#include "text.h"
 #include "xml.h"
 
 namespace tool {
@@ -87,8 +88,8 @@ int on_record(const char *format, va_list args) {
   is_listening = true;
   try {
     hear(format, args);
-  } catch (const std::exception &) {
-    // Without memory for a record there is no record.
+  } catch (...) {
+    // A record without memory for it, or without anybody to read it, is no record.
   }
   is_listening = false;
   return 0;

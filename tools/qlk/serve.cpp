@@ -2,13 +2,12 @@
 
 #include <poll.h>
 
-#include <algorithm>
-
 #include "lookup.h"
 #include "payloads.h"
 #include "process.h"
 #include "session.h"
 #include "terminal.h"
+#include "text.h"
 
 namespace tool {
 
@@ -17,7 +16,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kSenderBytes = 2048;
-constexpr std::chrono::seconds kFirstPause{1}, kLongestPause{30};
 
 struct Options {
   CapabilityOptions capability;
@@ -52,7 +50,7 @@ class Server {
       pollfd waited[] = {{stop_.descriptor(), POLLIN, 0}, {session_.lost_descriptor(), POLLIN, 0}};
       poll(waited, 2, -1);
       stop_.check();
-      if (session_.is_lost()) on_lost(elements);
+      if (session_.is_lost()) session_.join_again(options_.reconnects, [&] { announce(elements); });
     }
   }
 
@@ -82,9 +80,7 @@ class Server {
 
   void announce(const std::vector<std::string> &elements) {
     capability_.publish(session_);
-    std::string list;
-    for (const std::string &element : elements) list.append(list.empty() ? "" : ", ").append(element);
-    note("serving " + capability_.name() + ": " + list + "; Ctrl-C ends");
+    note("serving " + capability_.name() + ": " + joined(elements) + "; Ctrl-C ends");
   }
 
   // On the library's thread for queries, one at a time.
@@ -127,21 +123,6 @@ class Server {
     Element reply = parse_or_null(outcome.output);
     if (reply == nullptr) complaint = "what the command printed is no XML element";
     return reply;
-  }
-
-  void on_lost(const std::vector<std::string> &elements) {
-    const std::string text = "the session is lost: " + session_.lost_reason();
-    if (!options_.reconnects) throw Failure(ExitCode::no_connection, text, "With --reconnect it is opened again.");
-    note(text);
-    for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
-      if (stop_.wait_for(pause)) stop_.check();
-      try {
-        session_.join();
-        return announce(elements);
-      } catch (const Failure &failure) {
-        note(failure.what());
-      }
-    }
   }
 
   const Options &options_;

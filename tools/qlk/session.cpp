@@ -3,13 +3,17 @@
 #include <openssl/ssl.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
+
 #include "terminal.h"
+#include "text.h"
 #include "xml.h"
 
 namespace tool {
 
 namespace {
 
+constexpr std::chrono::seconds kFirstPause{1}, kLongestPause{30};
 constexpr char kSaslSuccess[] = "{urn:ietf:params:xml:ns:xmpp-sasl}success";
 constexpr char kBind[] = "{urn:ietf:params:xml:ns:xmpp-bind}bind";
 constexpr char kBoundJid[] = "{urn:ietf:params:xml:ns:xmpp-bind}jid";
@@ -146,6 +150,24 @@ void Session::join() {
   const std::lock_guard lock(mutex_);
   has_joined_ = true;
   report_locked(Step::account, "approved");
+}
+
+void Session::join_again(bool reconnects, const std::function<void()> &begin) {
+  const std::string text = "the session is lost: " + lost_reason();
+  if (lost_reason().find("conflict") != std::string::npos) {  // to join again would throw the other one out in turn
+    throw Failure(ExitCode::no_connection, text, "A user has one session: another program has joined as " + user_ + ".");
+  }
+  if (!reconnects) throw Failure(ExitCode::no_connection, text, "With --reconnect it is opened again.");
+  note(text);
+  for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+    if (stop_.wait_for(pause)) stop_.check();
+    try {
+      join();
+      return begin();
+    } catch (const Failure &failure) {
+      note(failure.what());
+    }
+  }
 }
 
 void Session::begin_attempt(const std::string &host) {
@@ -293,11 +315,6 @@ void Session::begin_request() {
 std::string Session::refusal() const {
   const std::lock_guard lock(mutex_);
   return refusal_;
-}
-
-std::string Session::refusal_code() const {
-  const std::lock_guard lock(mutex_);
-  return refusal_code_;
 }
 
 void Session::expect(QUILLON_STATUS status, const std::string &what) const {

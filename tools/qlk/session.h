@@ -37,6 +37,9 @@ class Session {
   // Joins the grid, trying each host in turn. While the account waits for an administrator, so does this. Throws Failure or
   // Stopped.
   void join();
+  // After the session was lost: joins again until that succeeds, and begins again what the session is for. Throws Failure at once
+  // when it is not to reconnect, and when another session of the user has taken the place of this one.
+  void join_again(bool reconnects, const std::function<void()> &begin);
 
   quillon_connection *connection() const { return connection_.get(); }
   const std::string &user() const { return user_; }
@@ -52,7 +55,6 @@ class Session {
   void expect(QUILLON_STATUS status, const std::string &what) const;
   // The grid's own words for the last refusal; empty when there was none.
   std::string refusal() const;
-  std::string refusal_code() const;
 
   // Is called for every stanza that arrives, on the event loop; it must be set before joining.
   void set_stanza_watcher(std::function<void(const wb_dom_node *)> watcher) { watcher_ = std::move(watcher); }

@@ -19,8 +19,6 @@ namespace tool {
 
 namespace {
 
-constexpr std::chrono::seconds kFirstPause{1}, kLongestPause{30};
-
 struct Options {
   CapabilityOptions capability;
   std::vector<std::string> elements;
@@ -115,7 +113,8 @@ class Subscriber {
   }
 
   void run() {
-    begin();
+    session_.join();
+    subscribe();
     while (printed_ < options_.count || options_.count == 0) {
       pollfd waited[] = {{stop_.descriptor(), POLLIN, 0},
                          {inbox_.descriptor(), POLLIN, 0},
@@ -125,13 +124,12 @@ class Subscriber {
       stop_.check();
       print_all();
       if ((waited[3].revents & POLLERR) != 0) throw Stopped{SIGPIPE};
-      if (session_.is_lost()) on_lost();
+      if (session_.is_lost()) session_.join_again(options_.reconnects, [this] { subscribe(); });
     }
   }
 
  private:
-  void begin() {
-    session_.join();
+  void subscribe() {
     capability_.subscribe(session_);
     note("subscribed to " + capability_.name() + "; Ctrl-C ends");
   }
@@ -154,22 +152,6 @@ class Subscriber {
       ++printed_;
     }
     flush_output();
-  }
-
-  void on_lost() {
-    const std::string text = "the session is lost: " + session_.lost_reason();
-    if (!options_.reconnects) {
-      throw Failure(ExitCode::no_connection, text, "With --reconnect it is opened again.");
-    }
-    note(text);
-    for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
-      if (stop_.wait_for(pause)) stop_.check();
-      try {
-        return begin();
-      } catch (const Failure &failure) {
-        note(failure.what());
-      }
-    }
   }
 
   const Options &options_;

@@ -15,12 +15,14 @@
 #include "descriptor.h"
 #include "failure.h"
 #include "stop.h"
+#include "text.h"
 
 namespace tool {
 
 namespace {
 
 constexpr size_t kSecretBytesMax = 1024;
+constexpr size_t kHangingColumn = 5;
 
 std::atomic<void (*)()> wiper{nullptr};
 
@@ -112,8 +114,11 @@ void note(std::string_view text) {
 
 void complain(std::string_view text, std::string_view hint) {
   wipe();
-  std::fprintf(stderr, "%s %.*s\n", paint(stderr, Style::bad, "qlk:").c_str(), static_cast<int>(text.size()), text.data());
-  if (!hint.empty()) std::fprintf(stderr, "     %.*s\n", static_cast<int>(hint.size()), hint.data());
+  const auto fitted = [](std::string_view whole) {
+    return is_terminal(stderr) ? wrapped(whole, kHangingColumn, kHangingColumn, terminal_width(stderr)) : std::string(whole);
+  };
+  std::fprintf(stderr, "%s %s\n", paint(stderr, Style::bad, "qlk:").c_str(), fitted(text).c_str());
+  if (!hint.empty()) std::fprintf(stderr, "%*s%s\n", static_cast<int>(kHangingColumn), "", fitted(hint).c_str());
 }
 
 void print_line(std::string_view text) {
@@ -122,20 +127,6 @@ void print_line(std::string_view text) {
 
 void flush_output() {
   if (std::fflush(stdout) != 0) output_failed();
-}
-
-bool is_output_closed() {
-  pollfd waited = {STDOUT_FILENO, 0, 0};
-  return poll(&waited, 1, 0) == 1 && (waited.revents & POLLERR) != 0;
-}
-
-std::string printable(std::string_view text) {
-  std::string clean(text);
-  for (char &character : clean) {
-    const auto code = static_cast<unsigned char>(character);
-    if ((code < 0x20 && character != '\n' && character != '\t') || code == 0x7f) character = '?';
-  }
-  return clean;
 }
 
 std::string ask_secret(const std::string &question, const Stop &stop) {

@@ -29,11 +29,6 @@ void complain(std::string_view text, std::string_view hint);
 void print_line(std::string_view text);
 // Hands what was printed to whoever reads it.
 void flush_output();
-// True when standard output is a pipe that nobody reads any more.
-bool is_output_closed();
-
-// Control characters of text that came from elsewhere must not drive the terminal: each becomes a question mark.
-std::string printable(std::string_view text);
 
 // Asks for a text on the terminal, without an echo. Throws Failure without a terminal, Stopped at the end's request.
 std::string ask_secret(const std::string &question, const Stop &stop);
