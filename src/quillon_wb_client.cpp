@@ -15,6 +15,7 @@
 #include "guard.h"
 #include "monitor_wait.h"
 #include "owners.h"
+#include "pthread_lock.h"
 #include "stanza_builder.h"
 
 namespace {
@@ -37,7 +38,7 @@ struct Operation {
   QUILLON_STATUS status = QUILLON_STATUS_UNKNOWN;
   qlk::NodePtr response;
 
-  // Any thread; what comes after the first outcome, or after the caller has gone, is dropped.
+  // Any thread; what comes after the first outcome, or after the caller has gone, is dropped. Whoever calls it holds a reference.
   void finish(QUILLON_STATUS outcome, qlk::NodePtr reply = nullptr) {
     {
       const std::lock_guard lock(mutex);
@@ -46,7 +47,12 @@ struct Operation {
       status = outcome;
       response = std::move(reply);
     }
-    quillon_monitor_notify(monitor.get());
+    {
+      const qlk::PthreadLock lock(monitor->mutex);
+      monitor->is_notified = true;
+    }
+    // Outside the lock, so that the thread that wakes need not wait for it at once.
+    pthread_cond_signal(&monitor->cond);
   }
 
   // The caller waits no more. A request that the loop has not taken yet is never sent.
