@@ -53,11 +53,11 @@ def blocks_of(name, text):
 
 
 def matches(expected, printed):
-    """Whether the text was printed, from the beginning of a line to the end of one, with any text where it has '...'. Blanks that a terminal
-    would not show, at the ends of lines, do not count."""
-    pattern = ".*?".join(re.escape(part) for part in strip_ends(expected).strip("\n").split("..."))
-    return re.search(rf"(?:^|\n){pattern}(?:\n|$)", strip_ends(printed), flags=re.S) is not None
+    """Whether the text was printed, from the beginning of a line to the end of one, with any text where it has '...'. How wide
+    columns are does not count, nor blanks at the ends of lines."""
+    pattern = ".*?".join(re.escape(part) for part in plain(expected).strip("\n").split("..."))
+    return re.search(rf"(?:^|\n){pattern}(?:\n|$)", plain(printed), flags=re.S) is not None
 
 
-def strip_ends(text):
-    return re.sub(r"[ \t\r]+$", "", text, flags=re.M)
+def plain(text):
+    return re.sub(r" +", " ", re.sub(r"[ \t\r]+$", "", text, flags=re.M))
