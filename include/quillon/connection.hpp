@@ -175,7 +175,8 @@ class connection {
   // Returns: its answer, or QUILLON_STATUS_NO_CONNECTION when nothing could be sent, and what query_controller returns
   result<xml::element> capabilities() noexcept {
     wb_dom_node *answer = nullptr;
-    return answered(quillon_connection_query_capabilities(handle(), &answer), answer);
+    const QUILLON_STATUS status = quillon_connection_query_capabilities(handle(), &answer);
+    return answered(status, answer);
   }
 
   // Asks the controller for the status of one capability, in that version, or any for an empty text. As capabilities.
@@ -334,8 +335,8 @@ inline result<> capability::modify(connection &over, const definition &changed) 
 class reconnection {
  public:
   // Makes the object for that connection, which may be moved; the thread does not run yet.
-  // Returns: it, or QUILLON_STATUS_QUILLON_ERROR when the connection is empty
   static result<reconnection> create(const connection &kept_up) noexcept {
+    if (kept_up.handle() == nullptr) return QUILLON_STATUS_INVALID_ARGS;
     quillon_reconnection *created = nullptr;
     const QUILLON_STATUS status = quillon_reconnection_create(&created, kept_up.handle());
     if (status != QUILLON_STATUS_OK) return status;
@@ -366,6 +367,7 @@ class token {
  public:
   // Makes a token of that connection, which may be moved; sends nothing.
   static result<token> create(const connection &of) noexcept {
+    if (of.handle() == nullptr) return QUILLON_STATUS_INVALID_ARGS;
     quillon_authentication_token *created = nullptr;
     const QUILLON_STATUS status = quillon_authentication_token_create(&created, of.handle());
     if (status != QUILLON_STATUS_OK) return status;
