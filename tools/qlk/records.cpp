@@ -28,7 +28,7 @@ thread_local bool is_listening = false;  // on this thread: what it does meanwhi
 // Traces of calls, which nobody but the library's developers wants to see.
 bool is_call_trace(const char *format) { return std::strncmp(format, "->", 2) == 0 || std::strncmp(format, "entering", 8) == 0; }
 
-std::string formatted(const char *format, va_list args) {
+WB_PRINTF(1, 0) std::string formatted(const char *format, va_list args) {
   va_list again;
   va_copy(again, args);
   const int length = std::vsnprintf(nullptr, 0, format, again);
@@ -68,7 +68,7 @@ void hear_address(va_list args) {
 }
 
 // Formats are compared as texts: each belongs to one record.
-void hear(const char *format, va_list args) {
+WB_PRINTF(1, 0) void hear(const char *format, va_list args) {
   const std::lock_guard lock(mutex);
   va_list again;
   va_copy(again, args);
@@ -83,7 +83,7 @@ void hear(const char *format, va_list args) {
   if (shown >= 1) show(formatted(format, args));
 }
 
-int on_record(const char *format, va_list args) {
+WB_PRINTF(1, 0) int on_record(const char *format, va_list args) {
   if (is_listening || is_call_trace(format)) return 0;
   is_listening = true;
   try {
