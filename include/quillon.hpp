@@ -8,7 +8,7 @@
 //   auto connection = quillon::connection::create(config).value();
 //   auto weather = quillon::capability::create("urn:weather", "Weather").value();
 //   connection.on_notification("{urn:weather}report", [](quillon::xml::view report) {
-//     std::cout << report.find("temperature").text() << '\n';
+//     show(report.find("temperature").text());
 //   }).value();
 //   connection.connect().value();
 //   weather.subscribe(connection).value();

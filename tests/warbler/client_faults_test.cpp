@@ -10,7 +10,6 @@ using namespace client_test;
 
 namespace {
 
-using Records = std::vector<std::string>;
 using Table = std::map<std::string, std::string>;
 
 constexpr char kHead[] =

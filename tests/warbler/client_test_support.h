@@ -21,6 +21,9 @@ using test_support::TestAuthority;
 using test_support::TestClient;
 
 constexpr char kJid[] = "user@grid.test/qlk";
+constexpr char kConnected[] = "connected user@grid.test/qlk";
+
+using Records = std::vector<std::string>;  // what a client has noted
 
 struct Identities {
   TestAuthority authority{"The Grid's Authority"}, other_authority{"Another Authority"};
@@ -61,6 +64,14 @@ inline void exchange_all(TestClient &client) {
   const std::string name = "ping" + std::to_string(++number);
   ASSERT_TRUE(client.track("<iq xmlns='jabber:client' type='get' to='grid.test'><ping xmlns='urn:xmpp:ping'/></iq>", name, 20));
   ASSERT_TRUE(client.wait_for(name + ": result")) << client.all();
+}
+
+inline std::string message(const std::string &id, const std::string &body = "") {
+  return "<message xmlns='jabber:client' id='" + id + "' to='bob@grid.test'><body>" + body + "</body></message>";
+}
+
+inline std::string request() {
+  return "<iq xmlns='jabber:client' type='get' to='bob@grid.test/qlk'><question xmlns='urn:test:question'/></iq>";
 }
 
 }  // namespace client_test
