@@ -42,9 +42,9 @@
  * on another thread than the loop. A session that is up uses none of them.
  *   With "client_reconnect_countdown" the client begins further attempts by itself, with the same table, factory and arguments.
  * All three must then stay from wb_client_connect on, while a session is up too, until one of these: a wb_client_disconnect has
- * returned and the "clientDisconnected" of what it ended, if there was anything, has been raised; a wb_client_connect with another
- * table was called later, and its first event has come after the "clientDisconnected" of what it replaced, if there was anything;
- * wb_client_destroy has returned. */
+ * returned and the "clientDisconnected" of what it ended, if there was anything, has been raised; a wb_client_connect with
+ * another table was called later, and its first event has come after the "clientDisconnected" of what it replaced, if there was
+ * anything; wb_client_destroy has returned. */
 #ifndef WARBLER_CLIENT_H
 #define WARBLER_CLIENT_H
 
@@ -80,13 +80,14 @@ WB_API bool wb_client_create(wb_workq *queue, wb_client **out, wb_err *err);
 WB_API void wb_client_destroy(wb_client *client);
 
 /* Checks the configuration and starts to connect on the loop; the outcome comes as an event. How long the table must live is told
- * at the top. A client that is connected or half connected drops its old session first. Never blocks. Fails with WB_ERR_INVALID_ARG (NULL, or a key that is missing), WB_ERR_BAD_FORMAT (host, JID or number) or
- * WB_ERR_NO_MEMORY; nothing has begun then and no event follows. */
+ * at the top. A client that is connected or half connected drops its old session first. Never blocks. Fails with
+ * WB_ERR_INVALID_ARG (NULL, or a key that is missing), WB_ERR_BAD_FORMAT (host, JID or number) or WB_ERR_NO_MEMORY; nothing has
+ * begun then and no event follows. */
 WB_API bool wb_client_connect(wb_client *client, wb_htable *config, wb_err *err);
 
 /* Ends the session: writes what waits, for at most five seconds, closes the stream, waits two seconds at most for the server's
- * closing tag, and raises "clientDisconnected". What is sent from the moment of the call is refused. reason is logged; WB_ERR_NONE
- * is an ordinary end. On the loop. On a client without a session it only cancels a reconnect countdown. */
+ * closing tag, and raises "clientDisconnected". What is sent from the moment of the call is refused. reason is logged;
+ * WB_ERR_NONE is an ordinary end. On the loop. On a client without a session it only cancels a reconnect countdown. */
 WB_API void wb_client_disconnect(wb_client *client, wb_errcode reason);
 
 /* Sends a stanza. It is written in the next pass of the loop, with all others of that pass; success means that it will be written
