@@ -61,9 +61,24 @@ bool wait_for_end(quillon_connection &connection, unsigned session) {
   }
 }
 
+// A user of the event loop for the length of its scope, so that what is put on the loop meanwhile is run.
+class LoopUse {
+ public:
+  explicit LoopUse(const quillon_connection &connection) : loop_(connection.extra->loop) { loop_->enter(); }
+  ~LoopUse() { loop_->leave(); }
+  LoopUse(const LoopUse &) = delete;
+  LoopUse &operator=(const LoopUse &) = delete;
+
+ private:
+  const std::shared_ptr<qlk::EventLoop> loop_;
+};
+
 // Ends the session, or the attempt at one, and waits for its end.
 void end_session(quillon_connection &connection, unsigned session) {
   const std::lock_guard one_at_a_time(connection.extra->disconnect_mutex);
+  // A session that is open uses the loop. Should it end by itself now, the loop would leave what this puts on it undone, and this
+  // would wait in vain.
+  const LoopUse use(connection);
   if (session == 0 || open_session_number(connection) != session) return;
   quillon_data *data = nullptr;
   if (quillon_wb_client_create(&data, &connection) == QUILLON_STATUS_OK) {
