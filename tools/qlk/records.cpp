@@ -14,7 +14,7 @@ namespace tool {
 namespace {
 
 constexpr char kAddressFormat[] = "connected to %s";
-constexpr char kSessionEndFormat[] = "session with %s ended while %s: %s";
+constexpr char kSessionEndFormat[] = "session with %s ended while %s: %.*s";
 constexpr char kStanzaFormat[] = "%s %s";
 constexpr std::string_view kStanzaTitle = "received";
 // Stanzas with these hold a secret.
@@ -58,8 +58,9 @@ void hear_stanza(std::string_view xml) {
 void hear_session_end(va_list args) {
   va_arg(args, const char *);  // the host
   const char *stage = va_arg(args, const char *);
-  const char *reason = va_arg(args, const char *);
-  if (listener != nullptr && listener->on_session_end) listener->on_session_end(stage, reason);
+  const int length = va_arg(args, int);
+  const std::string reason(va_arg(args, const char *), static_cast<size_t>(length));
+  if (listener != nullptr && listener->on_session_end) listener->on_session_end(stage, reason.c_str());
 }
 
 void hear_address(va_list args) {
