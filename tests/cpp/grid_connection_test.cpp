@@ -213,8 +213,8 @@ TEST(CppGrid, AReconnectionKeepsItUp) {
   EXPECT_TRUE(wait_for([&] { return connects == 1; }, kPatience));
   ASSERT_TRUE(kept.stop());
   EXPECT_FALSE(alice.is_connected());
-  quillon::reconnection moved = std::move(kept);
   connection elsewhere = std::move(alice);
+  quillon::reconnection moved = std::move(kept);  // after the connection, which has to outlive it
   ASSERT_TRUE(moved.start());
   EXPECT_TRUE(wait_for([&] { return connects == 2; }, kPatience));
   EXPECT_TRUE(elsewhere.is_connected());
