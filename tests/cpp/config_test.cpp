@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <quillon.hpp>
 #include <string>
@@ -82,7 +83,7 @@ TEST(CppConfig, AnEmptyTextClearsTheAuthorities) {
 }
 
 TEST(CppConfig, ACloneGoesItsOwnWay) {
-  std::optional<config> original = config::create({.user = "alice"}).value();
+  auto original = std::make_unique<config>(config::create({.user = "alice"}).value());
   config cloned = original->clone().value();
   EXPECT_TRUE(cloned.set_user("bob"));
   EXPECT_EQ("alice", text(original->handle()->user_name));
