@@ -93,7 +93,7 @@ void Connector::try_next() {
     if (fd_ < 0 || connect(fd_, address.ai_addr, address.ai_addrlen) != 0) error = errno;
     if (error == 0 || error == EINPROGRESS) {
       ready_ = std::make_shared<LoopEvent>(base_, fd_, EV_WRITE, gate_, [this](short what) {
-        const bool done = guarded(nullptr, __func__, [&] {
+        const bool done = guarded(nullptr, "on_ready", [&] {
           on_ready(what);
           return true;
         });
