@@ -44,10 +44,13 @@ RawClient::~RawClient() {
 }
 
 void RawClient::send(std::string_view bytes) {
-  // A server that has gone is noticed when it is read from.
+  // A server that has gone is noticed when it is read from. The system tells of a reset only once, though.
+  errno = 0;
   const long sent = ssl_ != nullptr ? SSL_write(ssl_.get(), bytes.data(), static_cast<int>(bytes.size()))
                                     : ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  if (sent <= 0) ERR_clear_error();
+  if (sent > 0) return;
+  told_of_reset_ = told_of_reset_ || errno == ECONNRESET;
+  ERR_clear_error();
 }
 
 bool RawClient::read_piece() {
@@ -63,7 +66,7 @@ bool RawClient::read_piece() {
   const bool said_goodbye = ssl_ != nullptr && SSL_get_error(ssl_.get(), static_cast<int>(size)) == SSL_ERROR_ZERO_RETURN;
   ERR_clear_error();
   ending_ = said_goodbye || (ssl_ == nullptr && size == 0) ? Ending::in_order : Ending::truncated;
-  if (cause == ECONNRESET) ending_ = Ending::reset;
+  if (cause == ECONNRESET || (told_of_reset_ && !said_goodbye)) ending_ = Ending::reset;
   if (cause == EAGAIN) ending_ = Ending::timeout;
   return false;
 }

@@ -47,6 +47,7 @@ class RawClient {
   std::string unread_;
   unsigned pieces_ = 0;
   Ending ending_ = Ending::none;
+  bool told_of_reset_ = false;  // by a write
 };
 
 }  // namespace testpeer
