@@ -86,7 +86,6 @@ const LastWordsCase kLastWordsCases[] = {
        });
      },
      "/stream"},
-    {"StreamClosed", [](FakeServer &server, TestClient &) { server.close_all(); }, "/stream"},
     {"StreamError",
      [](FakeServer &server, TestClient &) {
        server.send_to_all("<stream:error><conflict xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>");
