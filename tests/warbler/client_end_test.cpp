@@ -91,6 +91,7 @@ const LastWordsCase kLastWordsCases[] = {
        server.send_to_all("<stream:error><conflict xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>");
      },
      "/stream", "disconnected conflict"},
+    {"StreamClosed", [](FakeServer &server, TestClient &) { server.close_all(); }, "/stream"},
     {"NoXml", [](FakeServer &server, TestClient &) { server.send_to_all("<<"); }, "error"},
 };
 

@@ -1,9 +1,11 @@
 #include "link.h"
 
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -203,6 +205,24 @@ Link::Io Link::flush() {
 void Link::say_goodbye() {
   if (ssl_ != nullptr && SSL_is_init_finished(ssl_.get()) == 1) SSL_shutdown(ssl_.get());
   ERR_clear_error();
+}
+
+void Link::finish() {
+  say_goodbye();
+  flush();
+  shutdown(fd_, SHUT_WR);
+}
+
+Link::Io Link::ignore_input(unsigned reads) {
+  Io filled = Io::again;
+  while (reads-- > 0 && (filled = fill()) == Io::done) {
+  }
+  return filled == Io::done ? Io::again : filled;
+}
+
+bool Link::is_all_acknowledged() const {
+  int waiting = 0;
+  return ioctl(fd_, SIOCOUTQ, &waiting) == 0 && waiting == 0;
 }
 
 void Link::acknowledge_quickly() const {

@@ -55,6 +55,13 @@ class Link final : public Buriable {
   // Buffers TLS's farewell.
   void say_goodbye();
 
+  // Closes our side, once all is written: the peer gets the farewell and the end behind what it has not read yet.
+  void finish();
+  // Throws away what has come from the socket, in so many reads at most. Nothing can be read by TLS any more.
+  Io ignore_input(unsigned reads);
+  // Whether the peer's system has all that was flushed.
+  bool is_all_acknowledged() const;
+
   // The acknowledgement of what was read leaves at once: an answer that waits for it would be late by 40 ms.
   void acknowledge_quickly() const;
 

@@ -126,6 +126,7 @@ void Session::on_readable() {
   link_->acknowledge_quickly();
   heard_ = Clock::now();
   probed_ = false;
+  if (state_ == State::leaving) return ignore_input();
   if (state_ == State::tls) return on_handshake();
   if (state_ == State::tls_accept) return readable_->remove();  // nothing is read before the application has answered
   read_stream();
@@ -175,6 +176,15 @@ void Session::on_parse_error(StreamError error) {
   std::string reason = "the server sent what is refused (";
   reason.append(condition).append("): ").append(parser_.error_text());
   leave(last_words, error == StreamError::no_memory ? WB_ERR_NO_MEMORY : WB_ERR_PROTOCOL, reason);
+}
+
+// A socket that is closed while something waits to be read is reset by the system, and what the server has not taken is lost.
+void Session::ignore_input() {
+  const Link::Io ignored = link_->ignore_input(kReadsPerPass);
+  if (ignored == Link::Io::again) return;
+  if (ignored == Link::Io::failed || farewell_said_) return tell_end(leaving_code_, leaving_error_);
+  input_over_ = true;
+  readable_->remove();
 }
 
 // A connection that breaks off.
@@ -243,11 +253,20 @@ void Session::take_last() {
 }
 
 void Session::on_all_written() {
-  if (state_ == State::leaving) return tell_end(leaving_code_, leaving_error_);
+  if (state_ == State::leaving) return say_farewell();
   if (state_ != State::closing || tag_written_) return;
   tag_written_ = true;
   deadline_ = Clock::now() + kClosingTime;
   arm_timer();
+}
+
+// The server has all that was said when nothing is on its way any more, and at the latest when it closes its side too.
+void Session::say_farewell() {
+  if (farewell_said_) return;
+  const bool is_heard = input_over_ || link_->is_all_acknowledged();
+  link_->finish();
+  farewell_said_ = true;
+  if (is_heard) tell_end(leaving_code_, leaving_error_);
 }
 
 void Session::on_stream_open(wb_dom_node *head) {
@@ -261,7 +280,7 @@ void Session::on_stream_close() {
     constexpr const char *kReason = "the server closed the stream";
     if (state_ != State::closing) {
       if (!retry_step_by_step(kReason)) leave("</stream:stream>", WB_ERR_PROTOCOL, kReason);
-    } else if (is_all_written()) {
+    } else if (is_all_written() && link_->is_all_acknowledged()) {
       end(WB_ERR_NONE, kReason);
     } else {
       leave("", WB_ERR_NONE, kReason);
@@ -315,7 +334,6 @@ void Session::leave(std::string_view last_words, wb_errcode code, const std::str
   leaving_code_ = code;
   state_ = State::leaving;
   parser_.stop();
-  readable_->remove();
   owner_.on_session_leaving();
   take_last();
   write(last_words);

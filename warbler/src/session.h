@@ -9,7 +9,7 @@
 // remembers it for its next sessions with that server.
 //
 // When anything is still to be said at the end, a stream error or the closing tag, the session is leaving for a short time: it
-// writes what waits and listens no more.
+// writes what waits, closes its side and throws away what the server still says until that closes its side too.
 #pragma once
 
 #include <memory>
@@ -93,10 +93,12 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   void read_stream();
   void on_more();
   void on_parse_error(StreamError error);
+  void ignore_input();
   void write(std::string_view bytes);
   void pump();
   void take_last();
   void on_all_written();
+  void say_farewell();
   bool is_all_written() const { return sent_ == sending_.size() && link_->waiting() == 0; }
   void on_lost(wb_errcode code, const std::string &reason);
   void drop_link();
@@ -163,7 +165,9 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   Clock::time_point heard_, spoken_;
   std::chrono::seconds keepalive_;  // the server must not go without hearing from us for so long
   bool probed_ = false;
-  bool tag_written_ = false;  // the closing tag, as far as the system's buffers
+  bool tag_written_ = false;    // the closing tag, as far as the system's buffers
+  bool input_over_ = false;     // the server has closed its side
+  bool farewell_said_ = false;  // our side is closed
   wb_errcode leaving_code_ = WB_ERR_NONE;
   wb_dom_node *leaving_error_ = nullptr;
   ContextRef leaving_context_;  // of the error
