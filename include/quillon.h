@@ -488,6 +488,32 @@ QUILLON_API QUILLON_STATUS quillon_config_set_bulk_server_cert_chain_filename(qu
  * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL */
 QUILLON_API QUILLON_STATUS quillon_config_set_send_timeout_seconds(const quillon_config *config, const int seconds);
 
+/* What becomes of a stanza that finds its handler queue full. */
+typedef enum QUILLON_HANDLER_QUEUE_OVERFLOW {
+  QUILLON_HANDLER_QUEUE_OVERFLOW_DROP = 0,  /* it is dropped and counted */
+  QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE = 1, /* the same, and the session is ended */
+  QUILLON_HANDLER_QUEUE_OVERFLOW_MAX = 2    /* the end of the range, no such choice */
+} QUILLON_HANDLER_QUEUE_OVERFLOW;
+
+/* Sets how many stanzas may wait for a handler of the application before a warning is logged: once, and again only after half of
+ * them or fewer were left. It holds for each of the two handler queues of a connection, from its next connect on.
+ * stanzas: 1 and more, at first 1000; 0: there is no warning, as in a configuration made by quillon_config_default_create.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL or stanzas negative */
+QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_warning(quillon_config *config, int stanzas);
+
+/* Sets how many stanzas may wait for a handler at most, in each of the two handler queues of a connection, and what becomes of
+ * further ones: see QUILLON_HANDLER_QUEUE_OVERFLOW. Where nothing is set the queues grow as long as there is memory. It holds
+ * from the next connect on. The first stanza that is dropped is logged as a warning, under the conditions of
+ * quillon_config_set_handler_queue_warning; a full queue is worth that warning, too. A request that is dropped is not answered,
+ * so that its sender asks another publisher when its time-out is over. What the controller says of the account and of publishers
+ * is never dropped.
+ *   A session that is ended so is reported to disconnect_cb as QUILLON_STATUS_CONNECTION_ERROR; what waits is handled all the
+ * same, and it is the application that connects again.
+ * stanzas: 1 and more; 0: no bound
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL, stanzas negative or overflow no such value */
+QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_bound(quillon_config *config, int stanzas,
+                                                                  QUILLON_HANDLER_QUEUE_OVERFLOW overflow);
+
 /* Fills an OpenSSL SSL_CTX from the configuration: client certificate chain, private key with its pass phrase, the CA file of the
  * bulk download server or of the XMPP server, and peer verification on. For an application's own TLS-context callback. The
  * context keeps a pointer to the configuration. Each file that cannot be used is logged as an error with OpenSSL's reason, one
@@ -547,7 +573,8 @@ typedef void (*quillon_connection_connect_cb)(quillon_connection *connection, vo
 
 /* The session, or the attempt at one, has ended; the connection still counts as connected until this returns. On the event loop:
  * it must return soon and may not block on the connection; it may destroy it. status is
- *          QUILLON_STATUS_CONNECTION_ERROR    the grid had accepted the connection, and the server gave no reason
+ *          QUILLON_STATUS_CONNECTION_ERROR    the grid had accepted the connection, and the server gave no reason: it was lost,
+ *                                             disconnected, or ended over a handler queue that was full
  *          QUILLON_STATUS_QUILLON_ERROR       the same before that, and for a server that could not be reached or refused us
  *          QUILLON_STATUS_CONNECTION_ERROR_NOT_AUTHORIZED, QUILLON_STATUS_CONNECTION_ERROR_REMOTE_CONNECTION_FAILURE,
  *          QUILLON_STATUS_CONNECTION_ERROR_XMPP  the server's reason: these two, or any other */
@@ -634,6 +661,28 @@ QUILLON_API QUILLON_STATUS quillon_connection_disconnect(const quillon_connectio
 
 /* True while the connection is part of the grid: false while its account is pending, and for NULL. Thread: any. */
 QUILLON_API bool quillon_connection_is_connected(quillon_connection *connection);
+
+/* The queues of stanzas that have arrived and wait for a handler of the application. */
+typedef enum QUILLON_HANDLER_QUEUE {
+  QUILLON_HANDLER_QUEUE_QUERIES = 0,       /* requests, for the request-handler thread */
+  QUILLON_HANDLER_QUEUE_NOTIFICATIONS = 1, /* messages, for the dispatch thread */
+  QUILLON_HANDLER_QUEUE_MAX = 2            /* the end of the range, no queue */
+} QUILLON_HANDLER_QUEUE;
+
+/* How a handler queue is used. */
+typedef struct _quillon_handler_queue_usage {
+  size_t depth;     /* the stanzas that wait now, without the one that is being handled */
+  size_t highest;   /* the most that ever waited, since the connection was made */
+  uint64_t dropped; /* those that found the queue full, since the connection was made */
+} quillon_handler_queue_usage;
+
+/* Tells how a handler queue is used: one whose depth grows has a handler that is too slow for what arrives. What may wait is
+ * limited by quillon_config_set_handler_queue_bound.
+ * Thread:  any, handlers too; it does not block.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a value of queue that is none */
+QUILLON_API QUILLON_STATUS quillon_connection_get_handler_queue_usage(const quillon_connection *connection,
+                                                                      QUILLON_HANDLER_QUEUE queue,
+                                                                      quillon_handler_queue_usage *usage);
 
 /* Sends a request to the controller: quillon_query_call_with_jid with the controller's address. */
 QUILLON_API QUILLON_STATUS quillon_connection_query_controller(quillon_connection *connection, wb_dom_node *request,
@@ -820,7 +869,9 @@ QUILLON_API QUILLON_STATUS quillon_query_register_handler(quillon_query *query, 
 
 /* Queues a received IQ, with a reference of its own to its context, for the request-handler thread. A request without a
  * handler, and whatever is no request, gets no answer. Never waits.
- * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_WB_ERROR when iq is NULL */
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_WB_ERROR  iq is NULL
+ *          QUILLON_STATUS_UNKNOWN   the queue is full, and the stanza was dropped */
 QUILLON_API QUILLON_STATUS quillon_query_handle(quillon_query *query, wb_dom_node *iq);
 
 /* Asks a publisher of the capability, beginning with the one that answered last; each further one is asked when the one before
@@ -892,7 +943,9 @@ QUILLON_API QUILLON_STATUS quillon_notification_register_handler(quillon_notific
 
 /* Queues a received message, with a reference of its own to its context, for the dispatch thread. What comes neither from the
  * publish-subscribe service nor from the controller is dropped there. Never waits.
- * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_WB_ERROR when message is NULL */
+ * Returns: QUILLON_STATUS_OK
+ *          QUILLON_STATUS_WB_ERROR  message is NULL
+ *          QUILLON_STATUS_UNKNOWN   the queue is full, and the stanza was dropped */
 QUILLON_API QUILLON_STATUS quillon_notification_handle(quillon_notification *notification, wb_dom_node *message);
 
 /* Publishes the payload on the capability's topic. No answer is awaited: QUILLON_STATUS_OK means that the session took the

@@ -2,9 +2,12 @@
 // the TLS-context callback run here; either may destroy the connection.
 #include "connection_events.h"
 
+#include <utility>
+
 #include "connection_private.h"
 #include "guard.h"
 #include "owners.h"
+#include "quillon_config.h"
 #include "quillon_lib.h"
 
 namespace {
@@ -76,20 +79,33 @@ wb_dom_node *stanza_of(const wb_event_data *event) {
   return event != nullptr ? static_cast<wb_dom_node *>(event->data) : nullptr;
 }
 
+// A stanza found its queue full. Those that come after it, until the session has ended, do nothing more.
+void end_overflowing_session(const quillon_connection &connection) {
+  const quillon_config *config = connection.config;
+  if (config == nullptr || config->handler_queue_overflow != QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE) return;
+  {
+    const std::lock_guard lock(connection.extra->mutex);
+    if (!std::exchange(connection.extra->session.wanted, false)) return;
+  }
+  wb_log(WB_LOG_ERROR, "the session is ended: a handler queue is full");
+  wb_client_disconnect(connection.wb_client_, WB_ERR_USER);
+}
+
 void _client_message_received_callback(wb_event_data *event, void *arg) {
   qlk::trace(__func__);
   auto *connection = static_cast<quillon_connection *>(arg);
   wb_dom_node *stanza = stanza_of(event);
-  if (connection != nullptr && stanza != nullptr && connection->notification != nullptr) {
-    quillon_notification_handle(connection->notification, stanza);
-  }
+  if (connection == nullptr || stanza == nullptr || connection->notification == nullptr) return;
+  if (quillon_notification_handle(connection->notification, stanza) == QUILLON_STATUS_UNKNOWN)
+    end_overflowing_session(*connection);
 }
 
 void _client_iq_received_callback(wb_event_data *event, void *arg) {
   qlk::trace(__func__);
   auto *connection = static_cast<quillon_connection *>(arg);
   wb_dom_node *stanza = stanza_of(event);
-  if (connection != nullptr && stanza != nullptr && connection->query != nullptr) quillon_query_handle(connection->query, stanza);
+  if (connection == nullptr || stanza == nullptr || connection->query == nullptr) return;
+  if (quillon_query_handle(connection->query, stanza) == QUILLON_STATUS_UNKNOWN) end_overflowing_session(*connection);
 }
 
 void _client_destroyed_callback(wb_event_data *, void *arg) {

@@ -1,5 +1,7 @@
 #include "dispatch_thread.h"
 
+#include <algorithm>
+#include <cinttypes>
 #include <utility>
 
 #include "guard.h"
@@ -40,16 +42,60 @@ QUILLON_STATUS DispatchThread::start(const std::shared_ptr<void> &owner, Handler
   return QUILLON_STATUS_OK;
 }
 
-QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza) {
+QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, Admission admission) {
   if (!wb_dom_context_retain(wb_dom_get_context(stanza), nullptr)) return QUILLON_STATUS_WB_ERROR;
   NodePtr reference(stanza);
-  queued_.fetch_add(1, std::memory_order_relaxed);
+  const size_t depth = queued_.fetch_add(1, std::memory_order_relaxed) + 1;
+  if (depth >= warning_.load(std::memory_order_relaxed) && !admit(depth, admission)) {
+    queued_.fetch_sub(1, std::memory_order_relaxed);
+    return QUILLON_STATUS_UNKNOWN;
+  }
+  if (depth > highest_.load(std::memory_order_relaxed)) highest_.store(depth, std::memory_order_relaxed);
   if (!queue_push(queue_.get(), stanza)) {
     queued_.fetch_sub(1, std::memory_order_relaxed);
     return QUILLON_STATUS_MALLOC_ERROR;
   }
   static_cast<void>(reference.release());  // the queue's now
   return QUILLON_STATUS_OK;
+}
+
+void DispatchThread::set_limits(const Limits &limits) {
+  // A full queue is looked at too, and so there is one number to compare with.
+  warning_.store(std::min(limits.warning, limits.bound), std::memory_order_relaxed);
+  bound_.store(limits.bound, std::memory_order_relaxed);
+}
+
+quillon_handler_queue_usage DispatchThread::usage() const {
+  return {queued(), highest_.load(std::memory_order_relaxed), dropped_.load(std::memory_order_relaxed)};
+}
+
+// At or above the warning: logs what is new, and tells whether the stanza may stay.
+bool DispatchThread::admit(size_t depth, Admission admission) {
+  if (admission == Admission::kAlways || depth <= bound_.load(std::memory_order_relaxed)) {
+    if (raise(Alarm::kHigh)) wb_log(WB_LOG_WARN, "%zu %s wait for their handler, which is too slow for them", depth, content_);
+    return true;
+  }
+  dropped_.fetch_add(1, std::memory_order_relaxed);
+  if (raise(Alarm::kFull))
+    wb_log(WB_LOG_WARN, "%zu %s wait for their handler, as many as may: further ones are dropped", depth - 1, content_);
+  return false;
+}
+
+// True for the first to tell.
+bool DispatchThread::raise(Alarm alarm) {
+  Alarm told = alarm_.load(std::memory_order_relaxed);
+  while (told < alarm) {
+    if (alarm_.compare_exchange_weak(told, alarm, std::memory_order_relaxed)) return true;
+  }
+  return false;
+}
+
+// The queue has come down to half of what is worth a warning: the next crossing is told again.
+void DispatchThread::calm() {
+  if (alarm_.exchange(Alarm::kNone, std::memory_order_relaxed) == Alarm::kNone) return;
+  const quillon_handler_queue_usage now = usage();
+  wb_log(WB_LOG_INFO, "only %zu %s wait for their handler now; %zu did at most, and %" PRIu64 " were dropped", now.depth,
+         content_, now.highest, now.dropped);
 }
 
 void DispatchThread::stop() {
@@ -80,7 +126,8 @@ void DispatchThread::loop(void *owner, Handler handler) {
   while (keep_running()) {
     const NodePtr stanza(static_cast<wb_dom_node *>(quillon_queue_pop(queue_.get())));
     if (stanza == nullptr) continue;
-    queued_.fetch_sub(1, std::memory_order_relaxed);
+    const size_t depth = queued_.fetch_sub(1, std::memory_order_relaxed) - 1;
+    if (alarm_.load(std::memory_order_relaxed) != Alarm::kNone && depth <= warning_.load(std::memory_order_relaxed) / 2) calm();
     guarded_void("dispatch", [&] { handler(owner, stanza.get()); });
   }
 }

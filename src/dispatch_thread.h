@@ -4,6 +4,8 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "owners.h"
@@ -15,10 +17,20 @@ namespace qlk {
 
 class DispatchThread {
  public:
+  // What may wait, in stanzas. Both are at least 1.
+  struct Limits {
+    size_t warning = SIZE_MAX;  // so many are worth a warning
+    size_t bound = SIZE_MAX;    // more are not taken
+  };
+
+  // Whether the bound holds for a stanza.
+  enum class Admission { kBounded, kAlways };
+
   // Handles one stanza, which is released when the function returns.
   using Handler = void (*)(void *owner, wb_dom_node *stanza);
 
-  DispatchThread() = default;
+  // Says in the log what waits here; the text is kept by address.
+  explicit DispatchThread(const char *content) : content_(content) {}
   ~DispatchThread() = default;  // releases the stanzas that are still queued
   DispatchThread(const DispatchThread &) = delete;
   DispatchThread &operator=(const DispatchThread &) = delete;
@@ -28,8 +40,12 @@ class DispatchThread {
   QUILLON_STATUS start(const std::shared_ptr<void> &owner, Handler handler);
 
   // Queues the stanza with a reference of its own to its context. Never waits.
-  // Returns: QUILLON_STATUS_OK, QUILLON_STATUS_WB_ERROR (the context could not be retained) or QUILLON_STATUS_MALLOC_ERROR
-  QUILLON_STATUS push(wb_dom_node *stanza);
+  // Returns: QUILLON_STATUS_OK, QUILLON_STATUS_WB_ERROR (the context could not be retained), QUILLON_STATUS_MALLOC_ERROR or
+  //          QUILLON_STATUS_UNKNOWN (the queue is full: the stanza is counted as dropped)
+  QUILLON_STATUS push(wb_dom_node *stanza, Admission admission = Admission::kBounded);
+
+  // Any thread; what waits already is not looked at.
+  void set_limits(const Limits &limits);
 
   // Ends the loop after the stanza that is being handled, and waits for that. Called by the handler itself it only lets the loop
   // end when the handler returns. Only the first call does anything.
@@ -38,11 +54,19 @@ class DispatchThread {
   // False once stop was called.
   bool keep_running() const { return keep_running_.load(std::memory_order_acquire); }
 
-  // How many stanzas wait.
+  // How many stanzas wait, and how many at most will.
   size_t queued() const { return queued_.load(std::memory_order_relaxed); }
+  bool is_full() const { return queued() >= bound_.load(std::memory_order_relaxed); }
+  quillon_handler_queue_usage usage() const;
 
  private:
   struct Start;
+  // What the log has been told since the queue was last far below its limits.
+  enum class Alarm { kNone, kHigh, kFull };
+
+  bool admit(size_t depth, Admission admission);
+  bool raise(Alarm alarm);
+  void calm();
 
   static void *run(void *start);
   void loop(void *owner, Handler handler);
@@ -50,7 +74,13 @@ class DispatchThread {
 
   QueuePtr queue_;
   MallocPtr<_linked_list> wake_up_;  // the item that ends the wait for a stanza, made beforehand so that stopping needs no memory
+  const char *const content_;
   std::atomic<size_t> queued_ = 0;
+  std::atomic<size_t> highest_ = 0;
+  std::atomic<uint64_t> dropped_ = 0;
+  std::atomic<size_t> warning_ = SIZE_MAX;
+  std::atomic<size_t> bound_ = SIZE_MAX;
+  std::atomic<Alarm> alarm_ = Alarm::kNone;
   std::atomic<bool> keep_running_ = false;
   pthread_t thread_ = {};
 };

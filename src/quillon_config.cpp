@@ -17,6 +17,7 @@
 namespace {
 
 constexpr int kSendTimeoutSeconds = 15;
+constexpr int kHandlerQueueWarning = 1000;
 constexpr char kJidSuffix[] = "@" GRID_DOMAIN "/qlk";
 
 using Field = quillon_string *_quillon_config::*;
@@ -205,6 +206,7 @@ QUILLON_STATUS quillon_config_create(quillon_config **config) {
   if (const QUILLON_STATUS status = create_list(&_quillon_config::groups); status != QUILLON_STATUS_OK) return status;
   (*config)->groups_count = 0;
   (*config)->send_timeout_seconds = kSendTimeoutSeconds;
+  (*config)->handler_queue_warning = kHandlerQueueWarning;
   return QUILLON_STATUS_OK;
 }
 
@@ -250,6 +252,9 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   copy.hosts_count = config->hosts_count;
   copy.groups_count = config->groups_count;
   copy.send_timeout_seconds = config->send_timeout_seconds;
+  copy.handler_queue_warning = config->handler_queue_warning;
+  copy.handler_queue_bound = config->handler_queue_bound;
+  copy.handler_queue_overflow = config->handler_queue_overflow;
 }
 
 QUILLON_STATUS quillon_config_set_host(quillon_config *config, const char *host) {
@@ -377,6 +382,24 @@ QUILLON_STATUS quillon_config_set_send_timeout_seconds(const quillon_config *con
   qlk::trace(__func__);
   if (config == nullptr) return QUILLON_STATUS_INVALID_ARGS;
   const_cast<quillon_config *>(config)->send_timeout_seconds = seconds;
+  return QUILLON_STATUS_OK;
+}
+
+QUILLON_STATUS quillon_config_set_handler_queue_warning(quillon_config *config, int stanzas) {
+  qlk::trace(__func__);
+  if (config == nullptr || stanzas < 0) return QUILLON_STATUS_INVALID_ARGS;
+  config->handler_queue_warning = stanzas;
+  return QUILLON_STATUS_OK;
+}
+
+QUILLON_STATUS quillon_config_set_handler_queue_bound(quillon_config *config, int stanzas,
+                                                      QUILLON_HANDLER_QUEUE_OVERFLOW overflow) {
+  qlk::trace(__func__);
+  if (config == nullptr || stanzas < 0) return QUILLON_STATUS_INVALID_ARGS;
+  if (overflow != QUILLON_HANDLER_QUEUE_OVERFLOW_DROP && overflow != QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE)
+    return QUILLON_STATUS_INVALID_ARGS;
+  config->handler_queue_bound = stanzas;
+  config->handler_queue_overflow = overflow;
   return QUILLON_STATUS_OK;
 }
 

@@ -20,6 +20,10 @@ struct _quillon_config {
   quillon_string *user_group;
   quillon_list *groups;  // of quillon_string
   int32_t groups_count;
+  // Private additions. In stanzas; 0: no such limit.
+  int32_t handler_queue_warning;
+  int32_t handler_queue_bound;
+  QUILLON_HANDLER_QUEUE_OVERFLOW handler_queue_overflow;
 };
 
 namespace qlk {

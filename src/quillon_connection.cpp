@@ -254,3 +254,21 @@ bool quillon_connection_is_connected(quillon_connection *connection) {
   }
   return connection->is_xmpp_connected && connection->is_grid_connected;
 }
+
+QUILLON_STATUS quillon_connection_get_handler_queue_usage(const quillon_connection *connection, QUILLON_HANDLER_QUEUE queue,
+                                                          quillon_handler_queue_usage *usage) {
+  qlk::trace(__func__);
+  if (connection == nullptr) return qlk::refuse(kInvalidConnection);
+  if (usage == nullptr) return qlk::refuse("usage is null");
+  switch (queue) {
+    case QUILLON_HANDLER_QUEUE_QUERIES:
+      *usage = connection->query->request_handler.usage();
+      return QUILLON_STATUS_OK;
+    case QUILLON_HANDLER_QUEUE_NOTIFICATIONS:
+      *usage = connection->notification->notf_handler.usage();
+      return QUILLON_STATUS_OK;
+    case QUILLON_HANDLER_QUEUE_MAX:
+      break;
+  }
+  return qlk::refuse("no such handler queue");
+}

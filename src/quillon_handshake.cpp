@@ -14,6 +14,8 @@
 #include "pthread_lock.h"
 #include "quillon_config.h"
 #include "quillon_grid.h"
+#include "quillon_notification.h"
+#include "quillon_query.h"
 #include "stanza_builder.h"
 
 namespace {
@@ -128,6 +130,15 @@ QUILLON_STATUS read_target(quillon_connection &connection) {
   connection.extra->user_name = user_name;
   connection.extra->user_jid = jid;
   return QUILLON_STATUS_OK;
+}
+
+size_t limit_of(int32_t stanzas) { return stanzas > 0 ? static_cast<size_t>(stanzas) : SIZE_MAX; }
+
+void limit_handler_queues(const quillon_connection &connection) {
+  const qlk::DispatchThread::Limits limits = {.warning = limit_of(connection.config->handler_queue_warning),
+                                              .bound = limit_of(connection.config->handler_queue_bound)};
+  connection.query->request_handler.set_limits(limits);
+  connection.notification->notf_handler.set_limits(limits);
 }
 
 bool put_target(quillon_connection &connection, wb_err *err) {
@@ -389,6 +400,7 @@ QUILLON_STATUS connect_locked(quillon_connection &connection, const std::atomic<
   if (connection.extra->loop->is_closed()) return fail("the library has been shut down", QUILLON_STATUS_CONNECTION_ERROR);
   if (!end_previous_session(connection)) return QUILLON_STATUS_CONNECTION_ERROR;
   if (const QUILLON_STATUS status = read_target(connection); status != QUILLON_STATUS_OK) return status;
+  limit_handler_queues(connection);
   wb_log(WB_LOG_INFO, "connecting to host %s .......", connection.extra->host.c_str());
   wb_err err = {};
   if (!put_target(connection, &err)) {

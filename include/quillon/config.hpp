@@ -117,6 +117,16 @@ class config {
         handle(), static_cast<int>(std::clamp<decltype(seconds)>(seconds, limits::min(), limits::max())));
   }
 
+  // Sets how many stanzas may wait for a handler before a warning is logged, once a crossing; 0: there is no warning. It holds
+  // for each of the two handler queues of a connection, from its next connect on; at first 1000. Returns: QUILLON_STATUS_OK, or
+  // QUILLON_STATUS_INVALID_ARGS for a negative number
+  result<> set_handler_queue_warning(int stanzas) noexcept { return quillon_config_set_handler_queue_warning(handle(), stanzas); }
+  // Sets how many may wait at most, and what becomes of further ones; 0, as at first: no bound. See
+  // quillon_config_set_handler_queue_bound. Returns: the same
+  result<> set_handler_queue_bound(int stanzas, QUILLON_HANDLER_QUEUE_OVERFLOW overflow) noexcept {
+    return quillon_config_set_handler_queue_bound(handle(), stanzas, overflow);
+  }
+
   // Fills an OpenSSL SSL_CTX * from the configuration, as the library does where nobody else does: client certificate, key,
   // trusted CAs, verification. Faults are logged, and end the handshake later.
   void fill_tls_context(void *ssl_ctx, bool is_bulk_download = false) const noexcept {

@@ -205,6 +205,15 @@ class connection {
     return quillon_connection_notify(handle(), topic.handle(), payload.release());
   }
 
+  // Tells how a handler queue is used: what waits in it, the most that ever waited, and what was dropped since it was full.
+  // Thread: any, handlers too. Returns: QUILLON_STATUS_INVALID_ARGS for a value that is no queue
+  result<quillon_handler_queue_usage> handler_queue_usage(QUILLON_HANDLER_QUEUE queue) const noexcept {
+    quillon_handler_queue_usage usage = {};
+    const QUILLON_STATUS status = quillon_connection_get_handler_queue_usage(handle(), queue, &usage);
+    if (status != QUILLON_STATUS_OK) return status;
+    return usage;
+  }
+
   // Asks the controller whether the user may perform the operation of the capability. True only when it says so: a refusal and a
   // missing answer are false as well, and only the log tells them apart.
   // Blocks:  until the controller answers, at most the send time-out.

@@ -55,6 +55,18 @@ TEST(CppConfig, ATimeOutIsRoundedUpAndStaysInItsRange) {
   }
 }
 
+TEST(CppConfig, LimitsTheHandlerQueues) {
+  config made = config::create().value();
+  EXPECT_EQ(1000, made.handle()->handler_queue_warning);
+  EXPECT_EQ(0, made.handle()->handler_queue_bound);
+  EXPECT_TRUE(made.set_handler_queue_warning(10));
+  EXPECT_TRUE(made.set_handler_queue_bound(20, QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE));
+  EXPECT_EQ(10, made.handle()->handler_queue_warning);
+  EXPECT_EQ(20, made.handle()->handler_queue_bound);
+  EXPECT_EQ(QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE, made.handle()->handler_queue_overflow);
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.set_handler_queue_bound(-1, QUILLON_HANDLER_QUEUE_OVERFLOW_DROP).status());
+}
+
 TEST(CppConfig, RefusesATextThatCannotBeOneAndKeepsTheOldOne) {
   config made = config::create({.hosts = {"a"}, .user = "alice", .groups = {"G"}}).value();
   using setter = result<> (config::*)(std::string_view);

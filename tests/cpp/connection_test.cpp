@@ -37,6 +37,13 @@ TEST(CppConnection, AnEmptyHandlerIsRefused) {
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.on_notification("{urn:w}day", {}).status());
 }
 
+TEST(CppConnection, TellsHowItsHandlerQueuesAreUsed) {
+  const connection made = make_connection();
+  EXPECT_EQ(0U, made.handler_queue_usage(QUILLON_HANDLER_QUEUE_QUERIES).value().depth);
+  EXPECT_EQ(0U, made.handler_queue_usage(QUILLON_HANDLER_QUEUE_NOTIFICATIONS).value().dropped);
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.handler_queue_usage(QUILLON_HANDLER_QUEUE_MAX).status());
+}
+
 // What a handler captured lives as long as the connection, and no longer when its name was refused.
 TEST(CppConnection, KeepsItsHandlersAndNoOthers) {
   auto captured = std::make_shared<int>();

@@ -286,6 +286,8 @@ TEST(ConfigClone, CopiesDeeply) {
   config->password = qlk::make_string("account").release();
   config->hosts_index = 1;
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_send_timeout_seconds(config.get(), 3));
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_handler_queue_warning(config.get(), 4));
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_handler_queue_bound(config.get(), 5, QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE));
   quillon_config *copy = nullptr;
   quillon_config_clone(config.get(), &copy);
   ASSERT_NE(nullptr, copy);
@@ -304,6 +306,9 @@ TEST(ConfigClone, CopiesDeeply) {
   EXPECT_EQ(2, copy->hosts_count);
   EXPECT_EQ(2, copy->groups_count);
   EXPECT_EQ(3, copy->send_timeout_seconds);
+  EXPECT_EQ(4, copy->handler_queue_warning);
+  EXPECT_EQ(5, copy->handler_queue_bound);
+  EXPECT_EQ(QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE, copy->handler_queue_overflow);
 }
 
 TEST(ConfigClone, WarnsOfAMissingSource) {
