@@ -249,9 +249,10 @@ std::vector<Row> rows_of_negotiation() {
     rows.push_back({name, changed([condition](Options &it) { it.sasl_failure = condition; })});
   }
   for (const HostileBytes &hostile : testpeer::hostile_stanzas()) {
-    if (hostile.bytes.size() > 2'000'000) continue;  // the stages after it see those
-    rows.push_back({"BeforeTls_" + hostile.name, [bytes = hostile.bytes] { return with(Stage::features, Fault::say(bytes)); }});
-    rows.push_back({"InSasl_" + hostile.name, [bytes = hostile.bytes] { return with(Stage::sasl, Fault::say(bytes)); }});
+    if (hostile.name == "Large") continue;  // the stages after it see that
+    const auto bytes = hostile.bytes;
+    rows.push_back({"BeforeTls_" + hostile.name, [bytes] { return with(Stage::features, Fault::say(bytes())); }});
+    rows.push_back({"InSasl_" + hostile.name, [bytes] { return with(Stage::sasl, Fault::say(bytes())); }});
   }
   return rows;
 }

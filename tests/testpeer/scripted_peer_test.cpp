@@ -458,7 +458,7 @@ TEST(ScriptedPeer, SendsHostileBytesWhole) {
   Options options = correct();
   std::vector<HostileBytes> all = hostile_stanzas();
   options.on_stanza = [&all](Connection &connection, const Stanza &stanza) {
-    return connection.send(all.at(std::stoul(stanza.attribute("id"))).bytes + "<end/>");
+    return connection.send(all.at(std::stoul(stanza.attribute("id"))).bytes() + "<end/>");
   };
   const ScriptedPeer peer(options);
   RawClient client(peer.port());
@@ -466,7 +466,7 @@ TEST(ScriptedPeer, SendsHostileBytesWhole) {
   client.read_until("</iq>");
   for (size_t i = 0; i < all.size(); ++i) {
     client.send("<message id='" + std::to_string(i) + "'/>");
-    EXPECT_TRUE(client.read_until("<end/>") == all[i].bytes + "<end/>") << all[i].name;
+    EXPECT_TRUE(client.read_until("<end/>") == all[i].bytes() + "<end/>") << all[i].name;
   }
   EXPECT_EQ(64UL * 1024 * 1024, large_stanza().size());
   EXPECT_EQ("<message><a><a></a></a></message>", deep_stanza(2));

@@ -9,8 +9,11 @@ namespace testpeer {
 
 // Bytes to be sent in the place of a stanza.
 struct HostileBytes {
-  std::string name = {};   // a word, "EntityBomb", for the names of tests
-  std::string bytes = {};  // complete: a client that gets through them is back between two stanzas, unless they are malformed
+  std::string name = {};  // a word, "EntityBomb", for the names of tests
+  bool is_big = false;    // more than 100 KiB: not to be sent byte by byte
+  // Makes them anew at each call, so that a table of tests need not hold them. They are complete: a client that gets through them
+  // is back between two stanzas, unless they are malformed.
+  std::string (*bytes)() = nullptr;
 };
 
 // One that is as large as is said, in bytes, as a message with one long text.
@@ -26,7 +29,7 @@ std::string entity_bomb_prolog();
 
 // All of the above as stanzas, in their default sizes, and more: a document type, a comment, a processing instruction, an entity
 // that nobody declared, half a character of UTF-8, a byte that is no UTF-8, a character that XML forbids, crossed tags, an
-// attribute twice, a prefix that nobody declared, a closing tag too many, text between two stanzas. About 70 MB altogether.
+// attribute twice, a prefix that nobody declared, a closing tag too many, text between two stanzas.
 std::vector<HostileBytes> hostile_stanzas();
 
 }  // namespace testpeer
