@@ -206,7 +206,7 @@ TEST(ItemReader, Limits) {
   };
   for (const LimitCase &c : cases) {
     SCOPED_TRACE(c.name);
-    for (const size_t piece : {1u, 100u}) {
+    for (const size_t piece : {1u, 100u, 1u << 20}) {
       const Outcome within = run("<r><c>" + c.within + "</c></r>", piece, c.options);
       EXPECT_EQ(WB_ERR_NONE, within.error) << piece;
       EXPECT_EQ(1, std::count(within.items.begin(), within.items.end(), '\n')) << piece;

@@ -91,6 +91,7 @@ struct wb_item_reader {
   void end_element();
   void character_data(const XML_Char *bytes, size_t length);
   void check_item();
+  bool check_token();
 
   template <typename Body>
   static void guard(void *self, Body body);
@@ -99,6 +100,7 @@ struct wb_item_reader {
   static void XMLCALL on_text(void *self, const XML_Char *bytes, int length);
   static void XMLCALL on_xml_declaration(void *self, const XML_Char *version, const XML_Char *encoding, int standalone);
   static void XMLCALL on_instruction(void *self, const XML_Char *target, const XML_Char *text);
+  static void XMLCALL on_comment(void *self, const XML_Char *text);
   static void XMLCALL on_doctype(void *self, const XML_Char *name, const XML_Char *system, const XML_Char *pub, int has_subset);
 
   const wb_item_reader_options options_;
@@ -151,8 +153,13 @@ void XMLCALL wb_item_reader::on_xml_declaration(void *self, const XML_Char *, co
 
 void XMLCALL wb_item_reader::on_instruction(void *self, const XML_Char *target, const XML_Char *) {
   guard(self, [&](wb_item_reader &reader) {
-    if (std::strchr(target, ':') != nullptr) reader.fail(WB_ERR_BAD_FORMAT, "colon in the target of a processing instruction");
+    if (reader.check_token() && std::strchr(target, ':') != nullptr)
+      reader.fail(WB_ERR_BAD_FORMAT, "colon in the target of a processing instruction");
   });
+}
+
+void XMLCALL wb_item_reader::on_comment(void *self, const XML_Char *) {
+  guard(self, [](wb_item_reader &reader) { reader.check_token(); });
 }
 
 void XMLCALL wb_item_reader::on_doctype(void *self, const XML_Char *, const XML_Char *, const XML_Char *, int has_subset) {
@@ -175,6 +182,7 @@ void wb_item_reader::make_parser() {
   XML_SetCharacterDataHandler(parser, on_text);
   XML_SetXmlDeclHandler(parser, on_xml_declaration);
   XML_SetProcessingInstructionHandler(parser, on_instruction);
+  XML_SetCommentHandler(parser, on_comment);
   XML_SetStartDoctypeDeclHandler(parser, on_doctype);
 }
 
@@ -282,7 +290,15 @@ void wb_item_reader::check_item() {
   if (builder_->names_bytes() > kNameBytesMax) fail(WB_ERR_BAD_FORMAT, "too many names");
 }
 
+// Markup that comes whole in one piece was never seen unfinished.
+bool wb_item_reader::check_token() {
+  if (static_cast<size_t>(XML_GetCurrentByteCount(parser_.get())) <= options_.token_bytes_max) return true;
+  fail(WB_ERR_BAD_FORMAT, "markup too long");
+  return false;
+}
+
 void wb_item_reader::start_element(const XML_Char *name, const XML_Char **attributes) {
+  if (!replaying_ && !check_token()) return;
   if (depth_ >= options_.depth_max) return fail(WB_ERR_BAD_FORMAT, "elements nested too deep");
   const bool in_item = depth_ >= options_.item_depth;
   ++depth_;
