@@ -137,8 +137,8 @@ QUILLON_API QUILLON_STATUS quillon_log_set_level(QUILLON_LOG_LEVEL level);
  * so it is needed only to log before there is a configuration. */
 QUILLON_API void quillon_log_initialize(void);
 
-/* Logs "caption(context: address, ref: address)" followed by the node as XML. caption NULL is an empty text; node NULL has no
- * XML. Thread: any that may read the node. */
+/* Logs "caption(context: address, ref: address)" followed by the node as XML, in which the text of elements called token or
+ * password is a row of asterisks. caption NULL is an empty text; node NULL has no XML. Thread: any that may read the node. */
 QUILLON_API void quillon_log_wb_dom(wb_log_level level, const wb_dom_node *node, const char *caption);
 
 /* ---- Strings ------------------------------------------------------------------------------------------------ */

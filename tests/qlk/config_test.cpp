@@ -332,18 +332,24 @@ TEST(ConfigSecrets, ThePassPhraseIsNeverLogged) {
 
 #if QLK_HAS_OOM
 TEST(ConfigSecrets, ThePassPhraseIsWipedBeforeItIsFreed) {
-  quillon_config *config = nullptr;
-  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_create(&config));
-  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_client_cert_key_password(config, std::string(4000, 'p').c_str()));
-  bool wiped = false;
-  oom::on_free(
-      config->client_cert_key_password->buffer,
-      [](const void *memory, void *result) {
-        *static_cast<bool *>(result) = std::string(static_cast<const char *>(memory), 4000) == std::string(4000, '\0');
-      },
-      &wiped);
-  quillon_config_destroy(config);
-  EXPECT_TRUE(wiped);
+  const std::string pass_phrase(4000, 'p');
+  for (const bool is_replaced : {true, false}) {
+    ConfigPtr config = make_config();
+    ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_client_cert_key_password(config.get(), pass_phrase.c_str()));
+    bool wiped = false;
+    oom::on_free(
+        config->client_cert_key_password->buffer,
+        [](const void *memory, void *result) {
+          *static_cast<bool *>(result) = std::string(static_cast<const char *>(memory), 4000) == std::string(4000, '\0');
+        },
+        &wiped);
+    if (is_replaced) {
+      ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_client_cert_key_password(config.get(), "another"));
+    } else {
+      config.reset();
+    }
+    EXPECT_TRUE(wiped) << is_replaced;
+  }
 }
 #endif
 

@@ -102,6 +102,24 @@ TEST(LogDom, WritesCaptionAddressesAndXml) {
   EXPECT_EQ(1u, log.count_exact("(context: (nil), ref: (nil))")) << log.all();
 }
 
+TEST(LogDom, HidesSecrets) {
+  const QuillonLogCapture log(WB_LOG_DEBUG);
+  const std::pair<const char *, const char *> cases[] = {
+      {"<a><token>s3cret</token>open</a>", "<a><token>******</token>open</a>"},
+      {"<token xmlns='urn:x' a='&gt;>'>s3cret</token>", ">******</token>"},
+      {"<a xmlns='urn:x'><b:password xmlns:b='urn:b'>s3cret</b:password></a>", ">******</"},
+      {"<a><token/>open<tokens>open</tokens></a>", "<token/>open<tokens>open</tokens>"},
+  };
+  for (const auto &[xml, expected] : cases) {
+    wb_dom_node *node = nullptr;
+    ASSERT_TRUE(wb_dom_parse(xml, std::strlen(xml), &node, nullptr));
+    quillon_log_wb_dom(WB_LOG_DEBUG, node, "");
+    wb_dom_context_destroy(wb_dom_get_context(node));
+    EXPECT_TRUE(log.contains(expected)) << log.all();
+  }
+  EXPECT_FALSE(log.contains("s3cret")) << log.all();
+}
+
 TEST(LogTrace, NamesEachArgumentOfStringOperations) {
   const QuillonLogCapture log(WB_LOG_TRACE);
   quillon_string string = {};

@@ -37,7 +37,8 @@ WB_API void wb_log(wb_log_level level, const char *format, ...) WB_PRINTF(2, 3);
 WB_API void wb_log_err(wb_log_level level, const wb_err *err, const char *caption);
 
 /* Logs the formatted text, one blank, and the node serialised as XML; a NULL node, or one that cannot be serialised, adds
- * nothing. Any thread that may read the node. */
+ * nothing. The text of elements called token or password, in any namespace, is a row of asterisks. Any thread that may read the
+ * node. */
 WB_API void wb_log_dom(wb_log_level level, const wb_dom_node *node, const char *format, ...) WB_PRINTF(3, 4);
 
 /* Installs the function that receives the records; NULL restores vfprintf. Set it before other threads log. */
