@@ -10,8 +10,10 @@ def quote(text):
     return '"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
 
 
-def draw(path, commands):
-    head = f"set terminal svg size 720,420 font 'sans-serif,12' background '#ffffff'\nset output {quote(path)}\n"
+def draw(path, commands, size="720,420"):
+    """Draws an SVG, or what else the file's name ends with."""
+    terminal = os.path.splitext(path)[1][1:]
+    head = f"set terminal {terminal} size {size} font 'sans-serif,12' background '#ffffff'\nset output {quote(path)}\n"
     subprocess.run(["gnuplot"], input=head + "\n".join(commands) + "\n", text=True, check=True)
 
 
