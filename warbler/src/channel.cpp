@@ -69,7 +69,7 @@ bool Channel::admit_locked(size_t bytes, wb_err *err) const {
 }
 
 void Channel::wake_loop_locked() {
-  if (wanted_scheduled_) return;
+  if (wanted_scheduled_ || attended_) return;
   wanted_.add_for_next_pass();
   wanted_scheduled_ = true;
 }
@@ -85,7 +85,25 @@ bool Channel::send(wb_dom_node *stanza, wb_err *err) {
   return true;
 }
 
-bool Channel::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err) {
+void Channel::begin_attendance() {
+  const std::lock_guard lock(mutex_);
+  attended_ = true;
+}
+
+void Channel::no_attendance() {
+  const std::lock_guard lock(mutex_);
+  attended_ = false;
+}
+
+void Channel::end_attendance() {
+  const std::lock_guard lock(mutex_);
+  attended_ = false;
+  if (bytes_.empty() || wanted_scheduled_) return;
+  wanted_.activate();
+  wanted_scheduled_ = true;
+}
+
+bool Channel::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err, bool *must_write) {
   const ContextRef consumed(wb_dom_get_context(iq));
   std::string id;
   {
@@ -101,10 +119,11 @@ bool Channel::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds tim
   if (!admit_locked(bytes.size(), err)) return false;
   // What may fail comes first, so that an IQ is either tracked and written or neither.
   bytes_.reserve(bytes_.size() + bytes.size() > bytes_.capacity() ? 2 * (bytes_.size() + bytes.size()) : 0);
-  wake_loop_locked();
+  if (must_write == nullptr) wake_loop_locked();
   arm_expiry_locked(Clock::now() + timeout);
   iqs_.add(id, to != nullptr ? to : "", tracked, timeout);
   bytes_.append(bytes.view());
+  if (must_write != nullptr && !attended_ && !wanted_scheduled_) attended_ = *must_write = true;
   return true;
 }
 

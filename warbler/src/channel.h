@@ -28,7 +28,15 @@ class Channel {
 
   // Any thread; consume one reference of the stanza's context.
   bool send(wb_dom_node *stanza, wb_err *err);
-  bool track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err);
+  // must_write, unless it is null, is set when nobody else is going to write the IQ: the caller then does so, in place of the
+  // loop, and calls end_attendance.
+  bool track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err, bool *must_write = nullptr);
+
+  // From begin_attendance on nobody need be woken for what is sent, because somebody is at work who is going to look. It ends
+  // with no_attendance, after which the caller looks, or with end_attendance, which wakes the loop if something waits.
+  void begin_attendance();
+  void no_attendance();
+  void end_attendance();
 
   // On the loop: hands an answer to whom it belongs. False when nobody waits for it.
   bool answer(wb_dom_node *iq);
@@ -53,6 +61,7 @@ class Channel {
   size_t backlog_ = 0;
   std::string bytes_;
   bool wanted_scheduled_ = false;
+  bool attended_ = false;
   IqTable iqs_;
   Clock::time_point expiry_armed_ = Clock::time_point::max();
 

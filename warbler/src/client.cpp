@@ -59,7 +59,7 @@ bool wb_client_track_iq(wb_client *client, wb_dom_node *iq, wb_client_iq_callbac
       wb_dom_context_destroy(wb_dom_get_context(iq));
       return WB_FAIL(err, WB_ERR_INVALID_ARG, "no client, stanza or callback");
     }
-    return client->core->channel().track(iq, wb::TrackedIq{callback, arg}, std::chrono::seconds(timeout_seconds), err);
+    return client->core->track(iq, wb::TrackedIq{callback, arg}, std::chrono::seconds(timeout_seconds), err);
   });
 }
 

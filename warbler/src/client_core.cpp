@@ -1,5 +1,6 @@
 #include "client_core.h"
 
+#include <pthread.h>
 #include <warbler/log.h>
 
 #include <algorithm>
@@ -72,6 +73,25 @@ wb_event *ClientCore::event(const char *name) {
     if (std::strcmp(event.name(), name) == 0) return &event;
   }
   return nullptr;
+}
+
+bool ClientCore::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err) {
+  bool must_write = false;
+  if (!channel_.track(iq, tracked, timeout, err, LoopGate::is_on_loop() ? nullptr : &must_write)) return false;
+  if (must_write) write_here();
+  return true;
+}
+
+// The IQ is tracked, so a thread that is cancelled must not leave here.
+void ClientCore::write_here() {
+  int cancellable = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellable);
+  {
+    const LoopGate::Pass pass(gate_, std::try_to_lock);
+    if (pass && session_ != nullptr) session_->write_off_loop();
+  }
+  channel_.end_attendance();
+  pthread_setcancelstate(cancellable, nullptr);
 }
 
 bool ClientCore::connect(wb_htable *config, wb_err *err) {

@@ -24,6 +24,9 @@ class ClientCore final : public Session::Owner, public Buriable, public std::ena
   wb_event *event(const char *name);
   Channel &channel() { return channel_; }
 
+  // Any thread; consumes one reference of the IQ's context. On a thread that is not the loop's the IQ leaves at once: whoever
+  // asks waits for the answer, and the loop need not be woken twice.
+  bool track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err);
   // Any thread.
   bool connect(wb_htable *config, wb_err *err);
   void destroy();
@@ -44,9 +47,12 @@ class ClientCore final : public Session::Owner, public Buriable, public std::ena
   void on_session_stanza(wb_dom_node *stanza) override;
   void take_outgoing(std::string &bytes) override { channel_.take(bytes); }
   void set_backlog(size_t bytes) override { channel_.set_backlog(bytes); }
+  void begin_attendance() override { channel_.begin_attendance(); }
+  void no_attendance() override { channel_.no_attendance(); }
   bool goes_step_by_step(const Endpoint &server) const override;
   void remember_step_by_step(const Endpoint &server) override;
 
+  void write_here();
   void start_session();
   void tell_end(wb_errcode reason, wb_dom_node *error);
   void call_back_unanswered();

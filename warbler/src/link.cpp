@@ -92,10 +92,14 @@ Link::~Link() {
 Link::Io Link::fill() {
   if (in_.empty()) in_.resize(kInputBytes);
   in_begin_ = in_end_ = 0;
+  if (drained_) return Io::again;
   for (;;) {
     const ssize_t got = recv(fd_, in_.data(), in_.size(), 0);
     if (got > 0) {
       in_end_ = static_cast<size_t>(got);
+      // The loop tells when more has come.
+      drained_ = in_end_ < in_.size();
+      spoken_ = false;
       return Io::done;
     }
     if (got == 0) {
@@ -103,7 +107,10 @@ Link::Io Link::fill() {
       return Io::closed;
     }
     if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return Io::again;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      drained_ = true;
+      return Io::again;
+    }
     socket_error_ = errno;
     return Io::failed;
   }
@@ -155,13 +162,25 @@ Link::Io Link::handshake() {
   return result == 1 ? Io::done : tls_result(result);
 }
 
+// Servers put each stanza into a record of its own, but many records come at once.
+Link::Io Link::read_tls(char *buffer, size_t size, size_t &got) {
+  ERR_clear_error();
+  while (got < size && tls_end_ == Io::done) {
+    const bool is_empty = in_begin_ == in_end_ && drained_ && SSL_has_pending(ssl_.get()) == 0;
+    if (is_empty) return got > 0 ? Io::done : Io::again;
+    size_t piece = 0;
+    const int result = SSL_read_ex(ssl_.get(), buffer + got, size - got, &piece);
+    const Io io = result == 1 ? Io::done : tls_result(result);
+    got += piece;
+    if (io == Io::again) return got > 0 ? Io::done : Io::again;
+    tls_end_ = io;
+  }
+  return got > 0 ? Io::done : tls_end_;
+}
+
 Link::Io Link::read(char *buffer, size_t size, size_t &got) {
   got = 0;
-  if (ssl_ != nullptr) {
-    ERR_clear_error();
-    const int result = SSL_read_ex(ssl_.get(), buffer, size, &got);
-    return result == 1 ? Io::done : tls_result(result);
-  }
+  if (ssl_ != nullptr) return read_tls(buffer, size, got);
   if (in_begin_ == in_end_) {
     if (const Io filled = fill(); filled != Io::done) return filled;
   }
@@ -185,10 +204,12 @@ Link::Io Link::write(std::string_view bytes) {
 }
 
 Link::Io Link::flush() {
+  if (socket_error_ != 0) return Io::failed;
   while (out_begin_ < out_.size()) {
     const ssize_t sent = send(fd_, out_.data() + out_begin_, out_.size() - out_begin_, MSG_NOSIGNAL);
     if (sent >= 0) {
       out_begin_ += static_cast<size_t>(sent);
+      spoken_ = true;
       continue;
     }
     if (errno == EINTR) continue;
@@ -226,6 +247,7 @@ bool Link::is_all_acknowledged() const {
 }
 
 void Link::acknowledge_quickly() const {
+  if (spoken_) return;
   const int on = 1;
   setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
 }

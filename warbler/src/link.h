@@ -44,7 +44,9 @@ class Link final : public Buriable {
   // Goes on with the handshake: done when it is complete. Call flush whatever it returns.
   Io handshake();
 
-  // Reads at most size bytes (size > 0); done with got > 0.
+  // The socket has become readable: what follows may look at it again.
+  void look_again() { drained_ = false; }
+  // Reads at most size bytes (size > 0), of as many TLS records as are there; done with got > 0.
   Io read(char *buffer, size_t size, size_t &got);
   // Buffers bytes for the peer; failed when TLS refuses.
   Io write(std::string_view bytes);
@@ -62,7 +64,8 @@ class Link final : public Buriable {
   // Whether the peer's system has all that was flushed.
   bool is_all_acknowledged() const;
 
-  // The acknowledgement of what was read leaves at once: an answer that waits for it would be late by 40 ms.
+  // The acknowledgement of what was read leaves at once, unless something that was written since carries it: what the peer holds
+  // back until then would be late by 40 ms.
   void acknowledge_quickly() const;
 
   // Whether it was TLS that failed, the peer's alert perhaps, and not just the socket.
@@ -74,13 +77,17 @@ class Link final : public Buriable {
   friend struct LinkBio;
   Io fill();
   Io tls_result(int result);
+  Io read_tls(char *buffer, size_t size, size_t &got);
 
   const int fd_;
   SslPtr ssl_;
   std::vector<char> in_;  // what the socket gave and nobody took
   size_t in_begin_ = 0, in_end_ = 0;
   bool in_closed_ = false;
-  std::string out_;  // what the socket has not taken yet
+  bool drained_ = false;   // the socket had nothing more when it was last read
+  bool spoken_ = false;    // written since it was last read
+  Io tls_end_ = Io::done;  // how reading ended, behind bytes that came before
+  std::string out_;        // what the socket has not taken yet
   size_t out_begin_ = 0;
   int socket_error_ = 0;
   std::string tls_error_;

@@ -6,11 +6,34 @@
 
 namespace wb {
 
+namespace {
+
+thread_local unsigned on_loop = 0;
+
+}  // namespace
+
+bool LoopGate::is_on_loop() { return on_loop > 0; }
+
+LoopGate::OnLoop::OnLoop() { ++on_loop; }
+LoopGate::OnLoop::~OnLoop() { --on_loop; }
+
 LoopGate::Pass::Pass(std::shared_ptr<LoopGate> gate) : gate_(std::move(gate)) {
   gate_->mutex_.lock();
   entered_ = !gate_->closed_;
   if (entered_) {
     ++gate_->depth_;
+    ++on_loop;
+  } else {
+    gate_->mutex_.unlock();
+  }
+}
+
+LoopGate::Pass::Pass(std::shared_ptr<LoopGate> gate, std::try_to_lock_t) : gate_(std::move(gate)), entered_(false) {
+  if (!gate_->mutex_.try_lock()) return;
+  entered_ = !gate_->closed_ && gate_->depth_ == 0;
+  if (entered_) {
+    ++gate_->depth_;
+    ++on_loop;
   } else {
     gate_->mutex_.unlock();
   }
@@ -18,6 +41,7 @@ LoopGate::Pass::Pass(std::shared_ptr<LoopGate> gate) : gate_(std::move(gate)) {
 
 LoopGate::Pass::~Pass() {
   if (!entered_) return;
+  --on_loop;
   std::shared_ptr<Buriable> buried;
   if (--gate_->depth_ == 0) buried.swap(gate_->buried_);
   gate_->mutex_.unlock();
@@ -61,6 +85,8 @@ bool LoopEvent::try_add(std::chrono::milliseconds timeout) noexcept {
   const timeval interval{static_cast<time_t>(rest / 1000), static_cast<suseconds_t>(rest % 1000 * 1000)};
   return event_add(event_, &interval) == 0;
 }
+
+void LoopEvent::activate() noexcept { event_active(event_, EV_TIMEOUT, 0); }
 
 void LoopEvent::remove() noexcept { event_del(event_); }
 

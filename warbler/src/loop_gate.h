@@ -32,6 +32,8 @@ class LoopGate {
   class Pass {
    public:
     explicit Pass(std::shared_ptr<LoopGate> gate);
+    // On a thread that need not be the loop's: does not wait, and is not entered while another pass is under way either.
+    Pass(std::shared_ptr<LoopGate> gate, std::try_to_lock_t);
     ~Pass();
     Pass(const Pass &) = delete;
     Pass &operator=(const Pass &) = delete;
@@ -40,6 +42,15 @@ class LoopGate {
    private:
     const std::shared_ptr<LoopGate> gate_;
     bool entered_;
+  };
+
+  // The thread is the loop's, as far as can be told: it is in a pass, or in what OnLoop was made for.
+  static bool is_on_loop();
+  struct OnLoop {
+    OnLoop();
+    ~OnLoop();
+    OnLoop(const OnLoop &) = delete;
+    OnLoop &operator=(const OnLoop &) = delete;
   };
 
   // Any thread. Tells whether it was closed already, and if not, whether the caller is itself within a pass.
@@ -78,6 +89,8 @@ class LoopEvent final : public Buriable {
   // A timer's function runs in the next pass of the loop, after what is ready by then: whoever has much to do lets others have
   // their turn. Throws std::bad_alloc.
   void add_for_next_pass() { add(std::chrono::milliseconds(0)); }
+  // The function runs soon, perhaps in the current pass still: for what is rare. Needs no memory.
+  void activate() noexcept;
   void remove() noexcept;
 
  private:

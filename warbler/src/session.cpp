@@ -49,6 +49,18 @@ bool is_in_streams(const wb_dom_node *node, std::string_view name) {
   return uri != nullptr && std::string_view(uri) == ns::kStreams && name == wb_dom_get_localname(node);
 }
 
+// While the loop reads, what is sent meanwhile need not wake it.
+class Attendance {
+ public:
+  explicit Attendance(Session::Owner &owner) : owner_(owner) { owner_.begin_attendance(); }
+  ~Attendance() { owner_.no_attendance(); }
+  Attendance(const Attendance &) = delete;
+  Attendance &operator=(const Attendance &) = delete;
+
+ private:
+  Session::Owner &owner_;
+};
+
 }  // namespace
 
 template <typename Function>
@@ -122,18 +134,27 @@ void Session::on_connected(int fd, const std::string &text) {
 }
 
 void Session::on_readable() {
-  // Servers hold a second small packet back until the first is acknowledged, and not everything that arrives is answered.
-  link_->acknowledge_quickly();
+  link_->look_again();
   heard_ = Clock::now();
   probed_ = false;
   if (state_ == State::leaving) return ignore_input();
-  if (state_ == State::tls) return on_handshake();
   if (state_ == State::tls_accept) return readable_->remove();  // nothing is read before the application has answered
+  if (state_ == State::tls) return on_handshake();
   read_stream();
 }
 
 void Session::read_stream() {
   more_to_read_ = false;
+  {
+    const Attendance attendance(owner_);
+    read_pieces();
+    // Servers hold a second small packet back until the first is acknowledged, and not everything that arrives is answered.
+    if (link_ != nullptr) link_->acknowledge_quickly();
+  }
+  if (state_ == State::established) pump();
+}
+
+void Session::read_pieces() {
   for (unsigned reads = 0; reads < kReadsPerPass; ++reads) {
     if (link_ == nullptr) return;
     char *room = parser_.buffer(kReadBytes);
@@ -157,6 +178,8 @@ void Session::read_stream() {
     if (has_ended() || state_ == State::leaving) return;
     if (error != StreamError::none) return on_parse_error(error);
     if (state_ != before && (link_ == nullptr || state_ == State::tls || state_ == State::tls_accept)) return;
+    // The server goes to work on these while the next piece is read.
+    if (state_ == State::established) pump();
   }
   // More may wait in the link where the socket cannot tell.
   more_to_read_ = true;
@@ -206,18 +229,16 @@ void Session::write_waiting() {
   run([this] { pump(); });
 }
 
-void Session::pump() {
-  for (unsigned pieces = 0; link_ != nullptr; ++pieces) {
+Session::Written Session::write_share() {
+  for (unsigned pieces = 0;; ++pieces) {
     switch (link_->flush()) {
       case Link::Io::done:
         break;
       case Link::Io::again:
         owner_.set_backlog(sending_.size() - sent_ + link_->waiting());
-        return writable_->add();
+        return Written::blocked;
       default:
-        // What the server said last may tell why, and is still there to be read.
-        if (is_negotiating()) return;
-        return end(WB_ERR_SOCKET_CONNECT, "the connection failed: " + link_->reason());
+        return Written::failed;
     }
     if (sent_ == sending_.size()) {
       sending_.clear();
@@ -225,19 +246,46 @@ void Session::pump() {
       if (state_ == State::established) owner_.take_outgoing(sending_);
       if (sending_.empty()) {
         owner_.set_backlog(0);
-        return on_all_written();
+        return Written::all;
       }
     }
     if (pieces == kWritesPerPass) {
       owner_.set_backlog(sending_.size() - sent_);
-      more_to_write_ = true;
-      return more_.add_for_next_pass();
+      return Written::share;
     }
     const std::string_view piece = std::string_view(sending_).substr(sent_, kWriteBytes);
-    if (link_->write(piece) != Link::Io::done) return end(WB_ERR_TLS, "cannot encrypt: " + link_->reason());
+    if (link_->write(piece) != Link::Io::done) return Written::refused;
     sent_ += piece.size();
     spoken_ = Clock::now();
   }
+}
+
+void Session::pump() {
+  if (link_ == nullptr) return;
+  switch (write_share()) {
+    case Written::all:
+      return on_all_written();
+    case Written::blocked:
+      return writable_->add();
+    case Written::share:
+      more_to_write_ = true;
+      return more_.add_for_next_pass();
+    case Written::failed:
+      // What the server said last may tell why, and is still there to be read.
+      if (is_negotiating()) return;
+      return end(WB_ERR_SOCKET_CONNECT, "the connection failed: " + link_->reason());
+    case Written::refused:
+      return end(WB_ERR_TLS, "cannot encrypt: " + link_->reason());
+  }
+}
+
+void Session::write_off_loop() {
+  // What is not all written is waited for, and what the owner has comes behind it.
+  if (state_ != State::established || !is_all_written()) return;
+  const bool went_smoothly = guarded(nullptr, __func__, [this] { return write_share() == Written::all; });
+  if (went_smoothly) return;
+  more_to_write_ = true;
+  more_.activate();
 }
 
 // What the owner has goes behind what is being written.

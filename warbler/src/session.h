@@ -38,6 +38,9 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
     // Bytes that wait to be written; empties them into the argument.
     virtual void take_outgoing(std::string &bytes) = 0;
     virtual void set_backlog(size_t bytes) = 0;
+    // In between the session is going to look for outgoing bytes without being told.
+    virtual void begin_attendance() = 0;
+    virtual void no_attendance() = 0;
     // What the client knows about a server from sessions before.
     virtual bool goes_step_by_step(const Endpoint &server) const = 0;
     virtual void remember_step_by_step(const Endpoint &server) = 0;
@@ -61,6 +64,8 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   void abandon();
   // Writes what the owner has.
   void write_waiting();
+  // The same on any thread, in a pass of its own. What does not go smoothly is left to the loop, and so the owner hears nothing.
+  void write_off_loop();
 
   bool has_ended() const { return state_ == State::ended; }
 
@@ -79,6 +84,9 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
     ended
   };
   using Clock = std::chrono::steady_clock;
+  // What came of an attempt to write: all that there was, as much as the socket took, or as much as one pass may do; the socket
+  // or TLS refused.
+  enum class Written { all, blocked, share, failed, refused };
 
   void on_stream_open(wb_dom_node *head) override;
   void on_stanza(wb_dom_node *stanza) override;
@@ -91,10 +99,12 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   void on_connected(int fd, const std::string &text);
   void on_readable();
   void read_stream();
+  void read_pieces();
   void on_more();
   void on_parse_error(StreamError error);
   void ignore_input();
   void write(std::string_view bytes);
+  Written write_share();
   void pump();
   void take_last();
   void on_all_written();

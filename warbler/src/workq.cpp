@@ -4,6 +4,7 @@
 #include <new>
 
 #include "guard.h"
+#include "loop_gate.h"
 
 wb_workq::wb_workq(event_base *base) : base_(base), wakeup_(event_new(base, -1, 0, on_wakeup, this)) {}
 
@@ -45,6 +46,7 @@ bool wb_workq::put(wb_workq_function function, void *arg) {
 void wb_workq::on_wakeup(evutil_socket_t, short, void *arg) { static_cast<wb_workq *>(arg)->run(); }
 
 void wb_workq::run() {
+  const wb::LoopGate::OnLoop on_loop;
   bool destroyed = false;
   {
     const std::lock_guard lock(mutex_);
