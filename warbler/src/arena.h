@@ -51,7 +51,7 @@ class Arena {
   char *next_;
   char *end_;
   Block *blocks_ = nullptr;
-  size_t block_size_ = 2048;
+  size_t block_size_ = 1032;  // the largest that glibc keeps at hand per thread
   size_t reserved_ = 0;
 };
 

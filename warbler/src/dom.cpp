@@ -106,10 +106,11 @@ wb_dom_node *copy_tree(wb_dom_ctx &context, const wb_dom_node &root) {
 }  // namespace
 
 wb::ContextRef wb::make_context(NameTable *table) {
-  auto *const memory = static_cast<char *>(std::malloc(kContextBlock));
+  auto *const memory = static_cast<char *>(table != nullptr ? table->take_block() : std::malloc(kContextBlock));
   if (memory == nullptr) throw std::bad_alloc();
   if (table != nullptr) table->retain();
-  return ContextRef(new (memory) wb_dom_ctx(memory + Arena::round_up(sizeof(wb_dom_ctx)), memory + kContextBlock, table));
+  char *const end = memory + (table != nullptr ? NameTable::kBlockBytes : kContextBlock);
+  return ContextRef(new (memory) wb_dom_ctx(memory + Arena::round_up(sizeof(wb_dom_ctx)), end, table));
 }
 
 wb::Text *wb::make_text(wb_dom_ctx &context, const char *bytes, size_t length) {
@@ -146,9 +147,11 @@ bool wb_dom_context_retain(wb_dom_ctx *context, wb_err *err) {
 
 void wb_dom_context_destroy(wb_dom_ctx *context) {
   if (context == nullptr || context->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-  if (context->shared != nullptr) context->shared->release();
+  wb::NameTable *const table = context->shared;
   context->~wb_dom_ctx();
-  std::free(context);
+  if (table == nullptr) return std::free(context);
+  table->give_back_block(context);
+  table->release();
 }
 
 wb_dom_ctx *wb_dom_get_context(const wb_dom_node *node) { return node != nullptr ? node->context : nullptr; }

@@ -10,7 +10,8 @@
 #include "name_table.h"
 #include "names.h"
 
-// The context's own record and its first stretch of memory are one block, of a size that the allocator keeps at hand per thread.
+// The context's own record and its first stretch of memory are one block: from the table of names, or of a size that the
+// allocator keeps at hand per thread.
 struct wb_dom_ctx {
   wb_dom_ctx(char *begin, char *end, wb::NameTable *table) : arena(begin, end), shared(table) {}
 

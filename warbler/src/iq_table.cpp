@@ -3,7 +3,6 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <new>
 
@@ -24,6 +23,28 @@ bool may_answer(std::string_view to, std::string_view from, std::string_view own
     return from.empty() || jid_equal(from, own_bare) || (to.empty() && jid_equal(from, own_jid));
   }
   return jid_equal(to, from);
+}
+
+// What each hexadecimal digit stands for; kNoDigit for the other bytes.
+constexpr unsigned char kNoDigit = 16;
+constexpr auto kDigitValues = [] {
+  std::array<unsigned char, 256> values{};
+  values.fill(kNoDigit);
+  for (unsigned char i = 0; i < 10; ++i) values[static_cast<size_t>('0' + i)] = i;
+  for (unsigned char i = 0; i < 6; ++i) values[static_cast<size_t>('a' + i)] = values[static_cast<size_t>('A' + i)] = i + 10;
+  return values;
+}();
+
+// False when the sixteen bytes are not all digits.
+bool parse_word(const char *digits, uint64_t &word) {
+  unsigned seen = 0;
+  word = 0;
+  for (size_t i = 0; i < 16; ++i) {
+    const unsigned char value = kDigitValues[static_cast<unsigned char>(digits[i])];
+    seen |= value;
+    word = (word << 4) | (value & 15u);
+  }
+  return seen < kNoDigit;
 }
 
 }  // namespace
@@ -47,11 +68,7 @@ std::string IqTable::make_id() {
 }
 
 bool IqTable::parse_id(std::string_view id, Key &key) {
-  if (id.size() != 2 * kIdBytes) return false;
-  const char *begin = id.data(), *middle = begin + kIdBytes, *end = begin + 2 * kIdBytes;
-  const auto high = std::from_chars(begin, middle, key.high, 16);
-  const auto low = std::from_chars(middle, end, key.low, 16);
-  return high.ec == std::errc() && high.ptr == middle && low.ec == std::errc() && low.ptr == end;
+  return id.size() == 2 * kIdBytes && parse_word(id.data(), key.high) && parse_word(id.data() + kIdBytes, key.low);
 }
 
 void IqTable::add(const std::string &id, std::string_view to, TrackedIq iq, std::chrono::seconds timeout) {

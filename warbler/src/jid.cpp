@@ -39,6 +39,7 @@ bool parse_jid(std::string_view text, Jid &jid) {
 }
 
 bool jid_equal(std::string_view a, std::string_view b) {
+  if (a == b) return true;
   const std::string_view bare_a = bare_jid(a), bare_b = bare_jid(b);
   return equal_folded(bare_a, bare_b) && a.substr(bare_a.size()) == b.substr(bare_b.size());
 }

@@ -1,6 +1,7 @@
 #include "name_table.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include "xml_text.h"
 
@@ -29,6 +30,33 @@ wb::NameTable *wb::NameTable::create() {
   } catch (...) {
     std::free(memory);
     throw;
+  }
+}
+
+wb::NameTable::~NameTable() {
+  free_blocks(free_);
+  free_blocks(returned_.load(std::memory_order_relaxed));
+}
+
+void wb::NameTable::free_blocks(FreeBlock *first) noexcept {
+  while (first != nullptr) std::free(std::exchange(first, first->next));
+}
+
+void *wb::NameTable::take_block() {
+  if (free_ == nullptr && returned_.load(std::memory_order_relaxed) != nullptr) {
+    returned_count_.store(0, std::memory_order_relaxed);
+    free_ = returned_.exchange(nullptr, std::memory_order_acquire);
+  }
+  if (free_ != nullptr) return std::exchange(free_, free_->next);
+  void *const block = std::malloc(kBlockBytes);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+
+void wb::NameTable::give_back_block(void *block) noexcept {
+  if (returned_count_.fetch_add(1, std::memory_order_relaxed) >= kBlocksKept) return std::free(block);
+  auto *const freed = new (block) FreeBlock{returned_.load(std::memory_order_relaxed)};
+  while (!returned_.compare_exchange_weak(freed->next, freed, std::memory_order_release, std::memory_order_relaxed)) {
   }
 }
 

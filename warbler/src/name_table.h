@@ -34,11 +34,21 @@ struct QName {
 };
 
 // Contexts that the parser makes hold a reference, since their nodes point at the names. Only the parser changes the table.
+//
+// They also live in blocks that go round between the parser and whoever releases them: what one thread allocates and another
+// frees is what an allocator with caches per thread is worst at.
 class NameTable {
  public:
   static NameTable *create();
   void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
   void release();
+
+  // A block for a context, which will hold a stanza of usual size. The parser's; throws std::bad_alloc.
+  void *take_block();
+  // Any thread.
+  void give_back_block(void *block) noexcept;
+
+  static constexpr size_t kBlockBytes = 3056;
 
   // Null when the text is no qualified name; XML has already been checked. Throws std::bad_alloc, as all below.
   // Streams repeat themselves, so the name that came after the last one before is tried first.
@@ -85,8 +95,16 @@ class NameTable {
   static constexpr size_t kBytesMax = 256u << 10;
 
  private:
+  struct FreeBlock {
+    FreeBlock *next;
+  };
+
+  // So many blocks are kept, give or take a few.
+  static constexpr unsigned kBlocksKept = 64;
+
   NameTable(char *begin, char *end);
-  ~NameTable() = default;
+  ~NameTable();
+  static void free_blocks(FreeBlock *first) noexcept;
   QName *find_qname(const char *text);
   const Symbol *find_uri(const char *text);
   Prefix *prefix(std::string_view text);
@@ -95,6 +113,9 @@ class NameTable {
   QName *make_qname(std::string_view text, uint32_t hash);
 
   std::atomic<unsigned> references_{1};
+  std::atomic<unsigned> returned_count_{0};
+  std::atomic<FreeBlock *> returned_{nullptr};  // only ever taken as a whole
+  FreeBlock *free_ = nullptr;                   // the parser's
   Arena arena_;
   NameStore store_;
   Index<QName> qnames_;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <cstring>
 #include <iterator>
 
 namespace {
@@ -21,16 +23,18 @@ constexpr Range kNameStart[] = {
 constexpr Range kNameRest[] = {{'-', '.'}, {'0', '9'}, {0xB7, 0xB7}, {0x300, 0x36F}, {0x203F, 0x2040}};
 
 // Nearly all names are ASCII, and every name that an application builds with is looked at.
-constexpr auto kAsciiNameChars = [] {
-  std::array<bool, 128> chars{};
-  for (const Range &range : kNameStart) {
-    for (char32_t c = range.first; c <= range.last && c < chars.size(); ++c) chars[c] = true;
-  }
-  for (const Range &range : kNameRest) {
+using AsciiSet = std::array<bool, 128>;
+
+template <size_t Count>
+constexpr AsciiSet with_ranges(AsciiSet chars, const Range (&ranges)[Count]) {
+  for (const Range &range : ranges) {
     for (char32_t c = range.first; c <= range.last && c < chars.size(); ++c) chars[c] = true;
   }
   return chars;
-}();
+}
+
+constexpr AsciiSet kAsciiNameStarts = with_ranges({}, kNameStart);
+constexpr AsciiSet kAsciiNameChars = with_ranges(kAsciiNameStarts, kNameRest);
 
 template <size_t Count>
 bool is_in(const Range (&ranges)[Count], char32_t c) {
@@ -40,6 +44,17 @@ bool is_in(const Range (&ranges)[Count], char32_t c) {
 }
 
 unsigned char byte_at(const char *at) { return static_cast<unsigned char>(*at); }
+
+// Passes over the bytes, eight at a time, that are ASCII and no control characters.
+const char *skip_printable_words(const char *at, const char *end) {
+  constexpr uint64_t kTops = 0x8080808080808080u, kSpaces = 0x2020202020202020u;
+  for (; end - at >= 8; at += 8) {
+    uint64_t word;
+    std::memcpy(&word, at, sizeof word);
+    if (((word | (word - kSpaces)) & kTops) != 0) break;
+  }
+  return at;
+}
 
 }  // namespace
 
@@ -71,20 +86,21 @@ bool wb::is_xml_char(char32_t c) {
 
 bool wb::is_xml_text(std::string_view text) {
   const char *const end = text.data() + text.size();
-  for (const char *at = text.data(); at != end;) {
-    if (byte_at(at) >= 0x20 && byte_at(at) < 0x80) {
-      ++at;
-      continue;
-    }
+  for (const char *at = text.data();;) {
+    at = skip_printable_words(at, end);
+    const char *const near = end - at > 8 ? at + 8 : end;
+    while (at != near && byte_at(at) >= 0x20 && byte_at(at) < 0x80) ++at;
+    if (at == end) return true;
+    if (at == near) continue;
     char32_t c = 0;
     const unsigned length = decode_utf8(at, end, c);
     if (length == 0 || !is_xml_char(c)) return false;
     at += length;
   }
-  return true;
 }
 
 bool wb::begins_name(std::string_view text) {
+  if (!text.empty() && byte_at(text.data()) < kAsciiNameStarts.size()) return kAsciiNameStarts[byte_at(text.data())];
   char32_t c = 0;
   return decode_utf8(text.data(), text.data() + text.size(), c) != 0 && is_in(kNameStart, c);
 }
