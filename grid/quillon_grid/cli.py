@@ -45,7 +45,8 @@ def make_parser():
     up.add_argument("--domain", help=f"the XMPP domain (default: as before, at first {DOMAIN})")
     command("down", run_down, "stops the grid; accounts, capabilities and certificates stay in the folder")
     command("status", run_status, "tells whether the grid is up, and counts")
-    command("env", run_env, "prints NAME=value lines for the shell: address, port, domain, CA certificate and bulk service")
+    env = command("env", run_env, "prints NAME=value lines for the shell: address, port, domain, CA certificate and bulk service")
+    env.add_argument("--export", action="store_true", help="for the programs that the shell starts, too")
     command("server-stop", lambda grid, _: grid.server_stop(), "stops the XMPP server only")
     start = command("server-start", lambda grid, options: grid.server_start(not options.no_wait), "starts the XMPP server on the port it had")
     start.add_argument("--no-wait", action="store_true", help="do not wait until the controller has come back")
@@ -116,13 +117,13 @@ def run_status(grid, _):
     return 0 if server and bulk and status.get("state") == "ready" else 3
 
 
-def run_env(grid, _):
+def run_env(grid, options):
     if grid.state["port"] is None:
         raise GridError(f"there is no grid in {grid.folder}", 3)
     values = {"FOLDER": grid.folder, "DOMAIN": grid.domain, "HOST": grid.host, "PORT": str(grid.state["port"]), "CA": grid.ca,
               "BULK_PORT": str(grid.state["bulk_port"]), "BULK_URL": grid.bulk_url}
     for name, value in values.items():
-        print(f"QUILLON_GRID_{name}={shlex.quote(value)}")
+        print(f"{'export ' if options.export else ''}QUILLON_GRID_{name}={shlex.quote(value)}")
 
 
 def run_enroll(grid, options):

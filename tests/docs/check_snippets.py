@@ -15,7 +15,7 @@ from snippets import blocks_of, matches
 from terminal import Terminal
 
 # The pages in the order in which they are read; a page goes on where the one before it ended. Others may show programs, and no commands.
-PAGES = ("README.md", "docs/guide.md")
+PAGES = ("README.md", "docs/guide.md", "examples/README.md")
 # Commands that are not run here, and why that is right.
 ELSEWHERE = {
     "./quickstart": "run for every change",
@@ -46,6 +46,7 @@ class Reader:
         for folder in (home, checkout / "build", work / "lines"):
             folder.mkdir(parents=True)
         (checkout / "build/release").symlink_to(build)
+        shutil.copytree(sources / "examples", checkout / "examples")
         self.environment = {name: value for name, value in os.environ.items() if not name.startswith(("QUILLON_", "QLK_", "LD_", "PKG_"))}
         self.environment.update(HOME=str(home), NO_COLOR="1", LC_ALL="C.UTF-8", PS1="$ ")
         self.checkout = checkout
@@ -146,6 +147,8 @@ class Reader:
     def read_pages(self):
         others = sorted(path.relative_to(self.sources).as_posix() for path in (self.sources / "docs").glob("*.md"))
         for page in [*PAGES, *(page for page in others if page not in PAGES)]:
+            if (self.checkout / page).exists():
+                self.run(f"cd '{(self.checkout / page).parent}'")  # a page of a folder's own is read in it
             for block in blocks_of(page, (self.sources / page).read_text(encoding="utf-8")):
                 if page in PAGES:
                     self.read(block)

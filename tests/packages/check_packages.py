@@ -177,7 +177,7 @@ class Use(unittest.TestCase):
     def test_programs_are_built_and_run(self):
         flags = run("pkg-config", "--cflags", "--libs", "libqlk", env=self.environment).split()
         program = WORK / "consumer"
-        run(CC, "-std=c11", SOURCES / "tests/install/consumer/consumer.c", "-o", program, *flags, env=self.environment)
+        run(CC, "-std=c11", SOURCES / "tests/install/consumer/in_c.c", "-o", program, *flags, env=self.environment)
         run(program, env=self.environment)
         self.assertEqual(self.libraries / "libqlk.so.1", self.loaded_from(program))
         header = self.usr / "include/quillon.hpp"

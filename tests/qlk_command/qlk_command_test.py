@@ -516,7 +516,7 @@ class Doctor(Case):
 
 
 def setUpModule():
-    Case.grid = support.Grid()
+    Case.grid = support.Grid(support.GRID, support.CONTROLLER, "manual")
     unittest.addModuleCleanup(Case.grid.close)
 
 

@@ -1,4 +1,4 @@
-"""A grid of its own, its members, and qlk run in a pipe or on a terminal."""
+"""qlk, run in a pipe or on a terminal, as a member of a grid of its own."""
 import contextlib
 import os
 import pathlib
@@ -9,90 +9,15 @@ import signal
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import unittest
 
+sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, "support"))
+from programs import PATIENCE_SECONDS, Grid, Running  # noqa: E402 pylint: disable=wrong-import-position
+
 QLK, GRID, CONTROLLER, COMPLETION = (os.path.abspath(argument) for argument in sys.argv[1:5])
-PATIENCE_SECONDS = 60
 COMMANDS = ("doctor", "connect", "capabilities", "status", "subscribe", "publish", "query", "serve", "propose", "modify", "authorized",
             "token", "bulk")
-
-
-class Grid:
-    """One that approves nobody by itself."""
-
-    def __init__(self):
-        self.place = tempfile.TemporaryDirectory(prefix="a grid ")  # with a blank, which every layer has to get right
-        self.folder = pathlib.Path(self.place.name, "grid")
-        self.run("up", "--controller", CONTROLLER, "--approval", "manual")
-
-    def close(self):
-        self.run("down")
-        self.place.cleanup()
-
-    def run(self, *arguments):
-        done = subprocess.run([GRID, "--folder", self.folder, *arguments], capture_output=True, text=True, check=False, timeout=PATIENCE_SECONDS)
-        if done.returncode != 0:
-            raise AssertionError(f"quillon-grid {arguments}: {done.stdout}{done.stderr}")
-        return done.stdout
-
-    def enroll(self, user, *arguments):
-        """Returns the paths of certificate, key and profile."""
-        return [pathlib.Path(line) for line in self.run("enroll", user, *arguments).splitlines()]
-
-    def member(self, user, *arguments):
-        """A user who is approved; returns the profile's path."""
-        profile = self.enroll(user, *arguments)[2]
-        self.run("approve", user)
-        return profile
-
-
-class Running:
-    """qlk in the background, with what it has said so far."""
-
-    def __init__(self, command, **options):
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
-        self.out, self.err = [], []
-        self.changed = threading.Condition()
-        self.readers = [threading.Thread(target=self.collect, args=pair) for pair in
-                        ((self.process.stdout, self.out), (self.process.stderr, self.err))]
-        for reader in self.readers:
-            reader.start()
-
-    def collect(self, stream, lines):
-        with contextlib.suppress(ValueError):  # closed by us
-            for line in stream:
-                with self.changed:
-                    lines.append(line)
-                    self.changed.notify_all()
-
-    def until(self, lines, pattern):
-        """Waits for a line of self.out or self.err."""
-        with self.changed:
-            if not self.changed.wait_for(lambda: any(re.search(pattern, line) for line in lines), PATIENCE_SECONDS):
-                raise AssertionError(f"no '{pattern}' in {self.out} {self.err}")
-
-    def end(self, number=signal.SIGINT):
-        """Sends a signal, and returns the exit code."""
-        if self.process.poll() is None:
-            self.process.send_signal(number)
-        return self.wait()
-
-    def wait(self):
-        code = self.process.wait(PATIENCE_SECONDS)
-        for reader in self.readers:
-            reader.join(PATIENCE_SECONDS)
-        return code
-
-    def close(self):
-        self.process.kill()
-        self.process.wait()
-        for reader in self.readers:
-            reader.join(PATIENCE_SECONDS)
-        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
-            with contextlib.suppress(BrokenPipeError):
-                stream.close()
 
 
 class Terminal:
