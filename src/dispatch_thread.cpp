@@ -4,11 +4,9 @@
 #include <cinttypes>
 #include <utility>
 
+#include "event_loop.h"
 #include "guard.h"
-#include "pthread_lock.h"
-#include "quillon_queue.h"
 #include "signals_blocked.h"
-#include "stanza_builder.h"
 
 namespace qlk {
 
@@ -20,16 +18,13 @@ struct DispatchThread::Start {
 
 namespace {
 
-void release_stanza(void *item) { const NodePtr stanza(static_cast<wb_dom_node *>(item)); }
+// Memory for longer queues is given back when they have been handled.
+constexpr size_t kCapacityKept = 1024;
 
 }  // namespace
 
 QUILLON_STATUS DispatchThread::start(const std::shared_ptr<void> &owner, Handler handler) {
-  quillon_queue *queue = nullptr;
-  quillon_queue_create(&queue, release_stanza);
-  queue_.reset(queue);
-  wake_up_.reset(static_cast<_linked_list *>(std::calloc(1, sizeof(_linked_list))));
-  if (queue_ == nullptr || wake_up_ == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
+  owner_ = owner;
   auto start = std::make_unique<Start>(Start{this, owner, handler});
   keep_running_ = true;
   const SignalsBlocked blocked;
@@ -51,12 +46,23 @@ QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, Admission admission) {
     return QUILLON_STATUS_UNKNOWN;
   }
   if (depth > highest_.load(std::memory_order_relaxed)) highest_.store(depth, std::memory_order_relaxed);
-  if (!queue_push(queue_.get(), stanza)) {
+  bool must_wake = false;
+  try {
+    const std::lock_guard lock(mutex_);
+    waiting_.push_back(std::move(reference));
+    must_wake = std::exchange(asleep_, false);
+  } catch (const std::bad_alloc &) {
     queued_.fetch_sub(1, std::memory_order_relaxed);
     return QUILLON_STATUS_MALLOC_ERROR;
   }
-  static_cast<void>(reference.release());  // the queue's now
+  if (must_wake) wake();
   return QUILLON_STATUS_OK;
+}
+
+// The event loop reads much at once: one wake-up serves for all.
+void DispatchThread::wake() {
+  const auto notify = [](void *self) { static_cast<DispatchThread *>(self)->changed_.notify_one(); };
+  if (!EventLoop::call_soon(std::shared_ptr<void>(owner_.lock(), this), notify)) notify(this);
 }
 
 void DispatchThread::set_limits(const Limits &limits) {
@@ -104,16 +110,11 @@ void DispatchThread::stop() {
     pthread_detach(thread_);
     return;
   }
-  wake();
+  {
+    const std::lock_guard lock(mutex_);  // between the thread's look at the flag and its sleep
+  }
+  changed_.notify_one();
   pthread_join(thread_, nullptr);
-}
-
-void DispatchThread::wake() {
-  _linked_list *item = wake_up_.release();
-  const PthreadLock lock(queue_->mutex);
-  (queue_->last != nullptr ? queue_->last->next : queue_->first) = item;
-  queue_->last = item;
-  pthread_cond_signal(&queue_->cond);
 }
 
 void *DispatchThread::run(void *start) {
@@ -122,13 +123,30 @@ void *DispatchThread::run(void *start) {
   return nullptr;  // the owner goes last: it may end here, and this object with it
 }
 
+// Waits for stanzas and takes all there are. None when the thread is to stop.
+void DispatchThread::await(std::vector<NodePtr> &batch) {
+  batch.clear();
+  if (batch.capacity() > kCapacityKept) batch.shrink_to_fit();
+  std::unique_lock lock(mutex_);
+  while (waiting_.empty() && keep_running()) {
+    asleep_ = true;
+    changed_.wait(lock);
+  }
+  asleep_ = false;
+  batch.swap(waiting_);
+}
+
 void DispatchThread::loop(void *owner, Handler handler) {
+  std::vector<NodePtr> batch;
   while (keep_running()) {
-    const NodePtr stanza(static_cast<wb_dom_node *>(quillon_queue_pop(queue_.get())));
-    if (stanza == nullptr) continue;
-    const size_t depth = queued_.fetch_sub(1, std::memory_order_relaxed) - 1;
-    if (alarm_.load(std::memory_order_relaxed) != Alarm::kNone && depth <= warning_.load(std::memory_order_relaxed) / 2) calm();
-    guarded_void("dispatch", [&] { handler(owner, stanza.get()); });
+    await(batch);
+    for (NodePtr &waiting : batch) {
+      if (!keep_running()) return;
+      const NodePtr stanza = std::move(waiting);
+      const size_t depth = queued_.fetch_sub(1, std::memory_order_relaxed) - 1;
+      if (alarm_.load(std::memory_order_relaxed) != Alarm::kNone && depth <= warning_.load(std::memory_order_relaxed) / 2) calm();
+      guarded_void("dispatch", [&] { handler(owner, stanza.get()); });
+    }
   }
 }
 

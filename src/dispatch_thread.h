@@ -4,14 +4,15 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <vector>
 
-#include "owners.h"
 #include "quillon.h"
-
-struct _linked_list;
+#include "stanza_builder.h"
 
 namespace qlk {
 
@@ -35,11 +36,12 @@ class DispatchThread {
   DispatchThread(const DispatchThread &) = delete;
   DispatchThread &operator=(const DispatchThread &) = delete;
 
-  // Makes the queue and starts the thread. The owner, of which this object is a part, lives until the loop of the thread has
+  // Starts the thread. The owner, of which this object is a part, lives until the loop of the thread has
   // ended.
   QUILLON_STATUS start(const std::shared_ptr<void> &owner, Handler handler);
 
-  // Queues the stanza with a reference of its own to its context. Never waits.
+  // Queues the stanza with a reference of its own to its context. Never waits. A stanza that comes from the event loop's thread
+  // wakes this one together with those that the loop reads at once with it.
   // Returns: QUILLON_STATUS_OK, QUILLON_STATUS_WB_ERROR (the context could not be retained), QUILLON_STATUS_MALLOC_ERROR or
   //          QUILLON_STATUS_UNKNOWN (the queue is full: the stanza is counted as dropped)
   QUILLON_STATUS push(wb_dom_node *stanza, Admission admission = Admission::kBounded);
@@ -70,10 +72,14 @@ class DispatchThread {
 
   static void *run(void *start);
   void loop(void *owner, Handler handler);
+  void await(std::vector<NodePtr> &batch);
   void wake();
 
-  QueuePtr queue_;
-  MallocPtr<_linked_list> wake_up_;  // the item that ends the wait for a stanza, made beforehand so that stopping needs no memory
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<NodePtr> waiting_;  // under mutex_
+  bool asleep_ = false;           // the thread waits and nobody is about to wake it; under mutex_
+  std::weak_ptr<void> owner_;
   const char *const content_;
   std::atomic<size_t> queued_ = 0;
   std::atomic<size_t> highest_ = 0;

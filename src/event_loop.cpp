@@ -1,6 +1,7 @@
 #include "event_loop.h"
 
 #include <chrono>
+#include <utility>
 
 #include "guard.h"
 #include "signals_blocked.h"
@@ -13,7 +14,7 @@ namespace {
 // caller of settle must not hold it for ever.
 constexpr std::chrono::seconds kLeavingTime{5};
 
-thread_local const EventLoop *dispatched_here = nullptr;
+thread_local EventLoop *dispatched_here = nullptr;
 
 }  // namespace
 
@@ -26,11 +27,12 @@ EventLoop::EventLoop(EventBasePtr base, EventPtr send_event, WorkQueuePtr queue)
     : base_(std::move(base)),
       send_event_(std::move(send_event)),
       break_event_(event_new(base_.get(), -1, 0, on_break, base_.get())),
+      calls_event_(event_new(base_.get(), -1, 0, on_calls, this)),
       queue_(std::move(queue)) {}
 
 std::shared_ptr<EventLoop> EventLoop::create(EventBasePtr base, EventPtr send_event, WorkQueuePtr queue) {
   const std::shared_ptr<EventLoop> loop(new EventLoop(std::move(base), std::move(send_event), std::move(queue)));
-  return loop->break_event_ != nullptr ? loop : nullptr;
+  return loop->break_event_ != nullptr && loop->calls_event_ != nullptr ? loop : nullptr;
 }
 
 EventLoop::~EventLoop() {
@@ -62,6 +64,25 @@ void EventLoop::leave() {
 }
 
 void EventLoop::on_break(evutil_socket_t, short, void *arg) { event_base_loopbreak(static_cast<event_base *>(arg)); }
+
+bool EventLoop::call_soon(std::shared_ptr<void> pointer, void (*function)(void *)) noexcept {
+  EventLoop *const loop = dispatched_here;
+  if (loop == nullptr) return false;
+  try {
+    loop->calls_.push_back(Call{std::move(pointer), function});
+  } catch (const std::bad_alloc &) {
+    return false;
+  }
+  if (loop->calls_.size() == 1) event_active(loop->calls_event_.get(), EV_READ, 0);
+  return true;
+}
+
+void EventLoop::on_calls(evutil_socket_t, short, void *self) { static_cast<EventLoop *>(self)->run_calls(); }
+
+void EventLoop::run_calls() {
+  const std::vector<Call> due = std::exchange(calls_, {});
+  for (const Call &call : due) call.function(call.pointer.get());
+}
 
 bool EventLoop::start_thread(pthread_t &handle) {
   reap();
@@ -102,6 +123,7 @@ void EventLoop::dispatch() {
   int result = 0;
   do {
     result = event_base_loop(base_.get(), EVLOOP_NO_EXIT_ON_EMPTY);
+    run_calls();  // a loop that is broken off leaves its events for later
     if (result < 0) {
       wb_log(WB_LOG_ERROR, "error in connection event loop: %d", result);
     } else {

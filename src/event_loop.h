@@ -15,6 +15,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace qlk {
 
@@ -67,16 +68,27 @@ class EventLoop : public std::enable_shared_from_this<EventLoop> {
   // Whether the calling thread is the one that dispatches.
   bool is_loop_thread() const;
 
+  // On the thread that dispatches a loop: the function is called with the pointer when what the loop is doing at the moment is
+  // done, be it with events at hand or with dispatching. The pointer is held until then. False on other threads, and without
+  // memory.
+  static bool call_soon(std::shared_ptr<void> pointer, void (*function)(void *)) noexcept;
+
  private:
   struct Thread {
     pthread_t handle = {};
     bool finished = false;
   };
   struct Start;
+  struct Call {
+    std::shared_ptr<void> pointer;
+    void (*function)(void *);
+  };
 
   EventLoop(EventBasePtr base, EventPtr send_event, WorkQueuePtr queue);
   static void *run(void *start);
   static void on_break(evutil_socket_t, short, void *arg);
+  static void on_calls(evutil_socket_t, short, void *self);
+  void run_calls();
   void dispatch();
   bool may_leave();
   void finish(Thread &thread);
@@ -90,10 +102,13 @@ class EventLoop : public std::enable_shared_from_this<EventLoop> {
   bool dispatching_ = false;
   bool closed_ = false;
 
+  std::vector<Call> calls_;  // the dispatching thread's
+
   // Freed from the last to the first, the base at the end.
   const EventBasePtr base_;
   const EventPtr send_event_;
   const EventPtr break_event_;
+  const EventPtr calls_event_;
   const WorkQueuePtr queue_;
 };
 

@@ -1,10 +1,9 @@
 // Nothing here throws.
-#include "quillon_queue.h"
-
 #include <cstdlib>
 
 #include "owners.h"
 #include "pthread_lock.h"
+#include "quillon.h"
 
 namespace {
 
@@ -17,18 +16,6 @@ _linked_list *unlink_first(quillon_queue *queue) {
 }
 
 }  // namespace
-
-bool qlk::queue_push(quillon_queue *queue, void *item) {
-  if (queue == nullptr) return false;
-  auto *added = static_cast<_linked_list *>(std::malloc(sizeof(_linked_list)));
-  if (added == nullptr) return false;
-  *added = {item, nullptr};
-  const qlk::PthreadLock lock(queue->mutex);
-  (queue->last != nullptr ? queue->last->next : queue->first) = added;
-  queue->last = added;
-  pthread_cond_signal(&queue->cond);
-  return true;
-}
 
 void quillon_queue_create(quillon_queue **out, quillon_queue_items_free_callback free_callback) {
   if (out == nullptr) return;
@@ -44,7 +31,16 @@ void quillon_queue_create(quillon_queue **out, quillon_queue_items_free_callback
   *out = queue.release();
 }
 
-void quillon_queue_push(quillon_queue *queue, void *item) { qlk::queue_push(queue, item); }
+void quillon_queue_push(quillon_queue *queue, void *item) {
+  if (queue == nullptr) return;
+  auto *added = static_cast<_linked_list *>(std::malloc(sizeof(_linked_list)));
+  if (added == nullptr) return;
+  *added = {item, nullptr};
+  const qlk::PthreadLock lock(queue->mutex);
+  (queue->last != nullptr ? queue->last->next : queue->first) = added;
+  queue->last = added;
+  pthread_cond_signal(&queue->cond);
+}
 
 void *quillon_queue_pop(quillon_queue *queue) {
   if (queue == nullptr) return nullptr;
