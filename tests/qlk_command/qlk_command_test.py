@@ -218,6 +218,13 @@ class Notifications(Case):
         subscriber.until(subscriber.err, "subscribed to")
         return subscriber
 
+    def test_the_prompt_after_ctrl_c_has_a_line_of_its_own(self):
+        terminal = self.terminal(self.grid.member("bob"), "subscribe", "Weather")
+        terminal.read_until("Ctrl-C ends\r\n")
+        terminal.type("\x03")
+        self.assertEqual(130, terminal.wait())
+        self.assertTrue(terminal.shown.endswith("ends\r\n^C\r\n"), terminal.shown)
+
     def test_from_arguments_a_file_and_lines(self):
         ann, bob = self.grid.member("ann"), self.grid.member("bob")
         subscriber = self.subscribed(ann, "Weather", "--count", "6")

@@ -82,6 +82,7 @@ void Stop::watch() {
     signalfd_siginfo info = {};
     if (waited[1].revents == 0 || read(signals_.get(), &info, sizeof info) != sizeof info) continue;
     if (requested()) end_now();
+    if (info.ssi_signo == SIGINT) end_interrupted_line();
     signal_ = static_cast<int>(info.ssi_signo);
     raise_event(requested_);
     {

@@ -145,6 +145,11 @@ std::string ask_secret(const std::string &question, const Stop &stop) {
   return secret;
 }
 
+void end_interrupted_line() {
+  // A bar is wiped together with all that stands in its line.
+  if (wiper.load() == nullptr && is_terminal(stderr)) std::fputc('\n', stderr);
+}
+
 void restore_terminal() {
   const int terminal = silenced.exchange(-1);
   if (terminal < 0) return;

@@ -33,6 +33,9 @@ void flush_output();
 // Asks for a text on the terminal, without an echo. Throws Failure without a terminal, Stopped at the end's request.
 std::string ask_secret(const std::string &question, const Stop &stop);
 
+// After Ctrl-C on a terminal, which shows "^C" at the end of what stands there: what is written next gets a line of its own.
+void end_interrupted_line();
+
 // Undoes what ask_secret and the progress bar did to the terminal, for an end at once.
 void restore_terminal();
 
