@@ -39,8 +39,18 @@ class ByteBuffer {
 
   // For who has reserved the room.
   void append_reserved(const char *bytes, size_t length) {
-    if (length != 0) std::memcpy(data_ + size_, bytes, length);
+    char *const to = data_ + size_;
     size_ += length;
+    // Most pieces are names of a few letters, for which a call costs more than the copy.
+    if (length > 16) {
+      std::memcpy(to, bytes, length);
+    } else if (length >= 8) {
+      copy_ends<8>(to, bytes, length);
+    } else if (length >= 4) {
+      copy_ends<4>(to, bytes, length);
+    } else {
+      for (size_t i = 0; i < length; ++i) to[i] = bytes[i];
+    }
   }
   void append_reserved(char byte) { data_[size_++] = byte; }
 
@@ -57,6 +67,15 @@ class ByteBuffer {
   }
 
  private:
+  // Between once and twice so many bytes, as two pieces that may overlap.
+  template <size_t kPiece>
+  static void copy_ends(char *to, const char *bytes, size_t length) {
+    char last[kPiece];
+    std::memcpy(last, bytes + length - kPiece, kPiece);
+    std::memcpy(to, bytes, kPiece);
+    std::memcpy(to + length - kPiece, last, kPiece);
+  }
+
   void enlarge(size_t more) {
     if (more > SIZE_MAX / 4 || size_ > SIZE_MAX / 4) throw std::bad_alloc();
     const size_t capacity = std::max({size_ + more, capacity_ * 2, kSmallest});

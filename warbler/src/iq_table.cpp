@@ -25,6 +25,13 @@ bool may_answer(std::string_view to, std::string_view from, std::string_view own
   return jid_equal(to, from);
 }
 
+constexpr auto kDigitPairs = [] {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::array<std::array<char, 2>, 256> pairs{};
+  for (size_t byte = 0; byte < pairs.size(); ++byte) pairs[byte] = {kDigits[byte >> 4], kDigits[byte & 15]};
+  return pairs;
+}();
+
 // What each hexadecimal digit stands for; kNoDigit for the other bytes.
 constexpr unsigned char kNoDigit = 16;
 constexpr auto kDigitValues = [] {
@@ -55,13 +62,8 @@ std::string IqTable::make_id() {
     if (RAND_bytes(randomness_.data(), static_cast<int>(randomness_.size())) != 1) throw std::bad_alloc();
     randomness_used_ = 0;
   }
-  static constexpr char kDigits[] = "0123456789abcdef";
   std::string id(2 * kIdBytes, '\0');
-  for (size_t i = 0; i < kIdBytes; ++i) {
-    const unsigned char byte = randomness_[randomness_used_ + i];
-    id[2 * i] = kDigits[byte >> 4];
-    id[2 * i + 1] = kDigits[byte & 15];
-  }
+  for (size_t i = 0; i < kIdBytes; ++i) std::memcpy(&id[2 * i], kDigitPairs[randomness_[randomness_used_ + i]].data(), 2);
   std::memset(randomness_.data() + randomness_used_, 0, kIdBytes);
   randomness_used_ += kIdBytes;
   return id;
