@@ -72,14 +72,17 @@ def parse_line(stanza, mode):
 # --- queries over the echo server
 
 def query(program, requests, instructed=0, **options):
-    """A run of a query program against the echo server; with so many instructed requests also under callgrind."""
+    """A run of a query program against the echo server; with so many instructed requests also under callgrind, in the first round: what
+    it counts would be the same in every other, and takes longer than all else."""
+    instructions = []
     server = {"tls": options.pop("tls")} if "tls" in options else {}
 
     def run(bench, short):
         figures = bench.run(program, requests=requests // 10 if short else requests, **options, **bench.echo_options(**server))
-        if instructed:
+        if instructed and not instructions:
             low, high = instructed, 3 * instructed
-            figures["instructions"] = bench.count_instructions(program, "requests", low, high, **options, **bench.echo_options(**server))
+            instructions.append(bench.count_instructions(program, "requests", low, high, **options, **bench.echo_options(**server)))
+            figures["instructions"] = instructions[0]
         return figures
     return run
 
@@ -115,8 +118,8 @@ def in_flight():
     ours = "Warbler, completion on its thread"
     return Line("in-flight", "queries with 64 in flight, TLS", RATE + (INSTRUCTIONS,), (
         Contender("raw socket", LIMIT, query("query_raw", 400000, 2000, in_flight=64)),
-        Contender("libstrophe", PEER, query("query_strophe", 100000, 2000, in_flight=64)),
-        Contender("gloox", PEER, query("query_gloox", 100000, 2000, in_flight=64)),
+        Contender("libstrophe", PEER, query("query_strophe", 40000, 500, in_flight=64)),
+        Contender("gloox", PEER, query("query_gloox", 40000, 500, in_flight=64)),
         Contender(ours, OURS, query("query_async", 400000, 2000, in_flight=64)),
     ), (
         Goal("requests, k/s", lambda of: of(ours, "per_second") / 1e3, 250, at_most=False),
