@@ -21,6 +21,7 @@ namespace {
 using wb::StreamError;
 using wb::StreamLimits;
 using wb::StreamParser;
+using std::string_view_literals::operator""sv;
 
 // Notes what it is told, one line an event.
 struct Recorder : StreamParser::Handler {
@@ -163,6 +164,9 @@ INSTANTIATE_TEST_SUITE_P(Refused, StreamAfterHead, testing::ValuesIn(kRefused), 
 TEST(StreamHead, AnyCut) {
   expect_outcome("\xEF\xBB\xBF<?xml version='1.0' encoding='UTF-8'?>\n<a/>", {"open <{}a></>\nclose\n", kNone});
   expect_outcome("<?xml version='1.0' encoding='ISO-8859-1'?><a>", {"", StreamError::unsupported_encoding});
+  for (const std::string_view utf16 :
+       {"<\0a\0>\0"sv, "\0<\0a\0>"sv, "\xFF\xFE<\0a\0>\0"sv, "\xFE\xFF\0<\0a\0>"sv, " \0<\0a\0>\0"sv})
+    expect_outcome(std::string(utf16), {"", StreamError::unsupported_encoding});
   expect_outcome("<!DOCTYPE a><a>", {"", kRestricted});
   expect_outcome("<!DOCTYPE a [<!ENTITY e 'x'>]><a>", {"", kRestricted});
   expect_outcome("<!-- c --><a>", {"", kRestricted});

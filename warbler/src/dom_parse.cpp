@@ -10,6 +10,7 @@
 
 #include "dom_builder.h"
 #include "guard.h"
+#include "xml_text.h"
 
 namespace {
 
@@ -17,6 +18,8 @@ namespace {
 // small.
 constexpr size_t kFirstPiece = 64u << 10;
 constexpr size_t kPieceMax = 1u << 30;
+
+constexpr char kNotUtf8[] = "the document is not in UTF-8";
 
 struct ParserFree {
   void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
@@ -67,7 +70,7 @@ void XMLCALL on_text(void *self, const XML_Char *bytes, int length) {
 void XMLCALL on_xml_declaration(void *self, const XML_Char *, const XML_Char *encoding, int) {
   guard(self, [&](Document &document) {
     if (encoding != nullptr && strcasecmp(encoding, "UTF-8") != 0)
-      document.fail(WB_ERR_BAD_FORMAT, "the document is not in UTF-8");
+      document.fail(WB_ERR_BAD_FORMAT, kNotUtf8);
   });
 }
 
@@ -83,6 +86,7 @@ void XMLCALL on_doctype(void *self, const XML_Char *, const XML_Char *, const XM
 
 void parse(Document &document, const char *xml, size_t length) {
   XML_Parser parser = document.parser.get();
+  if (length > 0 && wb::begins_as_utf16(xml, length)) return document.fail(WB_ERR_BAD_FORMAT, kNotUtf8);
   size_t piece = kFirstPiece;
   bool is_last = false;
   while (!is_last && document.error == WB_ERR_NONE) {

@@ -64,11 +64,6 @@ std::string make_head(const char *name, const char **attributes) {
   return head + ">";
 }
 
-bool begins_as_utf16(const char *bytes, size_t length) {
-  const unsigned char first = static_cast<unsigned char>(bytes[0]);
-  return first == 0 || first >= 0xFE || (length > 1 && bytes[1] == 0);
-}
-
 }  // namespace
 
 struct wb_item_reader {
@@ -212,7 +207,7 @@ bool wb_item_reader::feed(const char *bytes, size_t length, wb_err *err) {
 }
 
 void wb_item_reader::consume(const char *bytes, size_t length) {
-  if (!begun_) is_utf16_ = begins_as_utf16(bytes, length);
+  if (!begun_) is_utf16_ = wb::begins_as_utf16(bytes, length);
   is_utf8_ = is_utf8_ && !is_utf16_;
   begun_ = true;
   if (!scan_.may_end(bytes, bytes + length)) return hold(bytes, length);

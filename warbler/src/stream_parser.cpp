@@ -19,6 +19,8 @@ constexpr size_t kPieceMax = 1u << 30;
 constexpr size_t kBufferKeepMax = 256u << 10;
 constexpr size_t kBufferMin = 4096;
 
+constexpr char kNotUtf8[] = "the stream is not in UTF-8";
+
 bool is_blank(const char *bytes, size_t length) {
   return std::all_of(bytes, bytes + length, [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; });
 }
@@ -70,7 +72,7 @@ void XMLCALL wb::StreamParser::on_cdata_end(void *self) { static_cast<StreamPars
 void XMLCALL wb::StreamParser::on_xml_declaration(void *self, const XML_Char *, const XML_Char *encoding, int) {
   guard(self, [&](StreamParser &parser) {
     if (encoding != nullptr && strcasecmp(encoding, "UTF-8") != 0) {
-      parser.fail(StreamError::unsupported_encoding, "the stream is not in UTF-8");
+      parser.fail(StreamError::unsupported_encoding, kNotUtf8);
     }
   });
 }
@@ -230,6 +232,8 @@ void wb::StreamParser::run(const char *bytes, size_t length) {
     if (parser_ == nullptr) make_parser();
     size_t consumed = std::min(length, kPieceMax);
     const XML_Index before = given_;
+    if ((given_ == 0 && begins_as_utf16(bytes, length)) || (given_ == 1 && *bytes == '\0'))
+      return fail(StreamError::unsupported_encoding, kNotUtf8);
     if (consumed > kBufferKeepMax) swollen_ = true;
     const bool parsed = parse_piece(bytes, consumed);
     if (state_ != State::running) return;

@@ -1,6 +1,7 @@
 // What XML 1.0 and UTF-8 allow: characters, and names in the sense of Namespaces in XML.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -8,6 +9,13 @@ namespace wb {
 
 inline constexpr std::string_view kXmlUri = "http://www.w3.org/XML/1998/namespace";
 inline constexpr std::string_view kXmlnsUri = "http://www.w3.org/2000/xmlns/";
+
+// Beginnings of a document that expat takes for UTF-16 whatever encoding it was told; no document in UTF-8 begins like that. There
+// is a first byte.
+inline bool begins_as_utf16(const char *bytes, size_t length) {
+  const unsigned char first = static_cast<unsigned char>(bytes[0]);
+  return first == 0 || first >= 0xFE || (length > 1 && bytes[1] == 0);
+}
 
 // Reads one UTF-8 character. Returns its length in bytes, or 0 when the bytes are not UTF-8 (overlong forms and surrogates are
 // not).
