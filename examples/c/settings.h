@@ -31,7 +31,7 @@ static inline const char *grid_variable(const char *name) {
 }
 
 /* The library's records come without an end of line. */
-static inline int print_record(const char *format, va_list args) {
+WB_PRINTF(1, 0) static inline int print_record(const char *format, va_list args) {
   vfprintf(stderr, format, args);
   return fputc('\n', stderr);
 }

@@ -36,7 +36,7 @@ inline std::string grid_variable(const char *name) {
 }
 
 // The library's records come without an end of line.
-inline int print_record(const char *format, va_list args) {
+WB_PRINTF(1, 0) inline int print_record(const char *format, va_list args) {
   std::vfprintf(stderr, format, args);
   return std::fputc('\n', stderr);
 }
