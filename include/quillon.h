@@ -530,13 +530,17 @@ QUILLON_API void quillon_config_fill_ssl_ctx(const quillon_config *config, void 
  * switches libevent's support of threads on for the whole process. Thread: any.
  * Returns: QUILLON_STATUS_OK
  *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted
- *          QUILLON_STATUS_WB_ERROR      the XMPP layer or the event base could not be set up
+ *          QUILLON_STATUS_WB_ERROR      the XMPP layer or the event base could not be set up; or the caller is a child made by
+ *                                       fork while the library was up, see quillon_shutdown
  *          QUILLON_STATUS_EVENT_ERROR   an event could not be made
  *          The library stays down when it fails, and the call may be repeated. */
 QUILLON_API QUILLON_STATUS quillon_init(void);
 
 /* Takes the library down; it may be brought up again. It also runs when the process exits or the library is unloaded. Destroy the
  * connections first: those left lose their sessions without a callback and can only be destroyed.
+ *   A child that fork makes while the library is up has none of its threads, and what it has open is the parent's: quillon_init
+ * fails there with QUILLON_STATUS_WB_ERROR, this function and quillon_connection_destroy do nothing, and nothing else may be
+ * called. The child may end or call exec; the parent's sessions do not notice.
  * Blocks:  until the event loop has ended, at most 5 seconds. */
 QUILLON_API void quillon_shutdown(void);
 

@@ -182,6 +182,7 @@ QUILLON_STATUS quillon_connection_create(quillon_connection **create_connection)
 }
 
 QUILLON_STATUS quillon_connection_destroy(quillon_connection *connection) {
+  if (qlk::is_forked_away()) return QUILLON_STATUS_OK;
   qlk::trace(__func__);
   if (connection == nullptr) {
     wb_log(WB_LOG_INFO, "connection already destroyed");

@@ -1,7 +1,11 @@
 #include "quillon_lib.h"
 
 #include <event2/thread.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <mutex>
 
@@ -20,6 +24,10 @@ namespace {
 
 constexpr unsigned kBaseTableBuckets = 7;
 
+// Set in a child that fork made of a process whose library was up. The child has none of its threads, and shares its sockets
+// and its epoll instance with the parent: to end anything there would wait for ever, or deafen the parent's loop.
+std::atomic<bool> forked_away = false;
+
 // Connections may be created by several threads at once, and each brings the library up. Recursive, because the application's log
 // function is called meanwhile and is the application's own code.
 std::recursive_mutex lifecycle_mutex;
@@ -34,6 +42,16 @@ using FactoryPtr = std::unique_ptr<wb_sasl_factory, FactoryDelete>;
 int use_threads() {
   static const int result = evthread_use_pthreads();
   return result;
+}
+
+// libevent ends the process when there are no descriptors for a base's signals. So they are looked for first, those for its other
+// needs with them.
+bool finds_descriptors() {
+  std::array<int, 6> found = {};
+  for (int &descriptor : found) descriptor = eventfd(0, EFD_CLOEXEC);
+  bool all = true;
+  for (const int descriptor : found) all = (descriptor >= 0 && close(descriptor) == 0) && all;
+  return all;
 }
 
 QUILLON_STATUS fail(const char *message, QUILLON_STATUS status) {
@@ -64,6 +82,7 @@ bool make_factory(wb_htable *config, FactoryPtr &out, wb_err *err) {
 // What a failure half-way leaves is freed by its owner.
 QUILLON_STATUS build(_quillon_lib_obj &lib) {
   wb_err err = {};
+  if (!finds_descriptors()) return fail("no descriptors are left for an event base", QUILLON_STATUS_WB_ERROR);
   const int threads = use_threads();
   qlk::EventBasePtr base(event_base_new());
   if (base == nullptr) return fail("could not initialize event base", QUILLON_STATUS_WB_ERROR);
@@ -101,6 +120,11 @@ QUILLON_STATUS build(_quillon_lib_obj &lib) {
   return QUILLON_STATUS_OK;
 }
 
+void watch_forks() {
+  static const int result = pthread_atfork(nullptr, nullptr, [] { forked_away = qlk::g_Qln_Lib != nullptr; });
+  if (result != 0) wb_log(WB_LOG_WARN, "a child process that exits may disturb the sessions of this one");
+}
+
 void remove_base_entries(wb_htable *table) {
   for (const char *key : {"selector", "streamtype", "domain", "client_reconnect_countdown", "client_sasl_factory"}) {
     wb_htable_remove(table, key);
@@ -114,12 +138,15 @@ std::shared_ptr<qlk::EventLoop> qlk::library_loop() {
   return g_Qln_Lib != nullptr ? g_Qln_Lib->loop : nullptr;
 }
 
+bool qlk::is_forked_away() { return forked_away; }
+
 void qlk::_wakeup_callback(int fd, short events, void *arg) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(fd='%d', events='%d', arg='%p' \n)", __func__, fd, events, arg);
 }
 
 QUILLON_STATUS quillon_init(void) {
   qlk::trace(__func__);
+  if (qlk::is_forked_away()) return fail("the library belongs to the process that was forked", QUILLON_STATUS_WB_ERROR);
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     const std::lock_guard lock(lifecycle_mutex);
     if (qlk::bLibInitialize) {
@@ -130,6 +157,7 @@ QUILLON_STATUS quillon_init(void) {
     std::unique_ptr<_quillon_lib_obj> lib(new (std::nothrow) _quillon_lib_obj());
     if (lib == nullptr) return fail("unable to allocate memory", QUILLON_STATUS_MALLOC_ERROR);
     if (const QUILLON_STATUS status = build(*lib); status != QUILLON_STATUS_OK) return status;
+    watch_forks();
     qlk::g_Qln_Lib = lib.release();
     qlk::bLibInitialize = true;
     if (std::atexit(quillon_shutdown) != 0) wb_log(WB_LOG_ERROR, "atexit failed to register quillon_shutdown");
@@ -139,6 +167,7 @@ QUILLON_STATUS quillon_init(void) {
 }
 
 void quillon_shutdown(void) {
+  if (qlk::is_forked_away()) return;  // before the log, whose lock another thread may have held at the fork
   qlk::trace(__func__);
   qlk::guarded_void(__func__, [&] {
     const std::lock_guard lock(lifecycle_mutex);

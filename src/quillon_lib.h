@@ -25,6 +25,9 @@ extern std::atomic<bool> bLibInitialize;
 // The event loop in force; null while the library is down. Any thread.
 std::shared_ptr<EventLoop> library_loop();
 
+// True in a child that fork made while the library was up: nothing of the library's is the child's to end.
+bool is_forked_away();
+
 // Handler of send_event: waking the loop is all that it is for.
 void _wakeup_callback(int fd, short events, void *arg);
 

@@ -1,6 +1,9 @@
 // The connection's life and its handshake with the controller, against a server within the test.
 #include "connection_fixture.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace {
 
 using qlk_test::ConnectionFixture;
@@ -423,6 +426,26 @@ TEST_F(ConnectionTest, TheProcessMayEndWhileItIsConnected) {
   };
   EXPECT_EXIT(end_on_the_loop(), testing::ExitedWithCode(0), "");
 #endif
+}
+
+// The child shares sockets and the epoll instance with its parent, but has no thread to end them with.
+TEST_F(ConnectionTest, AForkedChildThatEndsLeavesTheSessionAlone) {
+  serve();
+  ASSERT_EQ(QUILLON_STATUS_OK, connect());
+  const pid_t child = fork();
+  if (child == 0) {
+    quillon_connection_destroy(raw());
+    quillon_shutdown();  // as at exit
+    std::_Exit(quillon_init() == QUILLON_STATUS_OK ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
+  for (int i = 0; i < 10; ++i) {
+    wb_dom_node *response = nullptr;
+    EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_query_capabilities(raw(), &response));
+    const test_support::Node owned(response);
+  }
 }
 
 // ---- The controller's queries

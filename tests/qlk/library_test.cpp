@@ -104,9 +104,10 @@ TEST(SaslExternal, GivesUpWithoutAUserName) {
 
 // ---- At the end of the process, in a process of its own
 
-// Runs the function in a child and returns the status that the child ends with; 0 is a clean end.
+// Runs the function in a child, which finds the library down, and returns the status that the child ends with; 0 is a clean end.
 template <typename Function>
 int run_in_child(Function &&function) {
+  quillon_shutdown();
   const pid_t child = fork();
   if (child == 0) {
     function();
