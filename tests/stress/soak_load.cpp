@@ -95,6 +95,7 @@ void print_sample(double seconds, Client &asker) {
 
 // ---- What the threads do
 
+// Delay: how often a condition is looked at again.
 void pause_a_little() { std::this_thread::sleep_for(10ms); }
 
 void ask_on_and_on(Client &client, quillon_capability *capability, unsigned number) {
@@ -133,7 +134,7 @@ void tell_on_and_on(Client &client, quillon_capability *capability) {
         QUILLON_STATUS_OK)
       ++sent;
     is_telling = false;
-    std::this_thread::sleep_until(next);  // the pace of the notifications
+    std::this_thread::sleep_until(next);  // Delay: the pace of the notifications
   }
 }
 
@@ -222,15 +223,15 @@ int run(std::chrono::seconds time, std::chrono::seconds between_restarts) {
   const auto begun = Clock::now();
   std::thread sampling([&] {
     for (int i = 1; !is_over; ++i) {
-      std::this_thread::sleep_until(begun + std::chrono::seconds(i));
+      std::this_thread::sleep_until(begun + std::chrono::seconds(i));  // Delay: a sample each second
       print_sample(std::chrono::duration<double>(Clock::now() - begun).count(), members.asking);
     }
   });
   for (auto next = begun + between_restarts; next < begun + time; next += between_restarts) {
-    std::this_thread::sleep_until(next);
+    std::this_thread::sleep_until(next);  // Delay: the time between restarts
     members.restart(grid);
   }
-  std::this_thread::sleep_until(begun + time);
+  std::this_thread::sleep_until(begun + time);  // Delay: the length of the run
   is_over = true;
   for (std::thread &thread : threads) thread.join();
   sampling.join();

@@ -168,6 +168,7 @@ Member make_member(const std::vector<std::string> &hosts, Watch &watch, Random &
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_create(&config));
   member.config.reset(config);
   std::vector<const char *> texts;
+  texts.reserve(hosts.size());
   for (const std::string &host : hosts) texts.push_back(host.c_str());
   std::shuffle(texts.begin(), texts.end(), random);
   quillon_config_set_hosts(config, texts.data(), static_cast<int>(texts.size()));
@@ -226,7 +227,7 @@ class Stress {
       Random random(seed + 1000);
       while (Clock::now() < end) {
         if (const auto session = peers_[pick(random, static_cast<unsigned>(peers_.size()))]->newest()) harm(*session, random);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20 + pick(random, 100)));  // the pace of the faults
+        std::this_thread::sleep_for(std::chrono::milliseconds(20 + pick(random, 100)));  // Delay: the pace of the faults
       }
     });
     for (std::thread &thread : threads) thread.join();
