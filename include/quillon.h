@@ -660,7 +660,8 @@ QUILLON_API QUILLON_STATUS quillon_connection_connect(const quillon_connection *
 /* Ends the session, or the connect that is under way, and waits for its end. Nothing is sent to the controller.
  * Blocks:  up to send_timeout_seconds for the event loop and 50 seconds for the end, which disconnect_cb is part of.
  * Thread:  any but the event loop's.
- * Returns: QUILLON_STATUS_OK, also without a session, and when the end did not come in time, which is logged */
+ * Returns: QUILLON_STATUS_OK, also without a session, and when the end did not come in time, which is logged
+ *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted, and the session may still be up */
 QUILLON_API QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connection);
 
 /* True while the connection is part of the grid: false while its account is pending, and for NULL. Thread: any. */

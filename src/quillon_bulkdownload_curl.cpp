@@ -17,6 +17,7 @@
 namespace {
 
 constexpr size_t CURL_TO_WBLOG_BUFFER_SIZE = 32768;
+constexpr long kConnectSeconds = 50;  // TCP and TLS
 constexpr char contentFormat[] = R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?> )";
 constexpr char xmltaghead[] = "Content-Type: application/xml";
 constexpr char usertag[] = "user:";
@@ -120,6 +121,8 @@ void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, on_progress);
   curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &iter.thrdsSharedData);
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  // A handshake that cannot go on, for want of memory for example, fails after this and not after five minutes.
+  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
   curl_easy_setopt(handle, CURLOPT_PROXY, "");  // else one is taken from the environment
 #if LIBCURL_VERSION_NUM >= 0x075700
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // a name that is still being looked up does not hold a close

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "guard.h"
 #include "quillon_array.h"
@@ -140,14 +141,15 @@ _quillon_capability::~_quillon_capability() {
   quillon_array_destroy(jids);
 }
 
-void qlk::_add_jid(const quillon_capability *capability, const quillon_string *jid) {
+QUILLON_STATUS qlk::_add_jid(const quillon_capability *capability, const quillon_string *jid) {
   trace(__func__);
-  if (!check_jid_arguments(capability, jid)) return;
-  guarded_void(__func__, [&] {
-    if (!misses_jid(*capability, *jid)) return;
+  if (!check_jid_arguments(capability, jid)) return QUILLON_STATUS_INVALID_ARGS;
+  return guarded(__func__, [&]() -> QUILLON_STATUS {
+    if (!misses_jid(*capability, *jid)) return QUILLON_STATUS_OK;
     StringPtr copy = make_string(text_of(jid));
-    if (copy == nullptr || !add_copied_jid(changeable(capability), std::move(copy)))
-      wb_log(WB_LOG_ERROR, "jid copy create failed");
+    if (copy != nullptr && add_copied_jid(changeable(capability), std::move(copy))) return QUILLON_STATUS_OK;
+    wb_log(WB_LOG_ERROR, "jid copy create failed");
+    return QUILLON_STATUS_MALLOC_ERROR;
   });
 }
 
@@ -167,7 +169,9 @@ qlk::StringPtr qlk::capability_copy_jid(const quillon_capability &capability, si
   const std::lock_guard lock(capability.mutex);
   if (capability.jids == nullptr || capability.jids->size == 0) return nullptr;
   if (index >= static_cast<size_t>(capability.jids->size)) index = 0;
-  return make_string(text_of(static_cast<quillon_string *>(capability.jids->items[index])));
+  StringPtr copy = make_string(text_of(static_cast<quillon_string *>(capability.jids->items[index])));
+  if (copy == nullptr) throw std::bad_alloc();
+  return copy;
 }
 
 qlk::StickyKey qlk::capability_sticky_key(const quillon_capability &capability) {

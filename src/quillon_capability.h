@@ -48,12 +48,12 @@ using StickyKey = std::array<char, sizeof(size_t) + 1>;
 // As quillon_capability_create, without an array for the publishers.
 QUILLON_STATUS quillon_capability_default_create(quillon_capability **capability);
 
-// Adds a copy of the JID unless it is there; removes it. The caller keeps its string.
-void _add_jid(const quillon_capability *capability, const quillon_string *jid);
+// Adds a copy of the JID unless it is there; removes it. The caller keeps its string. Adding fails for want of memory.
+QUILLON_STATUS _add_jid(const quillon_capability *capability, const quillon_string *jid);
 void _remove_jid(quillon_capability *capability, const quillon_string *jid);
 
 size_t capability_count_jids(const quillon_capability &capability);
-// A copy of one JID. An index beyond the last becomes 0. Null when there is no JID, or memory is exhausted.
+// A copy of one JID. An index beyond the last becomes 0. Null when there is no JID; throws when memory is exhausted.
 StringPtr capability_copy_jid(const quillon_capability &capability, size_t &index);
 
 StickyKey capability_sticky_key(const quillon_capability &capability);

@@ -108,28 +108,35 @@ QUILLON_STATUS build_announcement(const quillon_capability &capability, Form for
   return build.ok() ? QUILLON_STATUS_OK : QUILLON_STATUS_XML_ERROR;
 }
 
-void add_jid_of(const quillon_capability &capability, const wb_dom_node *node) {
+// A text that is no JID, for its length, is passed over.
+QUILLON_STATUS add_jid_of(const quillon_capability &capability, const wb_dom_node *node) {
   const char *text = wb_dom_get_first_text(node);
-  const qlk::StringPtr jid = text != nullptr ? qlk::make_string(text) : nullptr;
-  if (jid != nullptr) qlk::_add_jid(&capability, jid.get());
+  quillon_string *made = nullptr;
+  const QUILLON_STATUS status = text != nullptr ? quillon_string_create(&made, text, std::strlen(text)) : QUILLON_STATUS_OK;
+  const qlk::StringPtr jid(made);
+  if (jid != nullptr) return qlk::_add_jid(&capability, jid.get());
+  return status == QUILLON_STATUS_MALLOC_ERROR ? status : QUILLON_STATUS_OK;
 }
 
 // The publishers that a subscribe reply lists; none when there is no reply.
-void add_listed_jids(const quillon_capability &capability, const wb_dom_node *reply) {
+QUILLON_STATUS add_listed_jids(const quillon_capability &capability, const wb_dom_node *reply) {
   const wb_dom_node *details = reply != nullptr ? wb_dom_get_first_element(reply, node_xmppDetails_name) : nullptr;
   wb_dom_node *jid = details != nullptr ? wb_dom_get_first_element(details, node_jid_name) : nullptr;
   while (jid != nullptr) {
-    add_jid_of(capability, jid);
+    if (const QUILLON_STATUS status = add_jid_of(capability, jid); status != QUILLON_STATUS_OK) return status;
     wb_dom_node *next = nullptr;
     quillon_xml_get_sibling_of_name(jid, node_jid_name, &next);
     jid = next;
   }
+  return QUILLON_STATUS_OK;
 }
 
+// Fails for want of memory only.
 QUILLON_STATUS follow_publisher_updates(const quillon_capability &capability, quillon_connection *connection) {
-  return quillon_connection_register_notification_handler(connection, cap_namespace_id, publish_update_notif_name,
-                                                          _publisher_update_notification,
-                                                          const_cast<quillon_capability *>(&capability));
+  const QUILLON_STATUS status = quillon_connection_register_notification_handler(
+      connection, cap_namespace_id, publish_update_notif_name, _publisher_update_notification,
+      const_cast<quillon_capability *>(&capability));
+  return status == QUILLON_STATUS_OK ? status : QUILLON_STATUS_MALLOC_ERROR;
 }
 
 QUILLON_STATUS query_subscriber(const quillon_capability *capability, quillon_connection *connection, Form form) {
@@ -142,9 +149,10 @@ QUILLON_STATUS query_subscriber(const quillon_capability *capability, quillon_co
   if (qlk::no_answer(status)) return status;
   wb_dom_node *error = reply != nullptr ? wb_dom_get_first_element(reply.get(), node_error_name) : nullptr;
   if (error != nullptr) return quillon_status_get_from_error(error);
-  add_listed_jids(*capability, reply.get());
-  follow_publisher_updates(*capability, connection);
-  return status;
+  const QUILLON_STATUS added = add_listed_jids(*capability, reply.get());
+  const QUILLON_STATUS followed = follow_publisher_updates(*capability, connection);
+  if (status != QUILLON_STATUS_OK) return status;
+  return added != QUILLON_STATUS_OK ? added : followed;
 }
 
 QUILLON_STATUS query_publisher(const quillon_capability *capability, quillon_connection *connection, Form form) {
@@ -190,7 +198,7 @@ QUILLON_STATUS add_publishers(const quillon_capability &capability, const wb_dom
     if (text == nullptr) return QUILLON_STATUS_XML_ERROR;
     const qlk::StringPtr jid = qlk::make_string(text);
     if (jid == nullptr) return QUILLON_STATUS_UNKNOWN;
-    qlk::_add_jid(&capability, jid.get());
+    if (const QUILLON_STATUS status = qlk::_add_jid(&capability, jid.get()); status != QUILLON_STATUS_OK) return status;
   }
   return QUILLON_STATUS_OK;
 }
@@ -214,7 +222,7 @@ QUILLON_STATUS read_publisher_list(const quillon_capability &capability, const w
 }
 
 QUILLON_STATUS refresh_publishers(const quillon_capability &capability, quillon_connection *connection) {
-  follow_publisher_updates(capability, connection);
+  if (const QUILLON_STATUS status = follow_publisher_updates(capability, connection); status != QUILLON_STATUS_OK) return status;
   qlk::ControllerRequest request(element_getallpubs_req_name);
   request.declare_prefixes(GRID_NS);
   if (!request.ok()) {

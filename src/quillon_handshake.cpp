@@ -75,17 +75,19 @@ class LoopUse {
   const std::shared_ptr<qlk::EventLoop> loop_;
 };
 
-// Ends the session, or the attempt at one, and waits for its end.
-void end_session(quillon_connection &connection, unsigned session) {
+// Ends the session, or the attempt at one, and waits for its end. Fails when there is no memory to tell the loop.
+QUILLON_STATUS end_session(quillon_connection &connection, unsigned session) {
   const std::lock_guard one_at_a_time(connection.extra->disconnect_mutex);
   // A session that is open uses the loop. Should it end by itself now, the loop would leave what this puts on it undone, and this
   // would wait in vain.
   const LoopUse use(connection);
-  if (session == 0 || open_session_number(connection) != session) return;
+  if (session == 0 || open_session_number(connection) != session) return QUILLON_STATUS_OK;
   quillon_data *data = nullptr;
-  if (quillon_wb_client_create(&data, &connection) == QUILLON_STATUS_OK) {
+  QUILLON_STATUS status = quillon_wb_client_create(&data, &connection);
+  if (status == QUILLON_STATUS_OK) {
     quillon_monitor_clear(connection.disconnect_monitor);
-    if (quillon_wb_client_disconnect(data) != QUILLON_STATUS_OK) {
+    status = quillon_wb_client_disconnect(data);
+    if (status != QUILLON_STATUS_OK) {
       wb_log(WB_LOG_ERROR, "quillon_connection_disconnect disconnect timed out");
     } else if (!wait_for_end(connection, session)) {
       wb_log(WB_LOG_ERROR, "quillon_connection_disconnect callback timed out");
@@ -93,6 +95,8 @@ void end_session(quillon_connection &connection, unsigned session) {
     quillon_wb_client_destroy(data);
   }
   quillon_monitor_notify(connection.xmpp_connection_monitor);
+  // What the loop did not take in time it still will.
+  return status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_OK ? QUILLON_STATUS_OK : QUILLON_STATUS_MALLOC_ERROR;
 }
 
 // Ends what an earlier connect left: the session after a denial, or an attempt that was given up. Its end must be past before the
@@ -490,8 +494,8 @@ QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connectio
     if (ends_connect) quillon_monitor_notify(target.xmpp_connection_monitor);
     if (session != 0 && qlk::is_on_loop(target)) {
       wb_log(WB_LOG_ERROR, "quillon_connection_disconnect cannot wait on the event loop thread");
-    } else {
-      end_session(target, session);
+    } else if (const QUILLON_STATUS status = end_session(target, session); status != QUILLON_STATUS_OK) {
+      return fail("no memory to end the session", status);
     }
     wb_log(WB_LOG_INFO, "quillon_connection_disconnect successful");
     return QUILLON_STATUS_OK;

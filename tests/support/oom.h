@@ -1,6 +1,9 @@
-// Makes allocations fail on purpose: counts those that a piece of code makes, then fails each in turn. Works on the calling
-// thread only and covers malloc and what stands on it, operator new included. Under a sanitizer, which has an allocator of its
-// own, it is switched off, and the sweeps are not built: QLK_HAS_OOM.
+// Makes allocations fail on purpose: counts those that a piece of code makes, then fails each in turn. Covers malloc and what
+// stands on it, operator new included.
+//
+// The functions of oom look at the calling thread alone; those of oom::process at all threads, for code that has threads of its
+// own: what OpenSSL, libevent, expat and curl allocate counts there too. Under a sanitizer, which has an allocator of its own,
+// all of it is switched off, and the sweeps are not built: QLK_HAS_OOM.
 #pragma once
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -42,5 +45,28 @@ class FailNth {
 };
 
 }  // namespace oom
+
+namespace oom::process {
+
+// The allocations of all threads count from 1; the first to fail and the last. None fails: last before first.
+void begin(long first, long last);
+// None fails any more. The number that were counted.
+long end();
+// How many have failed since the last begin.
+long failed();
+// Made and not yet freed by all threads.
+long live();
+// What the thread allocates while it lives neither counts nor fails: for what belongs to the test.
+class Exempt {
+ public:
+  Exempt();
+  ~Exempt();
+  Exempt(const Exempt &) = delete;
+  Exempt &operator=(const Exempt &) = delete;
+};
+// Writes the calls that led to the last failure to the descriptor.
+void print_last_failure(int descriptor);
+
+}  // namespace oom::process
 
 #endif
