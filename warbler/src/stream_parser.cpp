@@ -232,8 +232,10 @@ void wb::StreamParser::run(const char *bytes, size_t length) {
     if (parser_ == nullptr) make_parser();
     size_t consumed = std::min(length, kPieceMax);
     const XML_Index before = given_;
-    if ((given_ == 0 && begins_as_utf16(bytes, length)) || (given_ == 1 && *bytes == '\0'))
+    if ((given_ == 0 && begins_as_utf16(bytes, 1)) || (given_ == 1 && *bytes == '\0'))
       return fail(StreamError::unsupported_encoding, kNotUtf8);
+    // The second byte is looked at once expat has judged the first, as when they come one by one.
+    if (given_ == 0 && length > 1 && bytes[1] == '\0') consumed = 1;
     if (consumed > kBufferKeepMax) swollen_ = true;
     const bool parsed = parse_piece(bytes, consumed);
     if (state_ != State::running) return;
