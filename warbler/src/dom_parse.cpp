@@ -69,8 +69,7 @@ void XMLCALL on_text(void *self, const XML_Char *bytes, int length) {
 
 void XMLCALL on_xml_declaration(void *self, const XML_Char *, const XML_Char *encoding, int) {
   guard(self, [&](Document &document) {
-    if (encoding != nullptr && strcasecmp(encoding, "UTF-8") != 0)
-      document.fail(WB_ERR_BAD_FORMAT, kNotUtf8);
+    if (encoding != nullptr && strcasecmp(encoding, "UTF-8") != 0) document.fail(WB_ERR_BAD_FORMAT, kNotUtf8);
   });
 }
 

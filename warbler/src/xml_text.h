@@ -10,8 +10,8 @@ namespace wb {
 inline constexpr std::string_view kXmlUri = "http://www.w3.org/XML/1998/namespace";
 inline constexpr std::string_view kXmlnsUri = "http://www.w3.org/2000/xmlns/";
 
-// Beginnings of a document that expat takes for UTF-16 whatever encoding it was told; no document in UTF-8 begins like that. There
-// is a first byte.
+// Beginnings of a document that expat takes for UTF-16 whatever encoding it was told; no document in UTF-8 begins like that.
+// There is a first byte.
 inline bool begins_as_utf16(const char *bytes, size_t length) {
   const unsigned char first = static_cast<unsigned char>(bytes[0]);
   return first == 0 || first >= 0xFE || (length > 1 && bytes[1] == 0);

@@ -96,9 +96,9 @@ WB_API const char *wb_dom_get_value(const wb_dom_node *text);
  * or holds a character that XML does not know) or WB_ERR_NO_MEMORY; *xml is then NULL. */
 WB_API bool wb_serialize_xml(const wb_dom_node *node, char **xml, size_t *length, wb_err *err);
 
-/* Reads one whole document, XML 1.0 in UTF-8, into a context of its own; the caller owns that context's one reference, wb_dom_get_context(*root).
- * A document type declaration is refused; comments and processing instructions are passed over.
- * Fails with WB_ERR_INVALID_ARG, WB_ERR_BAD_FORMAT or WB_ERR_NO_MEMORY; *root is then NULL. */
+/* Reads one whole document, XML 1.0 in UTF-8, into a context of its own; the caller owns that context's one reference,
+ * wb_dom_get_context(*root). A document type declaration is refused; comments and processing instructions are passed over. Fails
+ * with WB_ERR_INVALID_ARG, WB_ERR_BAD_FORMAT or WB_ERR_NO_MEMORY; *root is then NULL. */
 WB_API bool wb_dom_parse(const char *xml, size_t length, wb_dom_node **root, wb_err *err);
 
 #ifdef __cplusplus
