@@ -265,13 +265,13 @@ Flow reconnection_flow(Member &member) {
 
 // ---- Without a connection
 
-Flow configure_flow(Member &member) {
+Flow configure_flow(Member &) {
   static quillon_config *made, *copy;
   return {.name = "configure",
           .statuses = {},
           .prepare = [] { made = copy = nullptr; },
           .act =
-              [&member] {
+              [] {
                 const char *hosts[] = {"one", "two:1"}, *groups[] = {"a", "b"};
                 QUILLON_STATUS status = quillon_config_create(&made);
                 if (status == kOk) status = quillon_config_set_hosts(made, hosts, 2);
