@@ -14,6 +14,8 @@ constexpr int kAnswerSeconds = 5;
 
 std::atomic<bool> left_as_it_was = false;
 
+int write_nowhere(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
+
 int write_nowhere(const char *format, va_list args) {
   if (std::strstr(format, "%s") == format) {
     va_list copy;
