@@ -9,6 +9,7 @@
 
 #include "application.h"
 #include "connection_events.h"
+#include "wait_for.h"
 
 namespace faults {
 namespace {
@@ -203,7 +204,8 @@ TEST_F(FaultTest, ARevokedClientIsToldSo) {
     const ScriptedPeer peer(options);
     application_.use(peer.host());
     EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, application_.connect());
-    EXPECT_EQ("certificate verify failed", peer.newest()->transcript().tls_error);
+    // The peer notes it after the alert that we have seen.
+    EXPECT_TRUE(test_support::wait_for([&] { return peer.newest()->transcript().tls_error == "certificate verify failed"; }));
     EXPECT_NE(std::string::npos, application_.log().find("revoked")) << application_.log();
   }
   EXPECT_EQ(Statuses(2, QUILLON_STATUS_QUILLON_ERROR), application_.seen().disconnected);
