@@ -61,23 +61,22 @@ ExitCode run_token(const Context &context, Stop &stop) {
 
 }  // namespace
 
-void add_authorized_command(CLI::App &app, Context &context) {
+void add_authorized_command(CommandLine &line, Context &context) {
   const auto question = std::make_shared<Question>();
-  CLI::App *command =
-      add_command(app, context, "authorized",
-                  "Asks whether a user may perform an operation of a capability. It prints yes or no and ends with "
-                  "code 0 or 3",
-                  "  qlk authorized Weather reset bob\n"
-                  "  qlk authorized Weather reset --quiet && ./reset.sh",
-                  [&context, question](Stop &stop) { return run_authorized(context, *question, stop); });
-  command->add_option("CAPABILITY", question->capability, "The capability's name")->required()->type_name("");
-  command->add_option("OPERATION", question->operation, "One of its operations")->required()->type_name("");
-  command->add_option("USER", question->user, "Who wants to (default: the user of the session)")->type_name("");
-  command->add_flag("-q,--quiet", question->is_quiet, "Print nothing");
+  Command command = add_command(line, context, "authorized",
+                                "Asks whether a user may perform an operation of a capability. It prints yes or no and ends with "
+                                "code 0 or 3",
+                                "  qlk authorized Weather reset bob\n"
+                                "  qlk authorized Weather reset --quiet && ./reset.sh",
+                                [&context, question](Stop &stop) { return run_authorized(context, *question, stop); });
+  command.argument("CAPABILITY", question->capability, "The capability's name", Command::Need::required);
+  command.argument("OPERATION", question->operation, "One of its operations", Command::Need::required);
+  command.argument("USER", question->user, "Who wants to (default: the user of the session)");
+  command.flag("-q,--quiet", question->is_quiet, "Print nothing");
 }
 
-void add_token_command(CLI::App &app, Context &context) {
-  add_command(app, context, "token", "Prints a token that proves to other services who the user is: a secret",
+void add_token_command(CommandLine &line, Context &context) {
+  add_command(line, context, "token", "Prints a token that proves to other services who the user is: a secret",
               "  qlk token\n"
               "  curl -H \"Authorization: Bearer $(qlk token)\" https://service.example/",
               [&context](Stop &stop) { return run_token(context, stop); });

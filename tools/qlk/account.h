@@ -5,7 +5,7 @@
 
 namespace tool {
 
-void add_authorized_command(CLI::App &app, Context &context);
-void add_token_command(CLI::App &app, Context &context);
+void add_authorized_command(CommandLine &line, Context &context);
+void add_token_command(CommandLine &line, Context &context);
 
 }  // namespace tool

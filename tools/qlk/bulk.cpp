@@ -118,26 +118,24 @@ ExitCode run(const Context &context, const Options &options, Stop &stop) {
 
 }  // namespace
 
-void add_bulk_command(CLI::App &app, Context &context) {
+void add_bulk_command(CommandLine &line, Context &context) {
   const auto options = std::make_shared<Options>();
-  CLI::App *command =
-      add_command(app, context, "bulk", "Downloads a large document and prints its items, the elements two levels below its root",
-                  "  qlk bulk --request readings.xml > items.xml\n"
-                  "  qlk bulk https://127.0.0.1:8443/bulk --request - --json < readings.xml\n"
-                  "  qlk bulk --request readings.xml --count --expect 1000000",
-                  [&context, options](Stop &stop) { return run(context, *options, stop); });
-  command->add_option("URL", options->url, "The service's URL (default: the profile's)")->type_name("");
-  command->add_option("-r,--request", options->request, "A file that holds the request, an XML element; - is standard input")
-      ->required()
-      ->type_name("FILE");
-  command
-      ->add_option("--bulk-ca", options->ca,
-                   "The authorities that vouch for the service (default: the profile's, else those of --ca)")
-      ->type_name("FILE");
-  command->add_option("--expect", options->expected, "How many items will come, for the progress bar")->type_name("N");
-  command->add_option("--limit", options->limit, "End after this many items")->type_name("N");
-  CLI::Option *json = command->add_flag("--json", options->as_json, "Print JSON lines instead of XML lines");
-  command->add_flag("-c,--count", options->counts, "Print only how many items there are")->excludes(json);
+  Command command = add_command(line, context, "bulk",
+                                "Downloads a large document and prints its items, the elements two levels below its root",
+                                "  qlk bulk --request readings.xml > items.xml\n"
+                                "  qlk bulk https://127.0.0.1:8443/bulk --request - --json < readings.xml\n"
+                                "  qlk bulk --request readings.xml --count --expect 1000000",
+                                [&context, options](Stop &stop) { return run(context, *options, stop); });
+  command.argument("URL", options->url, "The service's URL (default: the profile's)");
+  command.option("-r,--request", "FILE", options->request, "A file that holds the request, an XML element; - is standard input",
+                 Command::Need::required);
+  command.option("--bulk-ca", "FILE", options->ca,
+                 "The authorities that vouch for the service (default: the profile's, else those of --ca)");
+  command.number("--expect", "N", options->expected, "How many items will come, for the progress bar");
+  command.number("--limit", "N", options->limit, "End after this many items");
+  command.flag("--json", options->as_json, "Print JSON lines instead of XML lines");
+  command.flag("-c,--count", options->counts, "Print only how many items there are");
+  command.exclude("--count", "--json");
 }
 
 }  // namespace tool

@@ -71,14 +71,14 @@ ExitCode run(const Context &context, Stop &stop, bool stays) {
 
 }  // namespace
 
-void add_connect_command(CLI::App &app, Context &context) {
+void add_connect_command(CommandLine &line, Context &context) {
   const auto stays = std::make_shared<bool>(false);
-  CLI::App *command =
-      add_command(app, context, "connect", "Joins the grid and tells each step: address, TLS, peer, SASL, session, account",
+  Command command =
+      add_command(line, context, "connect", "Joins the grid and tells each step: address, TLS, peer, SASL, session, account",
                   "  qlk connect\n"
                   "  qlk connect --profile .grid/users/alice/profile.toml --stay",
                   [&context, stays](Stop &stop) { return run(context, stop, *stays); });
-  command->add_flag("--stay", *stays, "Stay in the grid until Ctrl-C, and tell when the session is lost");
+  command.flag("--stay", *stays, "Stay in the grid until Ctrl-C, and tell when the session is lost");
 }
 
 }  // namespace tool

@@ -5,6 +5,6 @@
 
 namespace tool {
 
-void add_connect_command(CLI::App &app, Context &context);
+void add_connect_command(CommandLine &line, Context &context);
 
 }  // namespace tool

@@ -31,33 +31,27 @@ ExitCode run(const Context &context, const Options &options, Define define, cons
   return ExitCode::done;
 }
 
-void add_one(CLI::App &app, Context &context, const std::string &name, const std::string &text, Define define) {
+void add_one(CommandLine &line, Context &context, const std::string &name, const std::string &text, Define define) {
   const auto options = std::make_shared<Options>();
-  CLI::App *command =
-      add_command(app, context, name, text,
+  Command command =
+      add_command(line, context, name, text,
                   "  qlk " + name +
                       " Weather --query day --query week --action reset \\\n"
                       "      --about 'Forecasts of the town'",
                   [&context, options, define, name](Stop &stop) { return run(context, *options, define, name, stop); });
-  add_capability_options(*command, options->capability);
-  command->add_option("--define-version", options->version, "The capability's version (default: 1.0)")->type_name("VERSION");
-  command->add_option("--query", options->queries, "A method that reads; may be repeated")
-      ->type_name("METHOD")
-      ->expected(1)
-      ->take_all();
-  command->add_option("--action", options->actions, "A method that writes; may be repeated")
-      ->type_name("METHOD")
-      ->expected(1)
-      ->take_all();
-  command->add_option("--about", options->description, "What the capability is for")->type_name("TEXT");
-  command->add_option("--platform", options->platform, "The vendor's platform")->type_name("TEXT");
+  add_capability_options(command, options->capability);
+  command.option("--define-version", "VERSION", options->version, "The capability's version (default: 1.0)");
+  command.repeated("--query", "METHOD", options->queries, "A method that reads; may be repeated");
+  command.repeated("--action", "METHOD", options->actions, "A method that writes; may be repeated");
+  command.option("--about", "TEXT", options->description, "What the capability is for");
+  command.option("--platform", "TEXT", options->platform, "The vendor's platform");
 }
 
 }  // namespace
 
-void add_define_commands(CLI::App &app, Context &context) {
-  add_one(app, context, "propose", "Proposes a new capability to the grid", quillon_capability_propose);
-  add_one(app, context, "modify", "Changes the definition of a capability, all of it", quillon_capability_modify);
+void add_define_commands(CommandLine &line, Context &context) {
+  add_one(line, context, "propose", "Proposes a new capability to the grid", quillon_capability_propose);
+  add_one(line, context, "modify", "Changes the definition of a capability, all of it", quillon_capability_modify);
 }
 
 }  // namespace tool

@@ -5,6 +5,6 @@
 
 namespace tool {
 
-void add_define_commands(CLI::App &app, Context &context);
+void add_define_commands(CommandLine &line, Context &context);
 
 }  // namespace tool

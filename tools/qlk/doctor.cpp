@@ -243,8 +243,8 @@ class Doctor {
 
 }  // namespace
 
-void add_doctor_command(CLI::App &app, Context &context) {
-  add_command(app, context, "doctor",
+void add_doctor_command(CommandLine &line, Context &context) {
+  add_command(line, context, "doctor",
               "Looks at certificate, key, chain, expiry, names and hosts one by one, says what is wrong and how to mend it. It "
               "does not join the grid",
               "  qlk doctor\n"

@@ -5,6 +5,6 @@
 
 namespace tool {
 
-void add_doctor_command(CLI::App &app, Context &context);
+void add_doctor_command(CommandLine &line, Context &context);
 
 }  // namespace tool

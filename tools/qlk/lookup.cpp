@@ -144,29 +144,29 @@ Definition look_up(Session &session, const std::string &name, const std::string 
   return read_definition(response.get());
 }
 
-void add_capabilities_command(CLI::App &app, Context &context) {
+void add_capabilities_command(CommandLine &line, Context &context) {
   const auto as_json = std::make_shared<bool>(false);
-  CLI::App *command = add_command(app, context, "capabilities", "Lists the capabilities that the grid knows",
-                                  "  qlk capabilities\n"
-                                  "  qlk capabilities --json | jq -r '.[].name'",
-                                  [&context, as_json](Stop &stop) { return run_capabilities(context, stop, *as_json); });
-  command->add_flag("--json", *as_json, "Print a JSON array");
+  Command command = add_command(line, context, "capabilities", "Lists the capabilities that the grid knows",
+                                "  qlk capabilities\n"
+                                "  qlk capabilities --json | jq -r '.[].name'",
+                                [&context, as_json](Stop &stop) { return run_capabilities(context, stop, *as_json); });
+  command.flag("--json", *as_json, "Print a JSON array");
 }
 
-void add_status_command(CLI::App &app, Context &context) {
+void add_status_command(CommandLine &line, Context &context) {
   struct Options {
     std::string name, version;
     bool as_json = false;
   };
   const auto options = std::make_shared<Options>();
-  CLI::App *command = add_command(
-      app, context, "status", "Tells about one capability: version, methods, publishers, subscribers",
+  Command command = add_command(
+      line, context, "status", "Tells about one capability: version, methods, publishers, subscribers",
       "  qlk status Weather\n"
       "  qlk status Weather --json",
       [&context, options](Stop &stop) { return run_status(context, stop, options->name, options->version, options->as_json); });
-  command->add_option("NAME", options->name, "The capability's name")->required()->type_name("");
-  command->add_option("--of-version", options->version, "The version to ask for (default: any)")->type_name("VERSION");
-  command->add_flag("--json", options->as_json, "Print a JSON object");
+  command.argument("NAME", options->name, "The capability's name", Command::Need::required);
+  command.option("--of-version", "VERSION", options->version, "The version to ask for (default: any)");
+  command.flag("--json", options->as_json, "Print a JSON object");
 }
 
 }  // namespace tool

@@ -15,7 +15,7 @@ struct Definition {
 // Throws Failure when the controller does not know the capability. version may be empty: any.
 Definition look_up(Session &session, const std::string &name, const std::string &version);
 
-void add_capabilities_command(CLI::App &app, Context &context);
-void add_status_command(CLI::App &app, Context &context);
+void add_capabilities_command(CommandLine &line, Context &context);
+void add_status_command(CommandLine &line, Context &context);
 
 }  // namespace tool

@@ -1,6 +1,4 @@
 // qlk: the grid from the command line.
-#include <CLI/App.hpp>
-#include <cctype>
 #include <csignal>
 #include <cstdlib>
 
@@ -56,47 +54,14 @@ int run(tool::Context &context) {
   }
 }
 
-std::string lower_first(std::string text) {
-  if (text.size() > 1 && std::islower(static_cast<unsigned char>(text[1])) != 0) {
-    text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
-  }
-  return text;
-}
-
-int report_usage(const CLI::App &app, const CLI::ParseError &error, const char *first) {
-  if (error.get_exit_code() == 0) {
-    std::fputs(app.help().c_str(), stdout);
-    return 0;
-  }
-  const auto chosen = app.get_subcommands();
-  const bool is_unknown = chosen.empty() && first != nullptr && *first != '-';
-  const std::string what = first == nullptr ? "which command?"
-                           : is_unknown     ? std::string("there is no command '") + first + "'"
-                                            : lower_first(error.what());
-  tool::complain(what, "See: qlk " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help");
-  return exit_with(tool::ExitCode::usage);
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
   try {
-    CLI::App app(kDescription, "qlk");
-    app.formatter(std::make_shared<tool::HelpFormatter>());
-    app.set_help_flag("-h,--help", "Print this text and end");
-    app.set_version_flag("--version", QLK_VERSION, "Print the version and end");
-    app.require_subcommand(1);
-    app.footer(std::string(kFooter) + "\n\n" + tool::kExitCodes);
+    tool::CommandLine line(kDescription, std::string(kFooter) + "\n\n" + tool::kExitCodes);
     tool::Context context;
-    for (const auto add : kCommands) add(app, context);
-    try {
-      app.parse(argc, argv);
-    } catch (const CLI::CallForVersion &) {
-      std::puts("qlk " QLK_VERSION);
-      return 0;
-    } catch (const CLI::ParseError &error) {
-      return report_usage(app, error, argv[1]);
-    }
+    for (const auto add : kCommands) add(line, context);
+    if (const auto code = line.parse(argc, argv)) return *code;
     return run(context);
   } catch (const std::exception &error) {
     tool::complain(error.what(), "");

@@ -19,8 +19,6 @@ namespace {
 
 constexpr int kDefaultTimeoutSeconds = 15;
 constexpr int kPromptTries = 3;
-constexpr size_t kHelpWidth = 80;
-constexpr size_t kHelpColumn = 26;
 constexpr size_t kPassphraseBytesMax = 4096;
 
 void override_text(std::string &value, const std::string &option) {
@@ -63,103 +61,26 @@ void expect_complete(const Settings &settings, Needs needs) {
                 "'quillon-grid enroll USER' writes one; name it with --profile FILE.");
 }
 
-// "  left      description", with the description in a column of its own.
-std::string help_entry(const std::string &left, const std::string &description) {
-  std::string out = "  " + left;
-  if (out.size() + 1 >= kHelpColumn) {
-    out.append("\n").append(kHelpColumn, ' ');
-  } else {
-    out.append(kHelpColumn - out.size(), ' ');
-  }
-  return out.append(wrapped(description, kHelpColumn, kHelpColumn, kHelpWidth)).append("\n");
-}
-
-std::string usage_of(const CLI::App &app) {
-  if (!app.get_subcommands({}).empty()) return "Usage: qlk COMMAND [OPTION...] [ARGUMENT...]";
-  std::string usage = "Usage: qlk " + app.get_name() + " [OPTION...]";
-  for (const CLI::Option *option : app.get_options()) {
-    if (!option->get_positional()) continue;
-    const std::string name = option->get_name(true) + (option->get_items_expected_max() > 1 ? "..." : "");
-    usage.append(" ").append(option->get_required() ? name : "[" + name + "]");
-  }
-  return usage;
-}
-
-void add_connection_options(CLI::App &command, ConnectionOptions &options) {
-  const auto in_group = [](CLI::Option *option) { return option->group("Connection"); };
-  in_group(command
-               .add_option("--profile", options.profile,
-                           "The file with the settings (default: $QLK_PROFILE, else ~/.config/qlk/profile.toml); the "
-                           "options below go before it")
-               ->type_name("FILE"));
-  in_group(command.add_option("--host", options.hosts, "Where the grid's server is; several are tried in turn")
-               ->type_name("HOST[:PORT]")
-               ->expected(1)
-               ->take_all());
-  in_group(command.add_option("--user", options.user, "The user's name in the grid")->type_name("NAME"));
-  in_group(command.add_option("--certificate", options.certificate, "The user's certificate, with its chain, in PEM")
-               ->type_name("FILE"));
-  in_group(command.add_option("--key", options.key, "The certificate's private key in PEM")->type_name("FILE"));
-  in_group(command.add_option("--ca", options.ca, "The authorities that vouch for the server, in PEM")->type_name("FILE"));
-  in_group(command
-               .add_option("--passphrase-fd", options.passphrase_fd,
-                           "Read the key's pass phrase from this file descriptor; without it from the profile's "
-                           "passphrase_file, else it is asked for")
-               ->type_name("N")
-               ->check(CLI::Range(0, 65535).description("")));
-  in_group(command.add_option("--group", options.groups, "A group to name to the controller; may be repeated")
-               ->type_name("NAME")
-               ->expected(1)
-               ->take_all());
-  in_group(command.add_option("--description", options.description, "What administrators see when the user registers")
-               ->type_name("TEXT"));
-  in_group(command.add_option("--timeout", options.timeout_seconds, "How long to wait for each answer (default: 15)")
-               ->type_name("SECONDS")
-               ->check(CLI::Range(1, 86400).description("")));
-  in_group(command.add_flag("-v,--verbose", options.verbosity, "Show the library's log; twice: also the stanzas that arrive"));
+void add_connection_options(Command &command, ConnectionOptions &options) {
+  command.option(
+      "--profile", "FILE", options.profile,
+      "The file with the settings (default: $QLK_PROFILE, else ~/.config/qlk/profile.toml); the options below go before it");
+  command.repeated("--host", "HOST[:PORT]", options.hosts, "Where the grid's server is; several are tried in turn");
+  command.option("--user", "NAME", options.user, "The user's name in the grid");
+  command.option("--certificate", "FILE", options.certificate, "The user's certificate, with its chain, in PEM");
+  command.option("--key", "FILE", options.key, "The certificate's private key in PEM");
+  command.option("--ca", "FILE", options.ca, "The authorities that vouch for the server, in PEM");
+  command.number(
+      "--passphrase-fd", "N", options.passphrase_fd, 0, 65535,
+      "Read the key's pass phrase from this file descriptor; without it from the profile's passphrase_file, else it is "
+      "asked for");
+  command.repeated("--group", "NAME", options.groups, "A group to name to the controller; may be repeated");
+  command.option("--description", "TEXT", options.description, "What administrators see when the user registers");
+  command.number("--timeout", "SECONDS", options.timeout_seconds, 1, 86400, "How long to wait for each answer (default: 15)");
+  command.counted_flag("-v,--verbose", options.verbosity, "Show the library's log; twice: also the stanzas that arrive");
 }
 
 }  // namespace
-
-HelpFormatter::HelpFormatter() { label("REQUIRED", ""); }
-
-std::string HelpFormatter::make_help(const CLI::App *app, std::string, CLI::AppFormatMode) const {
-  std::string help = wrapped(app->get_description() + ".", 0, 0, kHelpWidth) + "\n\n" + usage_of(*app) + "\n";
-  const auto section = [&](const std::string &title, const std::string &entries) {
-    if (!entries.empty()) help.append("\n").append(title).append(":\n").append(entries);
-  };
-  std::string entries;
-  for (const CLI::App *command : app->get_subcommands({})) {
-    const std::string &text = command->get_description();
-    entries += help_entry(command->get_name(), text.substr(0, text.find(". ")));
-  }
-  section("Commands", entries);
-  const auto options_of = [&](const std::string &group, bool is_positional) {
-    std::string list;
-    for (const CLI::Option *option : app->get_options()) {
-      if (option->get_group() == group && option->get_positional() == is_positional) list += make_option(option, is_positional);
-    }
-    return list;
-  };
-  section("Arguments", options_of("Options", true));
-  section("Options", options_of("Options", false));
-  section("Connection", options_of("Connection", false));
-  return help + "\n" + app->get_footer() + "\n";
-}
-
-std::string HelpFormatter::make_option_opts(const CLI::Option *option) const {
-  return option->get_type_name().empty() ? "" : " " + option->get_type_name();
-}
-
-std::string HelpFormatter::make_option(const CLI::Option *option, bool is_positional) const {
-  std::string name = make_option_name(option, is_positional);
-  if (!is_positional) {
-    std::replace(name.begin(), name.end(), ',', ' ');
-    if (const size_t blank = name.find(' '); blank != std::string::npos) name.insert(blank, ",");
-    name += make_option_opts(option);
-  }
-  return help_entry(name, option->get_description());
-}
 
 Settings merge_settings(const ConnectionOptions &options) {
   Settings settings;
@@ -230,12 +151,13 @@ Settings complete_settings(const ConnectionOptions &options, const Stop &stop, N
   }
 }
 
-CLI::App *add_command(CLI::App &app, Context &context, const std::string &name, const std::string &text,
-                      const std::string &examples, std::function<ExitCode(Stop &)> body) {
-  CLI::App *command = app.add_subcommand(name, text);
-  command->footer("Examples:\n" + examples + "\n\n" + kExitCodes);
-  command->callback([&context, body = std::move(body)] { context.run = body; });
-  add_connection_options(*command, context.connection);
+Command add_command(CommandLine &line, Context &context, const std::string &name, const std::string &text,
+                    const std::string &examples, std::function<ExitCode(Stop &)> body) {
+  Command command = line.add(name, text, "Examples:\n" + examples + "\n\n" + kExitCodes,
+                             [&context, body = std::move(body)] { context.run = body; });
+  command.begin_group("Connection");
+  add_connection_options(command, context.connection);
+  command.begin_group("Options");
   return command;
 }
 

@@ -1,13 +1,11 @@
 // The options that every command shares, and the settings that come of them and of the profile.
 #pragma once
 
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "failure.h"
 #include "profile.h"
 #include "secret.h"
@@ -50,16 +48,7 @@ std::string missing_settings(const Profile &values, Needs needs);
 bool obtain_passphrase(const ConnectionOptions &options, const Stop &stop, Settings &settings);
 
 // A command with its text, its examples and the options of the connection. body is run once everything is parsed.
-CLI::App *add_command(CLI::App &app, Context &context, const std::string &name, const std::string &text,
-                      const std::string &examples, std::function<ExitCode(Stop &)> body);
-
-// Lays the help out in 80 columns.
-class HelpFormatter : public CLI::Formatter {
- public:
-  HelpFormatter();
-  std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override;
-  std::string make_option(const CLI::Option *option, bool is_positional) const override;
-  std::string make_option_opts(const CLI::Option *option) const override;
-};
+Command add_command(CommandLine &line, Context &context, const std::string &name, const std::string &text,
+                    const std::string &examples, std::function<ExitCode(Stop &)> body);
 
 }  // namespace tool

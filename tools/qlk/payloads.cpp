@@ -72,13 +72,11 @@ bool LineReader::fill() {
   return read_some(STDIN_FILENO, stop_, "standard input", buffer_);
 }
 
-void add_capability_options(CLI::App &command, CapabilityOptions &options) {
-  command.add_option("NAME", options.name, "The capability's name")->required()->type_name("");
-  command
-      .add_option("-n,--namespace", options.ns,
-                  "The capability's XML namespace (default: the profile's, else the payload's, else the grid's)")
-      ->type_name("URI");
-  command.add_flag("--dynamic", options.is_dynamic, "The capability is a dynamic one, whose topic is its bare name");
+void add_capability_options(Command &command, CapabilityOptions &options) {
+  command.argument("NAME", options.name, "The capability's name", Command::Need::required);
+  command.option("-n,--namespace", "URI", options.ns,
+                 "The capability's XML namespace (default: the profile's, else the payload's, else the grid's)");
+  command.flag("--dynamic", options.is_dynamic, "The capability is a dynamic one, whose topic is its bare name");
 }
 
 std::string namespace_of(const CapabilityOptions &options, const Settings &settings, const wb_dom_node *payload) {

@@ -38,7 +38,7 @@ struct CapabilityOptions {
 };
 
 // The argument NAME with --namespace and --dynamic.
-void add_capability_options(CLI::App &command, CapabilityOptions &options);
+void add_capability_options(Command &command, CapabilityOptions &options);
 
 // The namespace that was given, else the profile's, else that of the payload, else the grid's own.
 std::string namespace_of(const CapabilityOptions &options, const Settings &settings, const wb_dom_node *payload = nullptr);

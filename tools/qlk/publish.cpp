@@ -135,10 +135,10 @@ ExitCode publish_lines(const Options &options, const Settings &settings, Stop &s
 
 }  // namespace
 
-void add_publish_command(CLI::App &app, Context &context) {
+void add_publish_command(CommandLine &line, Context &context) {
   const auto options = std::make_shared<Options>();
-  CLI::App *command =
-      add_command(app, context, "publish", "Publishes notifications on a capability, and waits until the grid has taken them",
+  Command command =
+      add_command(line, context, "publish", "Publishes notifications on a capability, and waits until the grid has taken them",
                   "  qlk publish Weather '<reading xmlns=\"urn:example\">21</reading>'\n"
                   "  qlk publish Weather --file report.xml\n"
                   "  sensor | qlk publish Weather",
@@ -147,12 +147,10 @@ void add_publish_command(CLI::App &app, Context &context) {
                     const bool is_given = !options->payloads.empty() || !options->file.empty();
                     return is_given ? publish_given(*options, settings, stop) : publish_lines(*options, settings, stop);
                   });
-  add_capability_options(*command, options->capability);
-  command
-      ->add_option("PAYLOAD", options->payloads,
-                   "XML elements; without any, and without --file, each line of standard input is one")
-      ->type_name("");
-  command->add_option("-f,--file", options->file, "A file that holds one element; - is standard input")->type_name("FILE");
+  add_capability_options(command, options->capability);
+  command.arguments("PAYLOAD", options->payloads,
+                    "XML elements; without any, and without --file, each line of standard input is one");
+  command.option("-f,--file", "FILE", options->file, "A file that holds one element; - is standard input");
 }
 
 }  // namespace tool

@@ -139,25 +139,23 @@ class Asker {
 
 }  // namespace
 
-void add_query_command(CLI::App &app, Context &context) {
+void add_query_command(CommandLine &line, Context &context) {
   const auto options = std::make_shared<Options>();
-  CLI::App *command = add_command(app, context, "query", "Asks a publisher of a capability and prints the answer",
-                                  "  qlk query Weather '<day xmlns=\"urn:example\">Monday</day>'\n"
-                                  "  qlk query Weather --file question.xml --json\n"
-                                  "  qlk query Weather '<day xmlns=\"urn:example\"/>' --repeat 1000 --quiet",
-                                  [&context, options](Stop &stop) {
-                                    const Settings settings = complete_settings(context.connection, stop);
-                                    return Asker(*options, settings, stop).run();
-                                  });
-  add_capability_options(*command, options->capability);
-  command->add_option("PAYLOAD", options->payload, "The question, an XML element; without it, and without --file, standard input")
-      ->type_name("");
-  command->add_option("-f,--file", options->file, "A file that holds the question; - is standard input")->type_name("FILE");
-  command->add_option("-r,--repeat", options->repeat, "Ask this many times, 0: until Ctrl-C, and tell the times at the end")
-      ->type_name("N");
-  command->add_option("-i,--interval", options->interval_ms, "Pause between two questions, in milliseconds")->type_name("MS");
-  command->add_flag("--json", options->as_json, "Print each answer as one line of JSON");
-  command->add_flag("-q,--quiet", options->is_quiet, "Do not print the answers");
+  Command command = add_command(line, context, "query", "Asks a publisher of a capability and prints the answer",
+                                "  qlk query Weather '<day xmlns=\"urn:example\">Monday</day>'\n"
+                                "  qlk query Weather --file question.xml --json\n"
+                                "  qlk query Weather '<day xmlns=\"urn:example\"/>' --repeat 1000 --quiet",
+                                [&context, options](Stop &stop) {
+                                  const Settings settings = complete_settings(context.connection, stop);
+                                  return Asker(*options, settings, stop).run();
+                                });
+  add_capability_options(command, options->capability);
+  command.argument("PAYLOAD", options->payload, "The question, an XML element; without it, and without --file, standard input");
+  command.option("-f,--file", "FILE", options->file, "A file that holds the question; - is standard input");
+  command.number("-r,--repeat", "N", options->repeat, "Ask this many times, 0: until Ctrl-C, and tell the times at the end");
+  command.number("-i,--interval", "MS", options->interval_ms, "Pause between two questions, in milliseconds");
+  command.flag("--json", options->as_json, "Print each answer as one line of JSON");
+  command.flag("-q,--quiet", options->is_quiet, "Do not print the answers");
 }
 
 }  // namespace tool

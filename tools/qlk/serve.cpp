@@ -21,7 +21,7 @@ struct Options {
   CapabilityOptions capability;
   std::vector<std::string> elements, command;
   std::string file;
-  unsigned limit_seconds = 10;
+  int limit_seconds = 10;
   bool reconnects = false, is_quiet = false;
 };
 
@@ -143,10 +143,10 @@ class Server {
 
 }  // namespace
 
-void add_serve_command(CLI::App &app, Context &context) {
+void add_serve_command(CommandLine &line, Context &context) {
   const auto options = std::make_shared<Options>();
-  CLI::App *command =
-      add_command(app, context, "serve", "Publishes a capability and answers its queries, by running a command or from a file",
+  Command command =
+      add_command(line, context, "serve", "Publishes a capability and answers its queries, by running a command or from a file",
                   "  qlk serve Weather --element day -- ./forecast.sh --short\n"
                   "  qlk serve Weather --element day --file sunny.xml\n"
                   "\n"
@@ -154,21 +154,15 @@ void add_serve_command(CLI::App &app, Context &context) {
                   "answer. $QLK_CAPABILITY, $QLK_ELEMENT and $QLK_SENDER tell it more. Without an\n"
                   "answer the one who asked waits in vain.",
                   [&context, options](Stop &stop) -> ExitCode { run(context, *options, stop); });
-  add_capability_options(*command, options->capability);
-  command->add_option("COMMAND", options->command, "The command with its arguments; put -- before it")->type_name("");
-  command->add_option("-f,--file", options->file, "Answer with this file, read anew each time")->type_name("FILE");
-  command
-      ->add_option("-e,--element", options->elements,
+  add_capability_options(command, options->capability);
+  command.arguments("COMMAND", options->command, "The command with its arguments; put -- before it");
+  command.option("-f,--file", "FILE", options->file, "Answer with this file, read anew each time");
+  command.repeated("-e,--element", "NAME", options->elements,
                    "What is asked: a name in the capability's namespace or {namespace}name; may be repeated (default: the "
-                   "methods that the grid knows)")
-      ->type_name("NAME")
-      ->expected(1)
-      ->take_all();
-  command->add_option("-l,--limit", options->limit_seconds, "How long the command may take (default: 10)")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(1u, 3600u).description(""));
-  command->add_flag("--reconnect", options->reconnects, "Open the session again when it is lost");
-  command->add_flag("-q,--quiet", options->is_quiet, "Do not tell of each query that was answered");
+                   "methods that the grid knows)");
+  command.number("-l,--limit", "SECONDS", options->limit_seconds, 1, 3600, "How long the command may take (default: 10)");
+  command.flag("--reconnect", options->reconnects, "Open the session again when it is lost");
+  command.flag("-q,--quiet", options->is_quiet, "Do not tell of each query that was answered");
 }
 
 }  // namespace tool

@@ -166,28 +166,24 @@ class Subscriber {
 
 }  // namespace
 
-void add_subscribe_command(CLI::App &app, Context &context) {
+void add_subscribe_command(CommandLine &line, Context &context) {
   const auto options = std::make_shared<Options>();
-  CLI::App *command = add_command(app, context, "subscribe", "Prints the notifications of a capability as they come, one a line",
-                                  "  qlk subscribe Weather\n"
-                                  "  qlk subscribe Weather --element warning --count 1\n"
-                                  "  qlk subscribe Weather --json --reconnect | jq .payload.text",
-                                  [&context, options](Stop &stop) {
-                                    const Settings settings = complete_settings(context.connection, stop);
-                                    Subscriber(*options, settings, stop).run();
-                                    return ExitCode::done;
-                                  });
-  add_capability_options(*command, options->capability);
-  command
-      ->add_option("-e,--element", options->elements,
+  Command command = add_command(line, context, "subscribe", "Prints the notifications of a capability as they come, one a line",
+                                "  qlk subscribe Weather\n"
+                                "  qlk subscribe Weather --element warning --count 1\n"
+                                "  qlk subscribe Weather --json --reconnect | jq .payload.text",
+                                [&context, options](Stop &stop) {
+                                  const Settings settings = complete_settings(context.connection, stop);
+                                  Subscriber(*options, settings, stop).run();
+                                  return ExitCode::done;
+                                });
+  add_capability_options(command, options->capability);
+  command.repeated("-e,--element", "NAME", options->elements,
                    "Only notifications of this element, a name in the capability's namespace or {namespace}name; may be "
-                   "repeated")
-      ->type_name("NAME")
-      ->expected(1)
-      ->take_all();
-  command->add_option("-c,--count", options->count, "End after this many notifications")->type_name("N");
-  command->add_flag("--json", options->as_json, "Print JSON lines, with time and item");
-  command->add_flag("--reconnect", options->reconnects, "Open the session again when it is lost");
+                   "repeated");
+  command.number("-c,--count", "N", options->count, "End after this many notifications");
+  command.flag("--json", options->as_json, "Print JSON lines, with time and item");
+  command.flag("--reconnect", options->reconnects, "Open the session again when it is lost");
 }
 
 }  // namespace tool
