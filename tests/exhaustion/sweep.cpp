@@ -18,14 +18,42 @@
 
 #include "oom.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace exhaustion {
 
 namespace {
+
+// Under the address sanitizer: whether there are blocks that nobody points to any more. It prints them.
+bool leaks() {
+#if defined(__SANITIZE_ADDRESS__)
+  return __lsan_do_recoverable_leak_check() != 0;
+#else
+  return false;
+#endif
+}
 
 // ---- Threads that cannot be had
 
 std::atomic<bool> threads_count = false;
 std::atomic<long> threads_wanted = 0, threads_refused = 0, first_refused = 0, last_refused = 0;
+
+struct Start {
+  void *(*run)(void *);
+  void *argument;
+};
+
+void *run_thread(void *given) {
+  const Start start = *static_cast<Start *>(given);
+  {
+    const oom::process::Exempt exempt;
+    delete static_cast<Start *>(given);
+  }
+  oom::process::enter_thread();
+  return start.run(start.argument);
+}
 
 bool refuse_thread() {
   if (!threads_count) return false;
@@ -125,6 +153,7 @@ class Sweep {
       ++tally_.rounds;
       if (!testing::Test::HasFailure()) look_for_losses(spared);
     }
+    EXPECT_FALSE(leaks()) << flow_.name << ", " << shortage_.name;
     print(offset, step);
   }
 
@@ -191,6 +220,7 @@ class Sweep {
       const Flow flow = make();
       Sweep inner(flow, shortage_);
       inner.round(spared);
+      EXPECT_TRUE(!leaks() || flow.may_leave()) << spared << " spared";
       const Tally &tally = inner.tally_;
       const long told[] = {tally.requests, tally.failures, tally.statuses.empty() ? 0 : tally.statuses.begin()->first,
                            tally.longest.count()};
@@ -288,5 +318,10 @@ void sweep_first(const std::string &name, const std::function<Flow()> &make, con
 extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*start)(void *), void *argument) {
   using Function = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
   static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_create"));
-  return exhaustion::refuse_thread() ? EAGAIN : real(thread, attributes, start, argument);
+  if (exhaustion::refuse_thread()) return EAGAIN;
+  const oom::process::Exempt exempt;
+  auto *given = new exhaustion::Start{start, argument};
+  const int error = real(thread, attributes, exhaustion::run_thread, given);
+  if (error != 0) delete given;
+  return error;
 }

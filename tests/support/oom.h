@@ -2,19 +2,30 @@
 // stands on it, operator new included.
 //
 // The functions of oom look at the calling thread alone; those of oom::process at all threads, for code that has threads of its
-// own: what OpenSSL, libevent, expat and curl allocate counts there too. Under a sanitizer, which has an allocator of its own,
-// all of it is switched off, and the sweeps are not built: QLK_HAS_OOM.
+// own: what OpenSSL, libevent, expat and curl allocate counts there too. It stands before the address sanitizer's allocator as
+// well as before the C library's. Under the thread sanitizer all of it is switched off, and the sweeps are not built:
+// QLK_HAS_OOM.
 #pragma once
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_ADDRESS__)
+#define QLK_HAS_OOM 1
+#define QLK_TELLS_MEMORY 0
+#elif defined(__SANITIZE_THREAD__)
 #define QLK_HAS_OOM 0
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#if __has_feature(address_sanitizer)
+#define QLK_HAS_OOM 1
+#define QLK_TELLS_MEMORY 0
+#elif __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
 #define QLK_HAS_OOM 0
 #endif
 #endif
 #ifndef QLK_HAS_OOM
 #define QLK_HAS_OOM 1
+#endif
+// Whether resident memory and mallinfo2 tell what the program holds. A sanitizer's own bookkeeping grows.
+#ifndef QLK_TELLS_MEMORY
+#define QLK_TELLS_MEMORY QLK_HAS_OOM
 #endif
 
 #if QLK_HAS_OOM
@@ -52,6 +63,9 @@ namespace oom::process {
 void begin(long first, long last);
 // None fails any more. The number that were counted.
 long end();
+// Its own code runs on the calling thread from here on. Under the address sanitizer nothing of what a thread allocates before
+// counts: it is the sanitizer's. begin calls it.
+void enter_thread();
 // How many have failed since the last begin.
 long failed();
 // Made and not yet freed by all threads.

@@ -37,14 +37,18 @@ test_support::CertificatePtr read_certificate(const std::string &path) {
   return test_support::CertificatePtr(file != nullptr ? PEM_read_X509(file.get(), nullptr, nullptr, nullptr) : nullptr);
 }
 
-// What the check within the handshake says of a chain's first certificate that OpenSSL has found to be good.
-bool accepts(const wb::SslPtr &ssl, const test_support::CertificatePtr &certificate) {
+// What the check within the handshake says of a chain's first certificate that OpenSSL has found to be good. It misses the nth
+// allocation.
+bool accepts(const wb::SslPtr &ssl, const test_support::CertificatePtr &certificate, [[maybe_unused]] long nth = 0) {
   const std::unique_ptr<X509_STORE_CTX, StoreFree> store(X509_STORE_CTX_new());
   X509_STORE_CTX_init(store.get(), nullptr, certificate.get(), nullptr);
   X509_STORE_CTX_set_ex_data(store.get(), SSL_get_ex_data_X509_STORE_CTX_idx(), ssl.get());
   X509_STORE_CTX_set_current_cert(store.get(), certificate.get());
   X509_STORE_CTX_set_error_depth(store.get(), 0);
   const SSL_verify_cb check = SSL_get_verify_callback(ssl.get());
+#if QLK_HAS_OOM
+  const oom::FailNth failing(nth);
+#endif
   return check == nullptr || check(1, store.get()) == 1;
 }
 
@@ -125,6 +129,15 @@ TEST(Tls, WithoutMemoryNothingGoesUnchecked) {
       EXPECT_FALSE(accepts(ssl, fixture.wrong)) << nth;
     }
   }
+}
+
+// The check is called by OpenSSL, which knows nothing of exceptions.
+TEST(Tls, WithoutMemoryTheCheckRefuses) {
+  const Fixture fixture;
+  const wb::ExpectedNames names{"a-name-that-is-not-kept-in-the-string.grid.test", "127.0.0.1"};
+  const wb::SslPtr ssl = make_tls(verify_peer, names);
+  ASSERT_NE(nullptr, ssl);
+  for (long nth = 1; nth <= 8; ++nth) EXPECT_FALSE(accepts(ssl, fixture.wrong, nth)) << nth;
 }
 #endif
 

@@ -4,6 +4,7 @@
 #include <openssl/x509v3.h>
 
 #include <atomic>
+#include <new>
 
 #include "endpoint.h"
 
@@ -41,8 +42,14 @@ int check_name(int verified, X509_STORE_CTX *store) {
   if (verified != 1 || X509_STORE_CTX_get_error_depth(store) != 0) return verified;
   const auto *names = static_cast<const ExpectedNames *>(SSL_get_ex_data(ssl, names_index()));
   X509 *certificate = X509_STORE_CTX_get_current_cert(store);
-  if (names != nullptr && (bears_name(certificate, names->domain) || bears_name(certificate, names->host))) return 1;
-  X509_STORE_CTX_set_error(store, X509_V_ERR_HOSTNAME_MISMATCH);
+  int error = X509_V_ERR_HOSTNAME_MISMATCH;
+  // An exception would leave what OpenSSL's functions below this one hold.
+  try {
+    if (names != nullptr && (bears_name(certificate, names->domain) || bears_name(certificate, names->host))) return 1;
+  } catch (const std::bad_alloc &) {
+    error = X509_V_ERR_OUT_OF_MEM;
+  }
+  X509_STORE_CTX_set_error(store, error);
   return 0;
 }
 
