@@ -68,6 +68,7 @@ std::string read_batches(std::string_view document, fuzz::Pieces pieces) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) return 0;
+  quillon_log_set_level(QUILLON_LOG_NONE);
   const std::string_view document = fuzz::text(data + 1, size - 1);
   // The parser takes a zero in the second byte for UTF-16, but only if it sees both bytes at once.
   if (size > 2 && data[2] == 0) return 0;
