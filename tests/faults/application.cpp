@@ -132,6 +132,7 @@ void Application::note(const std::function<void(Seen &)> &change) {
 // ---- What rows have in common
 
 FaultTest::FaultTest() {
+  const size_t threads = Resources::now().threads;
   {
     const ScriptedPeer peer(correct());
     application_.use(peer.host());
@@ -139,10 +140,10 @@ FaultTest::FaultTest() {
     EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
   }
   // The event loop's thread leaves by itself.
-  testpeer::eventually(kSoon, [this] {
+  EXPECT_TRUE(testpeer::eventually(kSoon, [&] {
     before_ = Resources::now();
-    return !testpeer::eventually(50ms, [this] { return Resources::now() != before_; });
-  });
+    return before_.threads == threads;
+  }));
   application_.forget_seen();
 }
 
