@@ -103,7 +103,7 @@ struct Identities {
   const testpeer::ScriptedPeer grid(options);
 
   test_support::HttpsPeer::Options bulk_options;
-  bulk_options.certificate = {identities.bulk.certificate, identities.bulk.key};
+  bulk_options.certificate = identities.bulk;
   bulk_options.client_authority = identities.authority.certificate();
   bulk_options.answer = [](test_support::HttpsPeer::Exchange &exchange) {
     exchange.begin();

@@ -20,7 +20,6 @@ using test_support::DeafPort;
 using test_support::HttpsPeer;
 using test_support::Node;
 using test_support::QuillonLogCapture;
-using test_support::TestAuthority;
 using Exchange = HttpsPeer::Exchange;
 
 constexpr char kDomain[] = QLK_GRID_DOMAIN;
@@ -71,12 +70,12 @@ inline std::string error_details(const Bulk &bulk) {
 // Certificates for all, and downloads that are ready to be opened.
 class BulkTest : public testing::Test {
  protected:
-  static void SetUpTestSuite() { authority_ = std::make_unique<TestAuthority>(); }
+  static void SetUpTestSuite() { authority_ = std::make_unique<testpeer::CertificateAuthority>(); }
   static void TearDownTestSuite() { authority_.reset(); }
 
   HttpsPeer::Options peer_options() {
     HttpsPeer::Options options;
-    options.certificate = authority_->issue_server({"127.0.0.1"});
+    options.certificate = authority_->server({.addresses = {"127.0.0.1"}});
     options.client_authority = authority_->certificate();
     return options;
   }
@@ -98,7 +97,7 @@ class BulkTest : public testing::Test {
   Config make_config() {
     quillon_config *config = nullptr;
     EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_create(&config));
-    const test_support::Credentials client = authority_->issue_client("bob", kDomain);
+    const testpeer::Credentials client = authority_->client("bob", kDomain);
     quillon_config_set_user_name(config, "Bob");
     quillon_config_set_bulk_server_cert_chain_filename(config, authority_->certificate().c_str());
     quillon_config_set_client_cert_chain_filename(config, client.certificate.c_str());
@@ -121,7 +120,7 @@ class BulkTest : public testing::Test {
     return bulk;
   }
 
-  inline static std::unique_ptr<TestAuthority> authority_;
+  inline static std::unique_ptr<testpeer::CertificateAuthority> authority_;
   const Config config_ = make_config();
   const QuillonLogCapture log_{WB_LOG_INFO};
 };

@@ -344,13 +344,13 @@ TEST_F(BulkFailure, NoUrl) {
 }
 
 TEST_F(BulkFailure, TheServersCertificate) {
-  test_support::TestAuthority other("Another Authority");
+  testpeer::CertificateAuthority other("Another Authority");
   const struct {
     const char *name;
-    test_support::Credentials certificate;
-  } cases[] = {{"of another authority", other.issue_server({"127.0.0.1"})},
-               {"for another name", authority_->issue_server({"localhost"})},
-               {"expired", authority_->issue_server({"127.0.0.1"}, -1)}};
+    testpeer::Credentials certificate;
+  } cases[] = {{"of another authority", other.server({.addresses = {"127.0.0.1"}})},
+               {"for another name", authority_->server("localhost")},
+               {"expired", authority_->server({.addresses = {"127.0.0.1"}, .validity = testpeer::Validity::expired})}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     HttpsPeer::Options options = peer_options();

@@ -49,14 +49,14 @@ class ConnectionFixture : public testing::Test {
     int connected = 0;
   };
 
-  static void SetUpTestSuite() { authority_ = std::make_unique<test_support::TestAuthority>(); }
+  static void SetUpTestSuite() { authority_ = std::make_unique<testpeer::CertificateAuthority>(); }
   static void TearDownTestSuite() { authority_.reset(); }
 
   ConnectionFixture() {
     quillon_config *config = nullptr;
     quillon_config_create(&config);
     config_.reset(config);
-    const test_support::Credentials client = authority_->issue_client("alice", GRID_DOMAIN);
+    const testpeer::Credentials client = authority_->client("alice", GRID_DOMAIN);
     quillon_config_set_user_name(config, "Alice");
     quillon_config_set_client_cert_chain_filename(config, client.certificate.c_str());
     quillon_config_set_client_cert_key_filename(config, client.key.c_str());
@@ -79,7 +79,7 @@ class ConnectionFixture : public testing::Test {
   // Makes the server and sets it as the only host.
   void serve(FakeServer::Options options = {}) {
     options.domain = GRID_DOMAIN;
-    options.certificate = authority_->issue_server({GRID_DOMAIN});
+    options.certificate = authority_->server(GRID_DOMAIN);
     if (!options.on_stanza) {
       options.on_stanza = [this](FakeServer::Session &session, const Element &stanza) { on_stanza(session, stanza); };
     }
@@ -120,7 +120,7 @@ class ConnectionFixture : public testing::Test {
   std::unique_ptr<FakeServer> server_;
 
  private:
-  inline static std::unique_ptr<test_support::TestAuthority> authority_;
+  inline static std::unique_ptr<testpeer::CertificateAuthority> authority_;
 
   static void on_account(quillon_connection *, QUILLON_STATUS status, void *self) {
     auto &fixture = *static_cast<ConnectionFixture *>(self);

@@ -54,11 +54,11 @@ class MessagingSession : public testing::Test {
   void connect(std::vector<std::string> publishers) {
     FakeServer::Options options;
     options.domain = GRID_DOMAIN;
-    options.certificate = authority_.issue_server({GRID_DOMAIN});
+    options.certificate = authority_.server(GRID_DOMAIN);
     options.publishers = std::move(publishers);
     options.on_stanza = serve;
     server_ = std::make_unique<FakeServer>(options);
-    const test_support::Credentials client = authority_.issue_client("alice", GRID_DOMAIN);
+    const testpeer::Credentials client = authority_.client("alice", GRID_DOMAIN);
     quillon_config *config = nullptr;
     ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_create(&config));
     config_.reset(config);
@@ -88,7 +88,7 @@ class MessagingSession : public testing::Test {
   }
 
   test_support::QuillonLogCapture log_;
-  test_support::TestAuthority authority_;
+  testpeer::CertificateAuthority authority_;
   std::unique_ptr<FakeServer> server_;
   std::unique_ptr<quillon_config, ConfigDestroy> config_;
   test_support::Connection connection_;

@@ -9,13 +9,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <qlk/testpeer/certificates.hpp>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "server_socket.h"
-#include "test_certificates.h"
 #include "xml_stream.h"
 
 namespace test_support {
@@ -51,8 +51,8 @@ class FakeServer {
 
   struct Options {
     std::string domain = "grid.test";
-    Credentials certificate;       // of the server
-    std::string client_authority;  // a file: the client's certificate must chain to it; "": any or none will do
+    testpeer::Credentials certificate;  // of the server
+    std::string client_authority;       // a file: the client's certificate must chain to it; "": any or none will do
     std::map<Stage, Fault> faults;
 
     bool offers_starttls = true;

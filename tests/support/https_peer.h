@@ -7,13 +7,13 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <qlk/testpeer/certificates.hpp>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "server_socket.h"
-#include "test_certificates.h"
 
 namespace test_support {
 
@@ -25,8 +25,8 @@ class HttpsPeer {
   enum class Silence { none, before_tls, before_answer };
 
   struct Options {
-    Credentials certificate;       // of the service
-    std::string client_authority;  // a file: the client's certificate must chain to it
+    testpeer::Credentials certificate;  // of the service
+    std::string client_authority;       // a file: the client's certificate must chain to it
     Silence silence = Silence::none;
     // Answers one request, on the connection's thread; the connection ends when it returns.
     std::function<void(Exchange &)> answer;

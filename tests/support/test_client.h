@@ -11,12 +11,11 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <qlk/testpeer/certificates.hpp>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
-
-#include "test_certificates.h"
 
 struct event_base;
 
@@ -44,7 +43,7 @@ class LoopThread {
 struct ClientSettings {
   std::string domain = "grid.test";
   std::string user_jid = "user@grid.test/qlk";
-  Credentials certificate;                                 // of the client
+  testpeer::Credentials certificate;                       // of the client
   std::string authority;                                   // a file: whom it trusts; "": it does not verify
   std::function<void(wb_tls_session *session)> on_accept;  // asked about a server that was not verified; empty: accepts it
   std::vector<std::string> mechanisms = {"EXTERNAL"};

@@ -151,11 +151,13 @@ const EndCase kEndCases[] = {
     {"SilentInSasl", falls_silent(Stage::sasl), "disconnected", kShort, 0},
     {"SilentInBinding", falls_silent(Stage::bind), "disconnected", kShort, 0},
     {"NoStartTls", [](auto &options) { options.offers_starttls = false; }},
-    {"OtherAuthority", shows([](Identities &all) { return all.other_authority.issue_server({"grid.test"}); })},
-    {"Expired", shows([](Identities &all) { return all.authority.issue_server({"grid.test"}, -1); })},
-    {"OtherName", shows([](Identities &all) { return all.authority.issue_server({"other.test"}); })},
-    {"NameOfASubdomain", shows([](Identities &all) { return all.authority.issue_server({"a.grid.test"}); })},
-    {"OtherAddress", shows([](Identities &all) { return all.authority.issue_server({"127.0.0.2"}); })},
+    {"OtherAuthority", shows([](Identities &all) { return all.other_authority.server("grid.test"); })},
+    {"Expired", shows([](Identities &all) {
+       return all.authority.server({.names = {"grid.test"}, .validity = testpeer::Validity::expired});
+     })},
+    {"OtherName", shows([](Identities &all) { return all.authority.server("other.test"); })},
+    {"NameOfASubdomain", shows([](Identities &all) { return all.authority.server("a.grid.test"); })},
+    {"OtherAddress", shows([](Identities &all) { return all.authority.server({.addresses = {"127.0.0.2"}}); })},
     {"CertificateOfAClient", shows([](Identities &all) { return all.client; })},
     {"OldTls", [](auto &options) { options.max_tls_version = TLS1_1_VERSION; }},
     {"ClientCertificateRefused",
@@ -238,7 +240,7 @@ TEST(ClientEnds, ASilentLinkIsProbed) {
 TEST(ClientEnds, TheProbeIsWellFormedWhateverTheDomainIs) {
   FakeServer::Options options = server_options();
   options.domain = "grid'\"<&>.test";
-  options.certificate = Identities::get().authority.issue_server({"127.0.0.1"});
+  options.certificate = Identities::get().authority.server({.addresses = {"127.0.0.1"}});
   const FakeServer server(std::move(options));
   test_support::ClientSettings settings = client_settings({{"idle_probe_seconds", "1"}});
   settings.domain = server.options().domain;

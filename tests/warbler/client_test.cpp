@@ -45,7 +45,7 @@ const PeculiarCase kPeculiarCases[] = {
     {"OlderTls", [](auto &options) { options.max_tls_version = TLS1_2_VERSION; }},
     {"CertificateOfTheDialledHost",
      [](auto &options) {
-       options.certificate = Identities::get().authority.issue_server({"other.test", "127.0.0.1"});
+       options.certificate = Identities::get().authority.server({.names = {"other.test"}, .addresses = {"127.0.0.1"}});
      }},
     {"ManyMechanisms",
      [](auto &options) {

@@ -12,13 +12,12 @@
 
 namespace client_test {
 
-using test_support::Credentials;
 using test_support::Element;
 using test_support::FakeServer;
 using test_support::Fault;
 using test_support::Stage;
-using test_support::TestAuthority;
 using test_support::TestClient;
+using testpeer::Credentials;
 
 constexpr char kJid[] = "user@grid.test/qlk";
 constexpr char kConnected[] = "connected user@grid.test/qlk";
@@ -26,9 +25,9 @@ constexpr char kConnected[] = "connected user@grid.test/qlk";
 using Records = std::vector<std::string>;  // what a client has noted
 
 struct Identities {
-  TestAuthority authority{"The Grid's Authority"}, other_authority{"Another Authority"};
-  Credentials server = authority.issue_server({"grid.test"});
-  Credentials client = authority.issue_client("user", "grid.test");
+  testpeer::CertificateAuthority authority{"The Grid's Authority"}, other_authority{"Another Authority"};
+  Credentials server = authority.server("grid.test");
+  Credentials client = authority.client("user", "grid.test");
 
   static Identities &get() {
     static Identities identities;

@@ -8,13 +8,18 @@
 #include <cstdio>
 #include <functional>
 #include <ostream>
+#include <qlk/testpeer/certificates.hpp>
 
 #include "oom.h"
-#include "test_certificates.h"
 
 namespace {
 
 using Prepare = std::function<void(SSL_CTX *)>;
+
+struct CertificateFree {
+  void operator()(X509 *certificate) const { X509_free(certificate); }
+};
+using CertificatePtr = std::unique_ptr<X509, CertificateFree>;
 
 struct StoreFree {
   void operator()(X509_STORE_CTX *store) const { X509_STORE_CTX_free(store); }
@@ -32,14 +37,14 @@ wb::SslPtr make_tls(const Prepare &prepare, const wb::ExpectedNames &names) {
 
 void verify_peer(SSL_CTX *context) { SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr); }
 
-test_support::CertificatePtr read_certificate(const std::string &path) {
+CertificatePtr read_certificate(const std::string &path) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "rb"), std::fclose);
-  return test_support::CertificatePtr(file != nullptr ? PEM_read_X509(file.get(), nullptr, nullptr, nullptr) : nullptr);
+  return CertificatePtr(file != nullptr ? PEM_read_X509(file.get(), nullptr, nullptr, nullptr) : nullptr);
 }
 
 // What the check within the handshake says of a chain's first certificate that OpenSSL has found to be good. It misses the nth
 // allocation.
-bool accepts(const wb::SslPtr &ssl, const test_support::CertificatePtr &certificate, [[maybe_unused]] long nth = 0) {
+bool accepts(const wb::SslPtr &ssl, const CertificatePtr &certificate, [[maybe_unused]] long nth = 0) {
   const std::unique_ptr<X509_STORE_CTX, StoreFree> store(X509_STORE_CTX_new());
   X509_STORE_CTX_init(store.get(), nullptr, certificate.get(), nullptr);
   X509_STORE_CTX_set_ex_data(store.get(), SSL_get_ex_data_X509_STORE_CTX_idx(), ssl.get());
@@ -61,9 +66,9 @@ bool forget_names(const wb::SslPtr &ssl, const wb::ExpectedNames &names) {
 }
 
 struct Fixture {
-  test_support::TestAuthority authority;
-  test_support::CertificatePtr right = read_certificate(authority.issue_server({"grid.test"}).certificate);
-  test_support::CertificatePtr wrong = read_certificate(authority.issue_server({"other.test"}).certificate);
+  testpeer::CertificateAuthority authority;
+  CertificatePtr right = read_certificate(authority.server("grid.test").certificate);
+  CertificatePtr wrong = read_certificate(authority.server("other.test").certificate);
 };
 
 TEST(Tls, AServerWhoseNameCannotBeCheckedIsRefused) {
