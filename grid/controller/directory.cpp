@@ -1,6 +1,7 @@
 #include "directory.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "jid.h"
 #include "notifications.h"
@@ -16,12 +17,18 @@ constexpr unsigned kPingSeconds = 5;
 
 void Directory::arrive(const std::string &jid) {
   leave(jid);  // a session that ended unnoticed
+  note_present(jid);
+}
+
+void Directory::note_present(const std::string &jid) {
   unsure_.erase(jid);
-  present_.insert(jid);
+  if (present_.insert(jid).second) store_.run("INSERT OR IGNORE INTO sessions VALUES (?)", {jid});
 }
 
 void Directory::leave(const std::string &jid) {
   present_.erase(jid);
+  unsure_.erase(jid);
+  store_.run("DELETE FROM sessions WHERE jid = ?", {jid});
   const auto subscribers = store_.rows(
       "SELECT DISTINCT s.jid FROM subscriptions s JOIN publications p ON p.capability = s.capability WHERE p.jid = ?1 AND "
       "p.active = 1 "
@@ -41,7 +48,8 @@ void Directory::lose_sight() {
 
 void Directory::recover() {
   for (const Store::Row &row :
-       store_.rows("SELECT jid FROM publications WHERE active = 1 UNION SELECT jid FROM subscriptions WHERE active = 1")) {
+       store_.rows("SELECT jid FROM publications WHERE active = 1 UNION SELECT jid FROM subscriptions WHERE active = 1 UNION "
+                   "SELECT jid FROM sessions")) {
     const std::string jid = row[0];
     unsure_.insert(jid);
     Stanza ping = make_iq("get", jid);
@@ -209,8 +217,9 @@ size_t Directory::subscriber_count(const std::string &capability) const {
 
 std::vector<std::string> Directory::sessions(const std::string &user) const {
   std::vector<std::string> jids;
-  for (const std::string &jid : present_) {
-    if (user_name_of(jid) == user) jids.push_back(jid);
+  for (const auto *some : {&present_, &unsure_}) {
+    std::copy_if(some->begin(), some->end(), std::back_inserter(jids),
+                 [&](const std::string &jid) { return user_name_of(jid) == user; });
   }
   return jids;
 }

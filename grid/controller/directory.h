@@ -33,10 +33,10 @@ class Directory {
   void arrive(const std::string &jid);
   void leave(const std::string &jid);
   // A request shows that the client is present.
-  void note_present(const std::string &jid) { present_.insert(jid); }
+  void note_present(const std::string &jid);
   // The controller's own session ended: nobody can be seen.
   void lose_sight();
-  // After it began: asks every client that was active whether it is still there, and puts out whom a
+  // After it began: asks every client that was there whether it still is, and puts out whom a
   // decision of the meantime concerns.
   void recover();
 
@@ -51,6 +51,7 @@ class Directory {
   std::vector<std::string> publishers(const std::string &capability) const;
   std::map<std::string, std::vector<std::string>> all_publishers() const;  // by capability
   size_t subscriber_count(const std::string &capability) const;
+  // Those too that were asked by recover and have not answered yet.
   std::vector<std::string> sessions(const std::string &user) const;
   const std::set<std::string> &present() const { return present_; }
 

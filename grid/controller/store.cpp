@@ -10,7 +10,8 @@ namespace controller {
 namespace {
 
 // active tells that the client announced it in its present session; dynamic, that it did so in the dynamic form at least once.
-// allowed is 0 where an administrator forbade what is otherwise open. A token is kept as its hash only.
+// sessions holds whom to ask whether they are still there when the controller was away. allowed is 0 where an administrator
+// forbade what is otherwise open. A token is kept as its hash only.
 constexpr char kSchema[] = R"(
 PRAGMA journal_mode = WAL;
 PRAGMA synchronous = NORMAL;
@@ -25,6 +26,7 @@ CREATE TABLE IF NOT EXISTS subscriptions (jid TEXT NOT NULL, user TEXT NOT NULL,
   active INTEGER NOT NULL, PRIMARY KEY (jid, capability));
 CREATE TABLE IF NOT EXISTS rights (user TEXT NOT NULL, capability TEXT NOT NULL, operation TEXT NOT NULL, allowed INTEGER NOT NULL,
   PRIMARY KEY (user, capability, operation));
+CREATE TABLE IF NOT EXISTS sessions (jid TEXT PRIMARY KEY);
 CREATE TABLE IF NOT EXISTS tokens (hash TEXT PRIMARY KEY, user TEXT NOT NULL);
 INSERT OR IGNORE INTO capabilities VALUES ('CoreCapability', '1.0', 'Tells of changes to the registered capabilities', '', 1);
 )";

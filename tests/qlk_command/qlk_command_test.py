@@ -123,6 +123,16 @@ class Connect(Case):
         self.grid.run("approve", "wim")
         self.assertEqual(0, waiting.wait())
         self.assertIn("account    approved\n", waiting.out)
+
+    def test_an_account_that_waits_while_the_controller_is_started_again(self):
+        waiting = self.start(self.grid.enroll("kim")[2], "connect")
+        waiting.until(waiting.out, "waits for an administrator")
+        self.grid.restart_controller()
+        self.grid.run("approve", "kim")
+        self.assertEqual(0, waiting.wait())
+        self.assertIn("account    approved\n", waiting.out)
+
+    def test_the_end_while_an_account_waits(self):
         for number, code in ((signal.SIGINT, 130), (signal.SIGTERM, 143)):
             asking = self.start(self.grid.enroll(f"wim{code}")[2], "token")
             asking.until(asking.err, "waits for an administrator")

@@ -1,5 +1,7 @@
 """For tests that run programs as their users do: a grid of the test's own, and a program in the background."""
 import contextlib
+import json
+import os
 import pathlib
 import re
 import shlex
@@ -30,6 +32,11 @@ class Grid:
         if done.returncode != 0:
             raise AssertionError(f"quillon-grid {arguments}: {done.stdout}{done.stderr}")
         return done.stdout
+
+    def restart_controller(self):
+        """It dies without a word, and is brought back beside the running server."""
+        os.kill(json.loads(pathlib.Path(self.folder, "grid.json").read_text(encoding="utf-8"))["controller"]["pid"], signal.SIGKILL)
+        self.run("up")
 
     def enroll(self, user, *arguments):
         """Returns the paths of certificate, key and profile."""
