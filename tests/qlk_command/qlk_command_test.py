@@ -145,7 +145,7 @@ class Connect(Case):
         profile = self.grid.member("ann")
         with socket.create_server(("127.0.0.1", 0)) as closed:
             nobody = f"127.0.0.1:{closed.getsockname()[1]}"
-        self.assertIn(f"cannot connect to {nobody}", self.qlk(profile, "connect", "--host", nobody, code=2)[1])
+        self.assertIn(f"cannot connect to {nobody}: Connection refused", self.qlk(profile, "connect", "--host", nobody, code=2)[1])
         self.assertIn("cannot resolve", self.qlk(profile, "connect", "--host", "nothing.invalid", code=2)[1])
         self.assertIn("is no host", self.qlk(profile, "connect", "--host", "127.0.0.1:99999", code=1)[1])
         other = profile.parent / "certificate.pem"

@@ -121,7 +121,11 @@ void Session::on_resolved(AddressList addresses, int error) {
 
 void Session::on_connected(int fd, const std::string &text) {
   gate_->bury(std::move(connector_));
-  if (fd < 0) return end(WB_ERR_SOCKET_CONNECT, "cannot connect to " + options_.host_text + ": " + text);
+  if (fd < 0) {
+    const std::string host = options_.host_text + ": ";
+    const bool is_named = text.compare(0, host.size(), host) == 0;  // a host in numbers is the address that failed
+    return end(WB_ERR_SOCKET_CONNECT, "cannot connect to " + (is_named ? "" : host) + text);
+  }
   wb_log(WB_LOG_VERBOSE, "connected to %s", text.c_str());
   link_ = Link::take_over(fd);
   address_ = text;
