@@ -8,11 +8,11 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <qlk/testpeer/peer.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "fake_server.h"
 #include "grid_objects.h"
 #include "quillon_connection.h"
 #include "quillon_grid.h"
@@ -21,8 +21,8 @@
 
 namespace qlk_test {
 
-using test_support::Element;
-using test_support::FakeServer;
+using testpeer::Element;
+using testpeer::ScriptedPeer;
 using Statuses = std::vector<QUILLON_STATUS>;
 
 // A result that comes from another thread.
@@ -77,13 +77,13 @@ class ConnectionFixture : public testing::Test {
   quillon_connection *raw() { return connection_.get(); }
 
   // Makes the server and sets it as the only host.
-  void serve(FakeServer::Options options = {}) {
+  void serve(testpeer::Options options = {}) {
     options.domain = GRID_DOMAIN;
     options.certificate = authority_->server(GRID_DOMAIN);
-    if (!options.on_stanza) {
-      options.on_stanza = [this](FakeServer::Session &session, const Element &stanza) { on_stanza(session, stanza); };
-    }
-    server_ = std::make_unique<FakeServer>(std::move(options));
+    options.act_as_controller = true;
+    options.controller = CONTROLLER_JID;
+    options.on_stanza = [this](testpeer::Connection &link, const Element &stanza) { return decide_on_account(link, stanza); };
+    server_ = std::make_unique<ScriptedPeer>(std::move(options));
     quillon_config_set_host(config_.get(), server_->host().c_str());
   }
 
@@ -94,11 +94,12 @@ class ConnectionFixture : public testing::Test {
   }
 
   void update_account(const std::string &state) {
-    server_->send_to_all("<message from='" CONTROLLER_JID
-                         "'><grid xmlns='quillon' type='notification'><connectionUpdateNotification xmlns='" GRID_NS
-                         "'><status>" +
-                         state + "</status></connectionUpdateNotification></grid></message>");
+    server_->notify("<connectionUpdateNotification xmlns='" GRID_NS "'><status>" + state +
+                    "</status></connectionUpdateNotification>");
   }
+
+  // The server ends the session in order.
+  void end_session() { server_->newest()->close_stream(); }
 
   QUILLON_STATUS connect() { return quillon_connection_connect(raw()); }
   bool wait_until_pending() {
@@ -117,7 +118,7 @@ class ConnectionFixture : public testing::Test {
   const test_support::QuillonLogCapture log_;
   Config config_;
   test_support::Connection connection_;
-  std::unique_ptr<FakeServer> server_;
+  std::unique_ptr<ScriptedPeer> server_;
 
  private:
   inline static std::unique_ptr<testpeer::CertificateAuthority> authority_;
@@ -147,21 +148,18 @@ class ConnectionFixture : public testing::Test {
     if (fixture.in_connect_cb_) fixture.in_connect_cb_();
   }
 
-  void on_stanza(FakeServer::Session &session, const Element &stanza) {
+  bool decide_on_account(testpeer::Connection &link, const Element &stanza) {
     const Element *grid = stanza.child("grid");
-    if (grid == nullptr || grid->children.empty() || grid->children.front().name != "connectRequest") {
-      if (!session.answer_ping(stanza)) session.answer_as_controller(stanza);
-      return;
-    }
+    if (grid == nullptr || grid->children.empty() || grid->children.front().local != "connectRequest") return false;
     std::string approval;
     {
       const std::lock_guard lock(mutex_);
       approval = approval_;
     }
-    if (approval.empty()) return;
-    session.send("<iq type='result' id='" + stanza.attribute("id") + "' from='" CONTROLLER_JID "' to='" + session.jid() +
-                 "'><grid xmlns='quillon' type='response'><connectResponse xmlns='" GRID_NS "'>" + approval +
-                 "</connectResponse></grid></iq>");
+    if (approval.empty()) return true;
+    const std::string response = "<connectResponse xmlns='" GRID_NS "'>" + approval + "</connectResponse>";
+    link.reply(stanza, {.payload = "<grid xmlns='quillon' type='response'>" + response + "</grid>"});
+    return true;
   }
 
   mutable std::mutex mutex_;

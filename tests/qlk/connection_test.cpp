@@ -13,20 +13,13 @@ using qlk_test::kDenied;
 using qlk_test::kPending;
 using qlk_test::run_aside;
 using qlk_test::Statuses;
-using test_support::Element;
-using test_support::FakeServer;
-using test_support::Fault;
-using test_support::Stage;
 using test_support::wait_for;
+using testpeer::Element;
 
 class ConnectionTest : public ConnectionFixture {
  protected:
   // A server that stops talking before the session is up.
-  void serve_silence() {
-    FakeServer::Options options;
-    options.faults[Stage::sasl] = {Fault::Kind::silent, ""};
-    serve(options);
-  }
+  void serve_silence() { serve({.faults = {{testpeer::Stage::sasl, testpeer::Fault::silent()}}}); }
 };
 
 TEST(ConnectionArguments, NullIsRefusedByAllAndDestroyedByNothing) {
@@ -221,8 +214,8 @@ class SessionEndTest : public ConnectionTest, public testing::WithParamInterface
 TEST_P(SessionEndTest, IsTold) {
   serve();
   ASSERT_EQ(QUILLON_STATUS_OK, connect());
-  server_->send_to_all(std::string("<stream:error><") + GetParam().condition +
-                       " xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error></stream:stream>");
+  server_->send(std::string("<stream:error><") + GetParam().condition +
+                " xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error></stream:stream>");
   EXPECT_TRUE(wait_for([this] { return !raw()->is_xmpp_connected; }));
   EXPECT_EQ(Statuses{GetParam().status}, seen().disconnected);
   EXPECT_EQ(QUILLON_CONNECTION_STATE_DISCONNECTED, raw()->state_enum);
@@ -355,7 +348,7 @@ TEST_F(ConnectionTest, TheDisconnectCallbackMayDestroyIt) {
     connection_.reset();
     destroyed = true;
   };
-  server_->close_all();
+  end_session();
   EXPECT_TRUE(wait_for([&] { return destroyed.load(); }));
 }
 
@@ -365,7 +358,7 @@ TEST_F(ConnectionTest, TheDisconnectCallbackMayDestroyItUnderAConnect) {
   auto connecting = run_aside([connection = raw()] { return quillon_connection_connect(connection); });
   ASSERT_TRUE(wait_until_pending());
   in_disconnect_cb_ = [this](QUILLON_STATUS) { connection_.reset(); };
-  server_->close_all();
+  end_session();
   ASSERT_TRUE(is_done(connecting));
   EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, connecting.get());
 }
@@ -389,7 +382,7 @@ TEST_F(ConnectionTest, OnTheEventLoopNothingWaitsForIt) {
         quillon_connection_query_controller(raw(), test_support::parse("<ask xmlns='urn:x'/>").release(), &response);
     done.set_value({asked, connect(), quillon_connection_disconnect(raw())});
   };
-  server_->close_all();
+  end_session();
   auto statuses = done.get_future();
   ASSERT_EQ(std::future_status::ready, statuses.wait_for(std::chrono::seconds(4)));
   EXPECT_EQ((Statuses{QUILLON_STATUS_SEND_ERROR, QUILLON_STATUS_CONNECTION_ERROR, QUILLON_STATUS_OK}), statuses.get());
@@ -397,8 +390,7 @@ TEST_F(ConnectionTest, OnTheEventLoopNothingWaitsForIt) {
 }
 
 TEST_F(ConnectionTest, WithoutATlsCallbackTheServerIsAsked) {
-  FakeServer::Options options;
-  serve(options);
+  serve();
   quillon_connection_set_ssl_ctx_cb(raw(), nullptr);
   EXPECT_EQ(QUILLON_STATUS_OK, connect());
   EXPECT_EQ(1u, log_.count_exact("User call back (ssl_ctx_cb) is not registered"));
@@ -420,7 +412,7 @@ TEST_F(ConnectionTest, TheProcessMayEndWhileItIsConnected) {
     serve();
     in_disconnect_cb_ = [](QUILLON_STATUS) { std::exit(0); };
     if (connect() != QUILLON_STATUS_OK) std::_Exit(1);
-    server_->close_all();
+    end_session();
     std::promise<void>().get_future().wait_for(std::chrono::seconds(20));
     std::_Exit(2);
   };
@@ -459,13 +451,11 @@ TEST_F(ConnectionTest, TheCapabilityQueriesAskTheController) {
   EXPECT_EQ(QUILLON_STATUS_UNKNOWN, quillon_connection_query_capability_status(raw(), nullptr, "1.0", &response));
   EXPECT_EQ(1u, log_.count_exact("Invalid capability name"));
   const auto asked = [&](const char *name) {
-    Element stanza;
-    EXPECT_TRUE(server_->wait_for_stanza(
-        [&](const Element &seen) {
-          const Element *grid = seen.child("grid");
-          return grid != nullptr && !grid->children.empty() && grid->children[0].name == name;
-        },
-        &stanza));
+    const auto is_it = [&](const Element &seen) {
+      const Element *grid = seen.child("grid");
+      return grid != nullptr && !grid->children.empty() && grid->children[0].local == name;
+    };
+    const Element stanza = server_->wait_for_stanza(is_it, std::chrono::seconds(20)).value();
     EXPECT_EQ(CONTROLLER_JID, stanza.attribute("to"));
     return stanza.child("grid")->children.at(0).xml();
   };

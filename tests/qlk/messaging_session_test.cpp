@@ -3,9 +3,9 @@
 
 #include <atomic>
 #include <functional>
+#include <qlk/testpeer/peer.hpp>
 #include <thread>
 
-#include "fake_server.h"
 #include "grid_objects.h"
 #include "quillon_grid.h"
 #include "quillon_log_capture.h"
@@ -13,33 +13,26 @@
 
 namespace {
 
-using test_support::Element;
-using test_support::FakeServer;
 using test_support::Node;
 using test_support::parse;
 using test_support::wait_for;
+using testpeer::Element;
 
 constexpr char kSilent[] = "silent@" GRID_DOMAIN "/qlk", kFailing[] = "failing@" GRID_DOMAIN "/qlk",
                kGood[] = "good@" GRID_DOMAIN "/qlk";
 
-std::string reply(const Element &request, const char *type, const std::string &content) {
-  return "<iq xmlns='jabber:client' id='" + request.attribute("id") + "' from='" + request.attribute("to") + "' to='" +
-         request.attribute("from") + "' type='" + type + "'>" + content + "</iq>";
-}
+constexpr std::chrono::seconds kSoon(20);
 
-std::string notification(const std::string &payload) {
-  return "<message xmlns='jabber:client' from='" CONTROLLER_JID "'><grid xmlns='quillon' type='notification'>" + payload +
-         "</grid></message>";
+auto sent_to(const char *jid) {
+  return [jid](const Element &stanza) { return stanza.attribute("to") == jid; };
 }
 
 // The publishers answer each in its own way.
-void serve(FakeServer::Session &session, const Element &stanza) {
+bool serve(testpeer::Connection &link, const Element &stanza) {
   const std::string to = stanza.attribute("to");
-  if (to == kSilent) return;
-  if (to == kFailing) return session.send(reply(stanza, "error", "<error type='cancel'/>"));
-  if (to == kGood)
-    return session.send(reply(stanza, "result", "<grid xmlns='quillon' type='response'><answer xmlns='urn:x'/></grid>"));
-  if (!session.answer_ping(stanza)) session.answer_as_controller(stanza);
+  if (to == kFailing) link.reply(stanza, {.error = "item-not-found"});
+  if (to == kGood) link.reply(stanza, {.payload = "<grid xmlns='quillon' type='response'><answer xmlns='urn:x'/></grid>"});
+  return to == kSilent || to == kFailing || to == kGood;
 }
 
 void call_notified(wb_dom_node *payload, void *arg) { (*static_cast<std::function<void(wb_dom_node *)> *>(arg))(payload); }
@@ -52,12 +45,12 @@ struct ConfigDestroy {
 class MessagingSession : public testing::Test {
  protected:
   void connect(std::vector<std::string> publishers) {
-    FakeServer::Options options;
-    options.domain = GRID_DOMAIN;
-    options.certificate = authority_.server(GRID_DOMAIN);
-    options.publishers = std::move(publishers);
-    options.on_stanza = serve;
-    server_ = std::make_unique<FakeServer>(options);
+    server_ = std::make_unique<testpeer::ScriptedPeer>(testpeer::Options{.domain = GRID_DOMAIN,
+                                                                         .certificate = authority_.server(GRID_DOMAIN),
+                                                                         .on_stanza = serve,
+                                                                         .act_as_controller = true,
+                                                                         .controller = CONTROLLER_JID,
+                                                                         .publishers = std::move(publishers)});
     const testpeer::Credentials client = authority_.client("alice", GRID_DOMAIN);
     quillon_config *config = nullptr;
     ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_create(&config));
@@ -83,13 +76,12 @@ class MessagingSession : public testing::Test {
 
   size_t asked(const char *jid) const {
     const auto stanzas = server_->stanzas();
-    return static_cast<size_t>(
-        std::count_if(stanzas.begin(), stanzas.end(), [&](const Element &stanza) { return stanza.attribute("to") == jid; }));
+    return static_cast<size_t>(std::count_if(stanzas.begin(), stanzas.end(), sent_to(jid)));
   }
 
   test_support::QuillonLogCapture log_;
   testpeer::CertificateAuthority authority_;
-  std::unique_ptr<FakeServer> server_;
+  std::unique_ptr<testpeer::ScriptedPeer> server_;
   std::unique_ptr<quillon_config, ConfigDestroy> config_;
   test_support::Connection connection_;
 };
@@ -104,9 +96,7 @@ TEST_F(MessagingSession, AQueryFindsThePublisherThatAnswers) {
   EXPECT_EQ(1U, asked(kSilent));
   EXPECT_EQ(1U, asked(kFailing));
   EXPECT_EQ(2U, asked(kGood));
-  Element request;
-  ASSERT_TRUE(server_->wait_for_stanza([](const Element &stanza) { return stanza.attribute("to") == kGood; }, &request));
-  EXPECT_EQ("alice@" GRID_DOMAIN "/qlk", request.attribute("from"));
+  EXPECT_EQ("alice@" GRID_DOMAIN "/qlk", server_->wait_for_stanza(sent_to(kGood), kSoon).value().attribute("from"));
 }
 
 TEST_F(MessagingSession, SixteenThreadsAsk) {
@@ -130,11 +120,11 @@ TEST_F(MessagingSession, ARequestIsAnsweredAndANotificationDispatched) {
   std::function<void(wb_dom_node *)> handler = [&](wb_dom_node *) { ++notified; };
   quillon_connection_register_query_handler(connection_.get(), "urn:x", "ask", answer, nullptr);
   quillon_connection_register_notification_handler(connection_.get(), "urn:x", "n", call_notified, &handler);
-  server_->send_to_all("<iq xmlns='jabber:client' type='get' id='q1' from='" + std::string(kGood) +
-                       "' to='alice@" GRID_DOMAIN "/qlk'><grid xmlns='quillon' type='request'><ask xmlns='urn:x'/></grid></iq>" +
-                       notification("<n xmlns='urn:x'/>"));
-  Element response;
-  ASSERT_TRUE(server_->wait_for_stanza([](const Element &stanza) { return stanza.attribute("id") == "q1"; }, &response));
+  server_->send("<iq xmlns='jabber:client' type='get' id='q1' from='" + std::string(kGood) +
+                "' to='alice@" GRID_DOMAIN "/qlk'><grid xmlns='quillon' type='request'><ask xmlns='urn:x'/></grid></iq>");
+  server_->notify("<n xmlns='urn:x'/>");
+  const auto is_response = [](const Element &stanza) { return stanza.attribute("id") == "q1"; };
+  const Element response = server_->wait_for_stanza(is_response, kSoon).value();
   EXPECT_EQ(kGood, response.attribute("to"));
   EXPECT_EQ("result", response.attribute("type"));
   ASSERT_NE(nullptr, response.child("grid"));
@@ -148,8 +138,8 @@ TEST_F(MessagingSession, ANotificationReachesTheService) {
   connect({});
   EXPECT_EQ(QUILLON_STATUS_OK,
             quillon_connection_notify(connection_.get(), capability.get(), parse("<n xmlns='urn:x'/>").release()));
-  Element publish;
-  ASSERT_TRUE(server_->wait_for_stanza([](const Element &stanza) { return stanza.child("pubsub") != nullptr; }, &publish));
+  const auto is_for_service = [](const Element &stanza) { return stanza.child("pubsub") != nullptr; };
+  const Element publish = server_->wait_for_stanza(is_for_service, kSoon).value();
   EXPECT_EQ(PUBSUB_JID, publish.attribute("to"));
   EXPECT_EQ("C-1.0", publish.child("pubsub")->children.at(0).attribute("node"));
 }
@@ -165,7 +155,7 @@ TEST_F(MessagingSession, AHandlerMayQueryAndThenDestroyTheConnection) {
     destroyed = true;
   };
   quillon_connection_register_notification_handler(connection_.get(), "urn:x", "n", call_notified, &handler);
-  server_->send_to_all(notification("<n xmlns='urn:x'/>"));
+  server_->notify("<n xmlns='urn:x'/>");
   EXPECT_TRUE(wait_for([&] { return destroyed.load(); }));
 }
 
@@ -175,8 +165,8 @@ TEST_F(MessagingSession, AQueryThatWaitsEndsWhenTheSessionDoes) {
   quillon_config_set_send_timeout_seconds(config_.get(), 60);
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_capability_subscribe(capability.get(), connection_.get()));
   std::thread closer([&] {
-    EXPECT_TRUE(server_->wait_for_stanza([](const Element &stanza) { return stanza.attribute("to") == kSilent; }));
-    server_->close_all();
+    EXPECT_TRUE(server_->wait_for_stanza(sent_to(kSilent), kSoon));
+    server_->newest()->close_stream();
   });
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, ask(capability.get()));

@@ -11,9 +11,6 @@ using qlk_test::ConnectionFixture;
 using qlk_test::kApproved;
 using qlk_test::kPending;
 using qlk_test::Statuses;
-using test_support::FakeServer;
-using test_support::Fault;
-using test_support::Stage;
 using test_support::wait_for;
 
 class ReconnectionTest : public ConnectionFixture {
@@ -64,7 +61,7 @@ TEST_F(ReconnectionTest, ConnectsAtOnceAndAgainUntilItIsStopped) {
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
   ASSERT_TRUE(wait_for([this] { return seen().connected == 1; }));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));  // runs already
-  server_->close_all();
+  end_session();
   ASSERT_TRUE(wait_for([this] { return seen().connected == 2; }));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_stop(reconnection_));
   EXPECT_TRUE(wait_for_exits(1));
@@ -99,9 +96,7 @@ TEST_F(ReconnectionTest, StopEndsAConnectThatIsPending) {
 }
 
 TEST_F(ReconnectionTest, DestroyEndsAConnectToASilentServer) {
-  FakeServer::Options options;
-  options.faults[Stage::features] = {Fault::Kind::silent, ""};
-  serve(options);
+  serve({.faults = {{testpeer::Stage::features, testpeer::Fault::silent()}}});
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
   ASSERT_TRUE(wait_for([this] { return server_->connections() == 1; }));
   destroy();
@@ -159,8 +154,7 @@ TEST_F(ReconnectionTest, TheLibrarysThreadsTakeNoSignalsButThoseOfTheirFaults) {
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
   ASSERT_TRUE(wait_for_connected());
   update_account("enabled");
-  server_->send_to_all(
-      "<iq type='get' id='1' from='b@d/qlk'><grid xmlns='quillon' type='request'><ask xmlns='urn:x'/></grid></iq>");
+  server_->send("<iq type='get' id='1' from='b@d/qlk'><grid xmlns='quillon' type='request'><ask xmlns='urn:x'/></grid></iq>");
   EXPECT_TRUE(is_noted("notifications"));
   EXPECT_TRUE(is_noted("request handler"));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_stop(reconnection_));

@@ -6,9 +6,8 @@
 namespace {
 
 using qlk_test::ConnectionFixture;
-using test_support::Element;
-using test_support::FakeServer;
 using test_support::wait_for;
+using testpeer::Element;
 using Clock = std::chrono::steady_clock;
 
 struct DataDestroy {
@@ -105,8 +104,8 @@ TEST_F(SendTest, DestroyingTheConnectionWakesWhoWaits) {
   quillon_config_set_send_timeout_seconds(config_.get(), 60);
   const Data data = make_data();
   auto waiting = qlk_test::run_aside([&] { return quillon_wb_client_send_and_wait(data.get(), make_iq(), &reply_); });
-  ASSERT_TRUE(
-      server_->wait_for_stanza([](const Element &stanza) { return stanza.attribute("to") == "silent@" GRID_DOMAIN "/qlk"; }));
+  const auto is_asked = [](const Element &stanza) { return stanza.attribute("to") == "silent@" GRID_DOMAIN "/qlk"; };
+  ASSERT_TRUE(server_->wait_for_stanza(is_asked, std::chrono::seconds(20)));
   connection_.reset();
   ASSERT_TRUE(qlk_test::is_done(waiting));
   EXPECT_EQ(QUILLON_STATUS_UNKNOWN, waiting.get());
@@ -154,7 +153,7 @@ TEST_F(SendTest, AnAsynchronousSendTellsItsOutcomeOnce) {
   ASSERT_TRUE(unanswered.wait());
   EXPECT_EQ(qlk_test::Statuses{QUILLON_STATUS_SEND_TIMEOUT}, unanswered.statuses);
   qlk::send_async(*raw(), make_iq(), 60, Outcome::on_done, &ended);
-  server_->close_all();
+  end_session();
   ASSERT_TRUE(ended.wait());
   EXPECT_EQ(qlk_test::Statuses{QUILLON_STATUS_SEND_TIMEOUT}, ended.statuses);
 }
