@@ -26,7 +26,9 @@ bool append_item(qlk::ParseData &data, wb_dom_node *item) {
 }
 
 void on_item(wb_dom_node *item, void *arg) {
-  if (append_item(*static_cast<qlk::ParseData *>(arg), item)) return;
+  auto &data = *static_cast<qlk::ParseData *>(arg);
+  if (append_item(data, item)) return;
+  data.lacksItem = true;
   wb_log(WB_LOG_ERROR, "realloc() failed at file %s line %d\n", __FILE__, __LINE__);
   wb_dom_context_destroy(wb_dom_get_context(item));
 }
@@ -57,7 +59,9 @@ void qlk::xmlParserFree(quillon_bulkdownload_iter *iter) {
 qlk::BulkDownloadErrorCode qlk::xmlParse(quillon_bulkdownload_iter *iter) {
   if (iter == nullptr) return eERR_FAILED;
   wb_err err = {};
-  if (wb_item_reader_feed(iter->parser, iter->parseData.chunk, iter->parseData.chunkLength, &err)) return eERR_SUCC;
+  const bool fed = wb_item_reader_feed(iter->parser, iter->parseData.chunk, iter->parseData.chunkLength, &err);
+  if (std::exchange(iter->parseData.lacksItem, false)) return eERR_FAILED;
+  if (fed) return eERR_SUCC;
   wb_log_err(WB_LOG_ERROR, &err, "the response cannot be read");
   wb_log(WB_LOG_ERROR, "XML_Parse() failed at file %s line %d\n", __FILE__, __LINE__);
   return eERR_FAILED;

@@ -25,17 +25,19 @@ struct _ParseData {
   size_t stackLen;
   wb_dom_ctx *pCtx;
   char *text;
-  // Private additions: places in itemsNodesArr; the length of chunk without the zero at its end, and the memory that it lies in.
+  // Private additions: places in itemsNodesArr; the length of chunk without the zero at its end, and the memory that it lies in;
+  // whether there was no place for an item of the chunk.
   size_t arrCapacity;
   size_t chunkLength;
   size_t chunkCapacity;
+  bool lacksItem;
 };
 using ParseData = _ParseData;
 
 BulkDownloadErrorCode xmlParserCreate(quillon_bulkdownload_iter *iter);
 void xmlParserFree(quillon_bulkdownload_iter *iter);
 
-// Parses the chunk; the items that it completes join the batch.
+// Parses the chunk; the items that it completes join the batch. It fails when one of them could not.
 BulkDownloadErrorCode xmlParse(quillon_bulkdownload_iter *iter);
 
 void initParseData(ParseData *data);

@@ -170,6 +170,28 @@ TEST(BulkChunks, WhatTheWriteCallbackKeeps) {
   qlk::initThrdsSharedData(nullptr);
 }
 
+#if QLK_HAS_OOM
+// Whatever allocation fails: the items are all there, or the chunk has failed.
+TEST(BulkChunks, WithoutMemoryNoItemIsLostInSilence) {
+  const std::string text = "<r><c><i/><i/></c></r>";
+  for (long nth = 0; nth <= 40; ++nth) {
+    quillon_bulkdownload_iter iter = {};
+    qlk::initParseData(&iter.parseData);
+    EXPECT_EQ(qlk::eERR_SUCC, qlk::xmlParserCreate(&iter));
+    size_t length = text.size(), capacity = length + 1;
+    char *chunk = strdup(text.c_str());
+    qlk::setChunk(&iter.parseData, chunk, length, capacity);
+    oom::fail_nth(nth);
+    const bool parsed = qlk::xmlParse(&iter) == qlk::eERR_SUCC;
+    oom::fail_nth(0);
+    EXPECT_TRUE(!parsed || iter.parseData.arrLen == 2) << nth << ": " << iter.parseData.arrLen;
+    EXPECT_TRUE(parsed || nth > 0);
+    qlk::cleanParseData(&iter.parseData);
+    qlk::xmlParserFree(&iter);
+  }
+}
+#endif
+
 TEST(BulkChunks, NoIterator) {
   EXPECT_EQ(qlk::eERR_FAILED, qlk::curlInvoke(nullptr));
   EXPECT_EQ(qlk::eERR_FAILED, qlk::curlEnd(nullptr));
