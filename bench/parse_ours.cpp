@@ -43,7 +43,7 @@ struct Reader : wb::StreamParser::Handler {
   void on_stanza(wb_dom_node *stanza) override {
     ++stanzas;
     out.truncate(0);
-    if (writes && !wb::serialize(stanza, "jabber:client", out, nullptr)) bench::fail("a stanza cannot be written");
+    if (writes && !wb::serialize(stanza, wb::stream_namespace(), out, nullptr)) bench::fail("a stanza cannot be written");
   }
 
   const bool writes;

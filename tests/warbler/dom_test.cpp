@@ -343,6 +343,32 @@ TEST(DomContext, ReferencesFromSeveralThreads) {
   for (std::thread &thread : threads) thread.join();
 }
 
+// More names than the process remembers, the same ones in several threads, at one address and in two forms.
+TEST(DomContext, NamesWithoutEndFromSeveralThreads) {
+  const auto build = [] {
+    wb_dom_ctx *context = nullptr;
+    ASSERT_TRUE(wb_dom_context_create(&context, nullptr));
+    for (int i = 0; i < 3000; ++i) {
+      const std::string uri = "urn:many:" + std::to_string(i % 7), local = "name" + std::to_string(i);
+      const std::string ename = "{" + uri + "}" + local;
+      for (const std::string &name : {ename, uri + "|" + local}) {
+        char given[64] = {};
+        name.copy(given, sizeof given - 1);
+        wb_dom_node *element = nullptr;
+        ASSERT_TRUE(wb_dom_element_create(context, given, &element, nullptr));
+        ASSERT_STREQ(ename.c_str(), wb_dom_get_ename(element));
+        ASSERT_TRUE(wb_dom_set_attribute(element, given, "1", nullptr) &&
+                    wb_dom_set_attribute(element, ename.c_str(), "2", nullptr));
+        ASSERT_STREQ("2", wb_dom_get_attribute(element, given));
+      }
+    }
+    wb_dom_context_destroy(context);
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back(build);
+  for (std::thread &thread : threads) thread.join();
+}
+
 #if QLK_HAS_OOM
 TEST(DomParse, SurvivesEveryAllocationFailure) {
   std::string xml = "<r xmlns='urn:r' xmlns:p='urn:p'>";

@@ -51,7 +51,7 @@ class IqSender : public testing::TestWithParam<SenderCase> {};
 
 TEST_P(IqSender, OnlyTheAddresseeMayAnswer) {
   wb::IqTable table;
-  const std::string id = table.make_id();
+  const wb::IqId id = table.make_id();
   table.add(id, GetParam().to, numbered(7), 10s);
   wb::TrackedIq iq{};
   EXPECT_EQ(GetParam().accepted, table.take(id, GetParam().from, kOwn, iq));
@@ -62,7 +62,7 @@ INSTANTIATE_TEST_SUITE_P(Senders, IqSender, testing::ValuesIn(kSenderCases),
 
 TEST(IqTable, AnAnswerIsTakenOnceAndOnlyByItsId) {
   wb::IqTable table;
-  const std::string first = table.make_id(), second = table.make_id();
+  const wb::IqId first = table.make_id(), second = table.make_id();
   table.add(first, "b@g/r", numbered(1), 10s);
   table.add(second, "b@g/r", numbered(2), 10s);
   wb::TrackedIq iq{};
@@ -93,7 +93,7 @@ TEST(IqTable, ExpiryGoesByDeadlineAcrossDifferentTimeouts) {
 
 TEST(IqTable, RemovingFromTheMiddleKeepsTheOrder) {
   wb::IqTable table;
-  std::vector<std::string> ids;
+  std::vector<wb::IqId> ids;
   for (uintptr_t i = 0; i < 100; ++i) {
     ids.push_back(table.make_id());
     table.add(ids.back(), "b@g/r", numbered(i), 10s);
@@ -109,20 +109,20 @@ TEST(IqTable, RemovingFromTheMiddleKeepsTheOrder) {
 // However little memory there is, each IQ is taken out once.
 TEST(IqTable, TakingOutNeedsNoMemory) {
   constexpr uintptr_t kIqs = 1000;  // so many that the table shrinks on the way
-  const auto by_answer = [](wb::IqTable &table, std::vector<std::string> &ids, wb::TrackedIq &iq) {
+  const auto by_answer = [](wb::IqTable &table, std::vector<wb::IqId> &ids, wb::TrackedIq &iq) {
     if (ids.empty()) return false;
     EXPECT_TRUE(table.take(ids.back(), "b@g/r", kOwn, iq));
     ids.pop_back();
     return true;
   };
-  const auto by_expiry = [](wb::IqTable &table, std::vector<std::string> &, wb::TrackedIq &iq) {
+  const auto by_expiry = [](wb::IqTable &table, std::vector<wb::IqId> &, wb::TrackedIq &iq) {
     return table.take_expired(wb::IqTable::Clock::now() + 11s, iq);
   };
-  const auto any = [](wb::IqTable &table, std::vector<std::string> &, wb::TrackedIq &iq) { return table.take_any(iq); };
-  using Take = std::function<bool(wb::IqTable &, std::vector<std::string> &, wb::TrackedIq &)>;
+  const auto any = [](wb::IqTable &table, std::vector<wb::IqId> &, wb::TrackedIq &iq) { return table.take_any(iq); };
+  using Take = std::function<bool(wb::IqTable &, std::vector<wb::IqId> &, wb::TrackedIq &)>;
   for (const Take &take_one : {Take(by_answer), Take(by_expiry), Take(any)}) {
     wb::IqTable table;
-    std::vector<std::string> ids;
+    std::vector<wb::IqId> ids;
     for (uintptr_t i = 0; i < kIqs; ++i) {
       ids.push_back(table.make_id());
       table.add(ids.back(), "b@g/r", numbered(i), 10s);
@@ -145,6 +145,6 @@ TEST(IqTable, TakingOutNeedsNoMemory) {
 TEST(IqTable, IdsDoNotRepeat) {
   wb::IqTable table;
   std::set<std::string> ids;
-  for (int i = 0; i < 10000; ++i) ids.insert(table.make_id());
+  for (int i = 0; i < 10000; ++i) ids.emplace(table.make_id());
   EXPECT_EQ(10000u, ids.size());
 }

@@ -72,7 +72,7 @@ TEST_F(Serializer, PlainTreesNeedNoPrefixes) {
   EXPECT_EQ("<iq xmlns=\"jabber:client\" type=\"get\">" + inner, serialized(iq));
   wb::ByteBuffer out;
   out.append("before ");
-  ASSERT_TRUE(wb::serialize(iq, "jabber:client", out, nullptr));
+  ASSERT_TRUE(wb::serialize(iq, wb::stream_namespace(), out, nullptr));
   EXPECT_EQ("before <iq type=\"get\">" + inner, out.view());
   EXPECT_EQ("<grid xmlns=\"quillon\"><payload xmlns=\"urn:x\"/><plain xmlns=\"\"/><after/></grid>", serialized(grid));
 }
@@ -131,7 +131,7 @@ TEST_F(Serializer, RefusesWhatIsNoXml) {
       EXPECT_EQ(nullptr, xml);
       wb::ByteBuffer out;
       out.append("kept");
-      EXPECT_FALSE(wb::serialize(node, "", out, nullptr));
+      EXPECT_FALSE(wb::serialize(node, wb::no_namespace(), out, nullptr));
       EXPECT_EQ("kept", out.view());
     }
   }

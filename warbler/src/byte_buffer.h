@@ -14,7 +14,11 @@ namespace wb {
 class ByteBuffer {
  public:
   ByteBuffer() = default;
-  ~ByteBuffer() { std::free(data_); }
+  // Begins with room that belongs to the caller and outlives the buffer; what does not fit moves to memory of its own.
+  ByteBuffer(char *room, size_t size) : data_(room), capacity_(size), room_(room) {}
+  ~ByteBuffer() {
+    if (data_ != room_) std::free(data_);
+  }
   ByteBuffer(const ByteBuffer &) = delete;
   ByteBuffer &operator=(const ByteBuffer &) = delete;
 
@@ -27,20 +31,22 @@ class ByteBuffer {
     if (more > capacity_ - size_) enlarge(more);
   }
 
-  void append(const char *bytes, size_t length) {
-    reserve(length);
-    append_reserved(bytes, length);
-  }
+  void append(const char *bytes, size_t length) { end_at(put(room(length), bytes, length)); }
   void append(std::string_view bytes) { append(bytes.data(), bytes.size()); }
   void append(char byte) {
     reserve(1);
     data_[size_++] = byte;
   }
 
-  // For who has reserved the room.
-  void append_reserved(const char *bytes, size_t length) {
-    char *const to = data_ + size_;
-    size_ += length;
+  // Room for so many more bytes, for who writes them himself, from where this points to, and then tells where they end.
+  char *room(size_t more) {
+    reserve(more);
+    return data_ + size_;
+  }
+  void end_at(const char *end) { size_ = static_cast<size_t>(end - data_); }
+
+  // Copies to where there is room; returns the place behind.
+  static char *put(char *to, const char *bytes, size_t length) {
     // Most pieces are names of a few letters, for which a call costs more than the copy.
     if (length > 16) {
       std::memcpy(to, bytes, length);
@@ -51,13 +57,15 @@ class ByteBuffer {
     } else {
       for (size_t i = 0; i < length; ++i) to[i] = bytes[i];
     }
+    return to + length;
   }
-  void append_reserved(char byte) { data_[size_++] = byte; }
+  static char *put(char *to, std::string_view bytes) { return put(to, bytes.data(), bytes.size()); }
 
   // Forgets what was written behind that size; the room stays.
   void truncate(size_t size) { size_ = std::min(size_, size); }
 
-  // The bytes with a zero behind them, to be freed with free(); the buffer is empty afterwards.
+  // The bytes with a zero behind them, to be freed with free(); the buffer is empty afterwards. Not for one with the caller's
+  // room.
   char *release() {
     append('\0');
     char *const bytes = data_;
@@ -79,8 +87,10 @@ class ByteBuffer {
   void enlarge(size_t more) {
     if (more > SIZE_MAX / 4 || size_ > SIZE_MAX / 4) throw std::bad_alloc();
     const size_t capacity = std::max({size_ + more, capacity_ * 2, kSmallest});
-    auto *const memory = static_cast<char *>(std::realloc(data_, capacity));
+    const bool is_room = data_ != nullptr && data_ == room_;
+    auto *const memory = static_cast<char *>(is_room ? std::malloc(capacity) : std::realloc(data_, capacity));
     if (memory == nullptr) throw std::bad_alloc();
+    if (is_room) std::memcpy(memory, data_, size_);
     data_ = memory;
     capacity_ = capacity;
   }
@@ -89,6 +99,7 @@ class ByteBuffer {
   char *data_ = nullptr;
   size_t size_ = 0;
   size_t capacity_ = 0;
+  char *room_ = nullptr;
 };
 
 }  // namespace wb

@@ -14,8 +14,8 @@ constexpr size_t kBufferBytesKept = 64 * 1024;
 // The timer for IQs always waits while the channel is open, for want of a deadline for so long: moving it needs no memory.
 constexpr std::chrono::hours kExpiryIdle{1};
 
-// The stream declares the namespace of stanzas, so they need not.
-constexpr char kStreamNamespace[] = "jabber:client";
+// Stanzas of up to this size are written without asking for memory.
+constexpr size_t kStanzaRoom = 2048;
 
 }  // namespace
 
@@ -76,8 +76,9 @@ void Channel::wake_loop_locked() {
 
 bool Channel::send(wb_dom_node *stanza, wb_err *err) {
   const ContextRef consumed(wb_dom_get_context(stanza));
-  ByteBuffer bytes;
-  if (!serialize(stanza, kStreamNamespace, bytes, err)) return false;
+  char room[kStanzaRoom];
+  ByteBuffer bytes(room, sizeof room);
+  if (!serialize(stanza, stream_namespace(), bytes, err)) return false;
   const std::lock_guard lock(mutex_);
   if (!admit_locked(bytes.size(), err)) return false;
   wake_loop_locked();
@@ -105,36 +106,38 @@ void Channel::end_attendance() {
 
 bool Channel::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err, bool *must_write) {
   const ContextRef consumed(wb_dom_get_context(iq));
-  std::string id;
+  IqId id;
   {
     const std::lock_guard lock(mutex_);
     if (!open_) return WB_FAIL(err, WB_ERR_INVALID_STATE, "not connected");
     id = iqs_.make_id();
   }
   if (!wb_dom_set_attribute(iq, "id", id.c_str(), err)) return false;
-  ByteBuffer bytes;
-  if (!serialize(iq, kStreamNamespace, bytes, err)) return false;
-  const char *to = wb_dom_get_attribute(iq, "to");
+  char room[kStanzaRoom];
+  ByteBuffer bytes(room, sizeof room);
+  if (!serialize(iq, stream_namespace(), bytes, err)) return false;
+  const Attribute *const to = find_plain_attribute(iq, "to");
   const std::lock_guard lock(mutex_);
   if (!admit_locked(bytes.size(), err)) return false;
   // What may fail comes first, so that an IQ is either tracked and written or neither.
-  bytes_.reserve(bytes_.size() + bytes.size() > bytes_.capacity() ? 2 * (bytes_.size() + bytes.size()) : 0);
+  const size_t wanted = bytes_.size() + bytes.size();
+  if (wanted > bytes_.capacity()) bytes_.reserve(2 * wanted);
   if (must_write == nullptr) wake_loop_locked();
-  arm_expiry_locked(Clock::now() + timeout);
-  iqs_.add(id, to != nullptr ? to : "", tracked, timeout);
+  const Clock::time_point deadline = Clock::now() + timeout;
+  arm_expiry_locked(deadline);
+  iqs_.add(id, value_of(to), tracked, timeout, deadline);
   bytes_.append(bytes.view());
   if (must_write != nullptr && !attended_ && !wanted_scheduled_) attended_ = *must_write = true;
   return true;
 }
 
 bool Channel::answer(wb_dom_node *iq) {
-  const char *id = wb_dom_get_attribute(iq, "id");
-  const char *from = wb_dom_get_attribute(iq, "from");
+  const Attribute *const id = find_plain_attribute(iq, "id");
   if (id == nullptr) return false;
   TrackedIq tracked{};
   {
     const std::lock_guard lock(mutex_);
-    if (!iqs_.take(id, from != nullptr ? from : "", own_jid_, tracked)) return false;
+    if (!iqs_.take(value_of(id), value_of(find_plain_attribute(iq, "from")), own_jid_, tracked)) return false;
   }
   tracked.callback(iq, tracked.arg);
   return true;

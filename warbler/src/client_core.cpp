@@ -193,9 +193,9 @@ void ClientCore::tell_end(wb_errcode reason, wb_dom_node *error) {
 }
 
 void ClientCore::on_session_stanza(wb_dom_node *stanza) {
-  const char *uri = wb_dom_get_namespace_uri(stanza);
-  const std::string_view name = wb_dom_get_localname(stanza);
-  if (std::strcmp(uri, ns::kClient) != 0) return wb_log(WB_LOG_DEBUG, "dropped an element that is no stanza");
+  const Name &found = *as_element(stanza)->name;
+  const std::string_view name(found.local, found.local_length);
+  if (found.uri->view() != ns::kClient) return wb_log(WB_LOG_DEBUG, "dropped an element that is no stanza");
   if (name == "iq") return on_iq(stanza);
   if (name == "message") return raise(kMessage, stanza);
   if (name == "presence") return raise(kPresence, stanza);
@@ -203,7 +203,7 @@ void ClientCore::on_session_stanza(wb_dom_node *stanza) {
 }
 
 void ClientCore::on_iq(wb_dom_node *iq) {
-  const std::string_view type = attribute(iq, "type");
+  const std::string_view type = value_of(find_plain_attribute(iq, "type"));
   if (type == "result" || type == "error") {
     if (!channel_.answer(iq)) wb_log(WB_LOG_DEBUG, "dropped an answer that nobody waits for, from %s", attribute(iq, "from"));
     return;

@@ -6,6 +6,7 @@
 
 #include "dom_node.h"
 #include "guard.h"
+#include "known_names.h"
 #include "xml_text.h"
 
 namespace {
@@ -20,6 +21,9 @@ using wb::NameParts;
 
 // Together with the allocator's own few bytes this is the largest size that glibc keeps in its cache per thread.
 constexpr size_t kContextBlock = 1032;
+
+// Up to this size a text stands behind its node.
+constexpr size_t kShortText = 1024;
 
 bool is_element(const wb_dom_node *node) { return node != nullptr && !node->is_text; }
 
@@ -44,10 +48,17 @@ bool is_at_or_above(const wb_dom_node *node, const wb_dom_node *below) {
   return below != nullptr;
 }
 
+// The record of a name that the application passes; null when it is no XML name.
+const Name *name_of(wb_dom_ctx &context, const char *text) {
+  if (const Name *const known = wb::known_name(text)) return known;
+  NameParts parts;
+  return wb::split_name(text, parts) ? context.names.checked_name(context.arena, parts) : nullptr;
+}
+
 // The link that holds the attribute of that name, or the null link at the end.
-Attribute **find_attribute(Element &element, const NameParts &parts) {
+Attribute **find_attribute(Element &element, const Name *name) {
   Attribute **link = &element.attributes;
-  while (*link != nullptr && !equals(*(*link)->name, parts)) link = &(*link)->next;
+  while (*link != nullptr && !same((*link)->name, name)) link = &(*link)->next;
   return link;
 }
 
@@ -114,11 +125,11 @@ wb::ContextRef wb::make_context(NameTable *table) {
 }
 
 wb::Text *wb::make_text(wb_dom_ctx &context, const char *bytes, size_t length) {
-  auto *const memory = context.arena.allocate(sizeof(Text));
   const size_t capacity = Arena::round_up(length + 1);
-  char *const value = context.arena.allocate_bytes(capacity);
-  std::memcpy(value, bytes, length);
-  value[length] = 0;
+  const bool is_short = capacity <= kShortText;
+  auto *const memory = static_cast<char *>(context.arena.allocate(sizeof(Text) + (is_short ? capacity : 0)));
+  char *const value = is_short ? memory + sizeof(Text) : context.arena.allocate_bytes(capacity);
+  *ByteBuffer::put(value, bytes, length) = 0;
   return new (memory) Text{{&context, nullptr, nullptr, nullptr, true}, value, length, capacity};
 }
 
@@ -161,8 +172,7 @@ bool wb_dom_element_create(wb_dom_ctx *context, const char *ename, wb_dom_node *
     if (out == nullptr) return WB_FAIL(err, WB_ERR_INVALID_ARG, "no place for the element");
     *out = nullptr;
     if (context == nullptr || ename == nullptr) return WB_FAIL(err, WB_ERR_INVALID_ARG, "no context or name");
-    NameParts parts;
-    const Name *const name = wb::split_name(ename, parts) ? context->names.checked_name(context->arena, parts) : nullptr;
+    const Name *const name = name_of(*context, ename);
     if (name == nullptr) return WB_FAIL(err, WB_ERR_BAD_FORMAT, "not the name of an XML element");
     *out = wb::make_element(*context, name);
     return true;
@@ -199,20 +209,17 @@ bool wb_dom_remove_child(wb_dom_node *parent, wb_dom_node *child, wb_err *err) {
 bool wb_dom_set_attribute(wb_dom_node *element, const char *name, const char *value, wb_err *err) {
   return wb::guarded(err, __func__, [&] {
     if (!is_element(element) || name == nullptr) return WB_FAIL(err, WB_ERR_INVALID_ARG, "no element or name");
-    NameParts parts;
-    if (!wb::split_name(name, parts)) return WB_FAIL(err, WB_ERR_BAD_FORMAT, "not the name of an XML attribute");
-    Attribute **const link = find_attribute(*as_element(element), parts);
-    if (value == nullptr && *link != nullptr) {
-      *link = (*link)->next;
+    wb_dom_ctx &context = *element->context;
+    const Name *const known = name_of(context, name);
+    // An attribute called xmlns would read as a declaration.
+    const bool reserved =
+        known != nullptr && known->local_length == 5 && known->uri->length == 0 && std::strcmp(known->local, "xmlns") == 0;
+    if (known == nullptr || reserved) return WB_FAIL(err, WB_ERR_BAD_FORMAT, "not the name of an XML attribute");
+    Attribute **const link = find_attribute(*as_element(element), known);
+    if (value == nullptr) {
+      if (*link != nullptr) *link = (*link)->next;
       return true;
     }
-    wb_dom_ctx &context = *element->context;
-    // An attribute called xmlns would read as a declaration.
-    const bool reserved = parts.uri.empty() && parts.local == "xmlns";
-    const Name *known = *link != nullptr ? (*link)->name : nullptr;
-    if (known == nullptr && !reserved) known = context.names.checked_name(context.arena, parts);
-    if (known == nullptr) return WB_FAIL(err, WB_ERR_BAD_FORMAT, "not the name of an XML attribute");
-    if (value == nullptr) return true;
     Attribute *const made = wb::make_attribute(context, known, value, std::strlen(value));
     if (*link != nullptr) made->next = (*link)->next;
     *link = made;

@@ -7,43 +7,49 @@ wb::DomBuilder::DomBuilder(const BuildOptions &options) : options_(options), tab
 
 wb::DomBuilder::~DomBuilder() { table_->release(); }
 
-// Binds what the attributes declare, since that holds for the element's own name and all its attributes. The declarations are
-// noted at the link, unless it is null; what is no declaration is set aside.
-wb::BuildResult wb::DomBuilder::declare(const char **attributes, Declaration **link) {
-  written_.clear();
-  size_t count = 0;
-  for (; *attributes != nullptr; attributes += 2) {
+// Binds what the attributes declare, since that holds for the element's own name and all its attributes, and makes the others,
+// unless there is no element. What has a prefix gets its name when all declarations are known.
+wb::BuildResult wb::DomBuilder::read_attributes(const char **attributes, Element *element) {
+  prefixed_.clear();
+  Declaration **declaration_link = element != nullptr && options_.keeps_declarations ? &element->declarations : nullptr;
+  Attribute **attribute_link = element != nullptr ? &element->attributes : nullptr;
+  for (size_t count = 0; *attributes != nullptr; attributes += 2) {
     QName *const name = table_->qname(*attributes);
     if (name == nullptr) return BuildResult::bad_namespace;
     if (++count > options_.attributes_max) return BuildResult::too_many_attributes;
     Prefix *const prefix = name->declares;
-    if (prefix == nullptr) {
-      written_.push_back(Written{name, attributes[1]});
+    if (prefix != nullptr) {
+      const Symbol *const uri = table_->uri(attributes[1]);
+      if (!table_->may_bind(*prefix, *uri)) return BuildResult::bad_namespace;
+      undo_.push_back(Undo{prefix, prefix->bound, depth_});
+      prefix->bound = uri;
+      if (declaration_link == nullptr) continue;
+      *declaration_link = make_declaration(*context_, prefix->symbol, uri);
+      declaration_link = &(*declaration_link)->next;
       continue;
     }
-    const Symbol *const uri = table_->uri(attributes[1]);
-    if (!table_->may_bind(*prefix, *uri)) return BuildResult::bad_namespace;
-    undo_.push_back(Undo{prefix, prefix->bound, depth_});
-    prefix->bound = uri;
-    if (link == nullptr) continue;
-    *link = make_declaration(*context_, prefix->symbol, uri);
-    link = &(*link)->next;
+    Attribute *made = nullptr;
+    if (attribute_link != nullptr) {
+      made = make_attribute(*context_, nullptr, attributes[1], std::strlen(attributes[1]));
+      *attribute_link = made;
+      attribute_link = &made->next;
+    }
+    if (name->prefix != nullptr) {
+      prefixed_.push_back(Prefixed{name, made});
+    } else if (made != nullptr) {
+      made->name = table_->attribute_name(*name);
+    }
   }
   return BuildResult::ok;
 }
 
 // Only names with a prefix can be equal when they are written differently, so only they are compared.
-wb::BuildResult wb::DomBuilder::put_attributes(Attribute **link) {
-  for (const Written &written : written_) {
-    Name *const name = table_->attribute_name(*written.name);
-    if (name == nullptr) return BuildResult::bad_namespace;
-    if (written.name->prefix != nullptr) {
-      if (name->mark == elements_) return BuildResult::bad_namespace;
-      name->mark = elements_;
-    }
-    if (link == nullptr) continue;
-    *link = make_attribute(*context_, name, written.value, std::strlen(written.value));
-    link = &(*link)->next;
+wb::BuildResult wb::DomBuilder::name_prefixed() {
+  for (const Prefixed &prefixed : prefixed_) {
+    Name *const name = table_->attribute_name(*prefixed.name);
+    if (name == nullptr || name->mark == elements_) return BuildResult::bad_namespace;
+    name->mark = elements_;
+    if (prefixed.attribute != nullptr) prefixed.attribute->name = name;
   }
   return BuildResult::ok;
 }
@@ -57,13 +63,12 @@ wb::BuildResult wb::DomBuilder::open(const char *name, const char **attributes) 
   Element *const element = make_element(*context_, nullptr);
   const bool has_attributes = *attributes != nullptr;
   if (has_attributes) {
-    Declaration **const link = options_.keeps_declarations ? &element->declarations : nullptr;
-    if (const BuildResult result = declare(attributes, link); result != BuildResult::ok) return result;
+    if (const BuildResult result = read_attributes(attributes, element); result != BuildResult::ok) return result;
   }
   element->name = table_->element_name(*written);
   if (element->name == nullptr) return BuildResult::bad_namespace;
   if (has_attributes) {
-    if (const BuildResult result = put_attributes(&element->attributes); result != BuildResult::ok) return result;
+    if (const BuildResult result = name_prefixed(); result != BuildResult::ok) return result;
   }
   if (current_ != nullptr) {
     append_child(*current_, *element);
@@ -79,8 +84,8 @@ wb::BuildResult wb::DomBuilder::enter(const char *name, const char **attributes)
   ++elements_;
   QName *const written = table_->qname(name);
   if (written == nullptr) return BuildResult::bad_namespace;
-  if (const BuildResult result = declare(attributes, nullptr); result != BuildResult::ok) return result;
-  return table_->element_name(*written) != nullptr ? put_attributes(nullptr) : BuildResult::bad_namespace;
+  if (const BuildResult result = read_attributes(attributes, nullptr); result != BuildResult::ok) return result;
+  return table_->element_name(*written) != nullptr ? name_prefixed() : BuildResult::bad_namespace;
 }
 
 void wb::DomBuilder::text(const char *bytes, size_t length) {

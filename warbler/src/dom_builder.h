@@ -68,19 +68,19 @@ class DomBuilder {
     size_t depth;
   };
 
-  // An attribute that is no declaration.
-  struct Written {
+  // An attribute whose name has a prefix; none was made for an element that is not kept.
+  struct Prefixed {
     QName *name;
-    const char *value;
+    Attribute *attribute;
   };
 
-  BuildResult declare(const char **attributes, Declaration **link);
-  BuildResult put_attributes(Attribute **link);
+  BuildResult read_attributes(const char **attributes, Element *element);
+  BuildResult name_prefixed();
 
   const BuildOptions options_;
   NameTable *table_;
   std::vector<Undo> undo_;
-  std::vector<Written> written_;  // of the element at hand
+  std::vector<Prefixed> prefixed_;  // of the element at hand
   size_t depth_ = 0;
   uint64_t elements_ = 0;
   ContextRef context_;

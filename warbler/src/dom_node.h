@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "arena.h"
+#include "byte_buffer.h"
 #include "name_table.h"
 #include "names.h"
 
@@ -91,9 +92,21 @@ inline void append_child(Element &parent, wb_dom_node &child) {
 inline Attribute *make_attribute(wb_dom_ctx &context, const Name *name, const char *value, size_t length) {
   auto *const memory = static_cast<char *>(context.arena.allocate(sizeof(Attribute) + length + 1));
   char *const copy = memory + sizeof(Attribute);
-  std::memcpy(copy, value, length);
-  copy[length] = 0;
+  *ByteBuffer::put(copy, value, length) = 0;
   return new (memory) Attribute{nullptr, name, copy, length};
+}
+
+// The attribute of that name in no namespace; null when the element has none.
+inline const Attribute *find_plain_attribute(const wb_dom_node *element, std::string_view name) {
+  const Attribute *attribute = as_element(element)->attributes;
+  while (attribute != nullptr && (attribute->name->uri->length != 0 || attribute->name->local_length != name.size() ||
+                                  std::memcmp(attribute->name->local, name.data(), name.size()) != 0)) {
+    attribute = attribute->next;
+  }
+  return attribute;
+}
+inline std::string_view value_of(const Attribute *attribute) {
+  return attribute != nullptr ? std::string_view(attribute->value, attribute->length) : std::string_view();
 }
 
 inline Declaration *make_declaration(wb_dom_ctx &context, const Symbol *prefix, const Symbol *uri) {

@@ -3,8 +3,10 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "guard.h"
 #include "jid.h"
@@ -18,6 +20,7 @@ constexpr size_t kBucketsKept = 64;
 
 // Whether an answer's sender may speak for the address that the IQ went to. An IQ without address went to the own account.
 bool may_answer(std::string_view to, std::string_view from, std::string_view own_jid) {
+  if (!to.empty() && to == from) return true;
   const std::string_view own_bare = bare_jid(own_jid);
   if (to.empty() || jid_equal(to, own_bare)) {
     return from.empty() || jid_equal(from, own_bare) || (to.empty() && jid_equal(from, own_jid));
@@ -32,85 +35,93 @@ constexpr auto kDigitPairs = [] {
   return pairs;
 }();
 
-// What each hexadecimal digit stands for; kNoDigit for the other bytes.
-constexpr unsigned char kNoDigit = 16;
-constexpr auto kDigitValues = [] {
-  std::array<unsigned char, 256> values{};
-  values.fill(kNoDigit);
-  for (unsigned char i = 0; i < 10; ++i) values[static_cast<size_t>('0' + i)] = i;
-  for (unsigned char i = 0; i < 6; ++i) values[static_cast<size_t>('a' + i)] = values[static_cast<size_t>('A' + i)] = i + 10;
-  return values;
-}();
-
-// False when the sixteen bytes are not all digits.
-bool parse_word(const char *digits, uint64_t &word) {
-  unsigned seen = 0;
-  word = 0;
-  for (size_t i = 0; i < 16; ++i) {
-    const unsigned char value = kDigitValues[static_cast<unsigned char>(digits[i])];
-    seen |= value;
-    word = (word << 4) | (value & 15u);
-  }
-  return seen < kNoDigit;
-}
-
 }  // namespace
 
-std::string IqTable::make_id() {
+IqId IqTable::make_id() {
   if (randomness_used_ + kIdBytes > randomness_.size()) {
     // Without randomness there are no safe ids; OpenSSL fails here only when the system has none to give.
     if (RAND_bytes(randomness_.data(), static_cast<int>(randomness_.size())) != 1) throw std::bad_alloc();
     randomness_used_ = 0;
   }
-  std::string id(2 * kIdBytes, '\0');
-  for (size_t i = 0; i < kIdBytes; ++i) std::memcpy(&id[2 * i], kDigitPairs[randomness_[randomness_used_ + i]].data(), 2);
+  IqId id;
+  static_assert(IqId::kLength == 2 * kIdBytes);
+  for (size_t i = 0; i < kIdBytes; ++i) std::memcpy(&id.text[2 * i], kDigitPairs[randomness_[randomness_used_ + i]].data(), 2);
+  id.text.back() = '\0';
   std::memset(randomness_.data() + randomness_used_, 0, kIdBytes);
   randomness_used_ += kIdBytes;
   return id;
 }
 
-bool IqTable::parse_id(std::string_view id, Key &key) {
-  return id.size() == 2 * kIdBytes && parse_word(id.data(), key.high) && parse_word(id.data() + kIdBytes, key.low);
+IqTable::~IqTable() {
+  TrackedIq iq{};
+  while (take_any(iq)) {
+  }
 }
 
-void IqTable::add(const std::string &id, std::string_view to, TrackedIq iq, std::chrono::seconds timeout) {
-  Key key{};
-  parse_id(id, key);
+// Ids are random, but a digit has only four bits of that.
+IqTable::Entry *&IqTable::bucket(std::string_view id) {
+  uint64_t digits;
+  std::memcpy(&digits, id.data(), sizeof digits);
+  return buckets_[((digits * 0x9E3779B97F4A7C15u) >> 32) & (buckets_.size() - 1)];
+}
+
+IqTable::Entry *IqTable::find(std::string_view id) {
+  if (size_ == 0 || id.size() != IqId::kLength) return nullptr;
+  Entry *entry = bucket(id);
+  while (entry != nullptr && id != entry->id) entry = entry->next;
+  return entry;
+}
+
+// Throws std::bad_alloc, with the table as it was.
+void IqTable::resize(size_t buckets) {
+  std::vector<Entry *> old(buckets, nullptr);
+  old.swap(buckets_);
+  for (Entry *first : old) {
+    while (first != nullptr) {
+      Entry *&place = bucket(first->id);
+      first = std::exchange(first->next, std::exchange(place, first));
+    }
+  }
+}
+
+void IqTable::add(const IqId &id, std::string_view to, TrackedIq iq, std::chrono::seconds timeout, Clock::time_point deadline) {
   const Clock::duration duration = timeout;
   Queue &queue = queues_[duration.count()];
-  Entry &entry =
-      entries_.try_emplace(key, Entry{iq, std::string(to), Clock::now() + duration, duration, key, queue.last, nullptr})
-          .first->second;
-  (queue.last != nullptr ? queue.last->later : queue.first) = &entry;
-  queue.last = &entry;
+  if (size_ >= buckets_.size()) resize(std::max(kBucketsKept, 2 * buckets_.size()));
+  void *const memory = std::malloc(sizeof(Entry) + to.size());
+  if (memory == nullptr) throw std::bad_alloc();
+  Entry *&place = bucket(id);
+  place = new (memory) Entry{id, iq, deadline, duration, &queue, queue.last, nullptr, place, to.size()};
+  std::memcpy(place->to_text(), to.data(), to.size());
+  (queue.last != nullptr ? queue.last->later : queue.first) = place;
+  queue.last = place;
+  ++size_;
 }
 
 TrackedIq IqTable::remove(Entry &entry) noexcept {
-  const auto queue = queues_.find(entry.timeout.count());
-  (entry.earlier != nullptr ? entry.earlier->later : queue->second.first) = entry.later;
-  (entry.later != nullptr ? entry.later->earlier : queue->second.last) = entry.earlier;
-  if (queue->second.first == nullptr && queues_.size() > 1) queues_.erase(queue);
+  Entry **link = &bucket(entry.id);
+  while (*link != &entry) link = &(*link)->next;
+  *link = entry.next;
+  (entry.earlier != nullptr ? entry.earlier->later : entry.queue->first) = entry.later;
+  (entry.later != nullptr ? entry.later->earlier : entry.queue->last) = entry.earlier;
+  if (entry.queue->first == nullptr && queues_.size() > 1) queues_.erase(entry.timeout.count());
   const TrackedIq iq = entry.iq;
-  entries_.erase(entry.key);
+  std::free(&entry);
+  --size_;
+  // A burst of requests leaves no large table behind. Without memory for a smaller one, the large one serves on.
+  if (buckets_.size() > kBucketsKept && size_ < buckets_.size() / 8) {
+    guarded(nullptr, __func__, [&] {
+      resize(buckets_.size() / 4);
+      return true;
+    });
+  }
   return iq;
 }
 
-// A burst of requests leaves no large table behind. Without memory for a smaller one, the large one serves on.
-void IqTable::shrink() noexcept {
-  if (entries_.bucket_count() <= kBucketsKept || entries_.size() >= entries_.bucket_count() / 8) return;
-  guarded(nullptr, __func__, [&] {
-    entries_.rehash(kBucketsKept);
-    return true;
-  });
-}
-
 bool IqTable::take(std::string_view id, std::string_view from, std::string_view own_jid, TrackedIq &iq) {
-  Key key{};
-  if (!parse_id(id, key)) return false;
-  const auto found = entries_.find(key);
-  if (found == entries_.end() || !may_answer(found->second.to, from, own_jid)) return false;
-  iq = remove(found->second);
-  shrink();
+  Entry *const found = find(id);
+  if (found == nullptr || !may_answer(found->to(), from, own_jid)) return false;
+  iq = remove(*found);
   return true;
 }
 
@@ -121,15 +132,16 @@ bool IqTable::take_expired(Clock::time_point now, TrackedIq &iq) noexcept {
   }
   if (first == nullptr || first->deadline > now) return false;
   iq = remove(*first);
-  shrink();
   return true;
 }
 
 bool IqTable::take_any(TrackedIq &iq) noexcept {
-  if (entries_.empty()) return false;
-  iq = remove(entries_.begin()->second);
-  shrink();
-  return true;
+  for (const auto &[timeout, queue] : queues_) {
+    if (queue.first == nullptr) continue;
+    iq = remove(*queue.first);
+    return true;
+  }
+  return false;
 }
 
 IqTable::Clock::time_point IqTable::next_deadline() const {

@@ -19,7 +19,8 @@ struct Prefix {
 // A name as it is written. What it last expanded to is kept: it holds while the prefix is bound as it was then.
 struct QName {
   QName *next;
-  QName *follower;  // the name that was met after this one the last time
+  QName *follower;        // the name that was met after this one the last time
+  QName *other_follower;  // the one that was the follower before
   const char *text;
   Prefix *prefix;    // null: the name has none
   Prefix *declares;  // what an attribute of this name declares; null: nothing
@@ -51,11 +52,15 @@ class NameTable {
   static constexpr size_t kBlockBytes = 3056;
 
   // Null when the text is no qualified name; XML has already been checked. Throws std::bad_alloc, as all below.
-  // Streams repeat themselves, so the name that came after the last one before is tried first.
+  // Streams repeat themselves, so the names that came after the last one before are tried first.
   QName *qname(const char *text) {
     QName *const guess = last_qname_->follower;
     if (guess != nullptr && std::strcmp(guess->text, text) == 0) return last_qname_ = guess;
-    return find_qname(text);
+    QName *const other = last_qname_->other_follower;
+    last_qname_->other_follower = guess;
+    if (other == nullptr || std::strcmp(other->text, text) != 0) return find_qname(text);
+    last_qname_->follower = other;
+    return last_qname_ = other;
   }
 
   // The expanded names; null when the prefix is bound to nothing.

@@ -6,23 +6,6 @@
 
 namespace {
 
-uint64_t load(const char *at, size_t count) {
-  uint64_t word = 0;
-  std::memcpy(&word, at, count);
-  return word;
-}
-
-uint64_t mix(uint64_t a, uint64_t b) {
-  __extension__ using Wide = unsigned __int128;
-  const Wide product = static_cast<Wide>(a) * b;
-  return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
-}
-
-uint64_t random_word() {
-  std::random_device source;
-  return (static_cast<uint64_t>(source()) << 32) | source();
-}
-
 uint32_t combine(uint32_t uri_hash, uint32_t local_hash) { return (uri_hash ^ (uri_hash >> 15)) * 0x9E3779B1u + local_hash; }
 
 wb::Symbol *make_symbol(wb::Arena &arena, std::string_view text, uint32_t hash) {
@@ -49,26 +32,12 @@ wb::Name *make_name(wb::Arena &arena, const wb::Symbol *uri, std::string_view lo
 
 }  // namespace
 
-uint32_t wb::hash_bytes(const char *bytes, size_t length) {
-  static const uint64_t seed = random_word();
-  uint64_t hash = seed ^ (length * 0x9FB21C651E98DF25u);
-  while (length > 8) {
-    hash = mix(hash ^ load(bytes, 8), 0xD6E8FEB86659FD93u);
-    bytes += 8;
-    length -= 8;
-  }
-  uint64_t last = 0;
-  if (length >= 4) {
-    last = load(bytes, 4) | (load(bytes + length - 4, 4) << 32);
-  } else if (length > 0) {
-    last = load(bytes, 1) | (load(bytes + length / 2, 1) << 8) | (load(bytes + length - 1, 1) << 16);
-  }
-  hash = mix(hash ^ last, 0xA0761D6478BD642Fu);
-  return static_cast<uint32_t>(hash ^ (hash >> 32));
+uint64_t wb::random_word() {
+  std::random_device source;
+  return (static_cast<uint64_t>(source()) << 32) | source();
 }
 
-bool wb::split_name(const char *name, NameParts &out) {
-  const std::string_view text(name);
+bool wb::split_name(std::string_view text, NameParts &out) {
   const bool braced = !text.empty() && text.front() == '{';
   const size_t cut = text.rfind(braced ? '}' : '|');
   if (cut == std::string_view::npos) {

@@ -9,8 +9,38 @@
 
 namespace wb {
 
+uint64_t random_word();
+
+inline uint64_t load_bytes(const char *at, size_t count) {
+  uint64_t word = 0;
+  std::memcpy(&word, at, count);
+  return word;
+}
+
+inline uint64_t mix(uint64_t a, uint64_t b) {
+  __extension__ using Wide = unsigned __int128;
+  const Wide product = static_cast<Wide>(a) * b;
+  return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+}
+
 // Hash of bytes that a peer may have chosen: the seed is the process's own secret. Hashes of all stores can be compared.
-uint32_t hash_bytes(const char *bytes, size_t length);
+inline uint32_t hash_bytes(const char *bytes, size_t length) {
+  static const uint64_t seed = random_word();
+  uint64_t hash = seed ^ (length * 0x9FB21C651E98DF25u);
+  while (length > 8) {
+    hash = mix(hash ^ load_bytes(bytes, 8), 0xD6E8FEB86659FD93u);
+    bytes += 8;
+    length -= 8;
+  }
+  uint64_t last = 0;
+  if (length >= 4) {
+    last = load_bytes(bytes, 4) | (load_bytes(bytes + length - 4, 4) << 32);
+  } else if (length > 0) {
+    last = load_bytes(bytes, 1) | (load_bytes(bytes + length / 2, 1) << 8) | (load_bytes(bytes + length - 1, 1) << 16);
+  }
+  hash = mix(hash ^ last, 0xA0761D6478BD642Fu);
+  return static_cast<uint32_t>(hash ^ (hash >> 32));
+}
 
 // A namespace URI or a prefix.
 struct Symbol {
@@ -51,7 +81,7 @@ struct NameParts {
 };
 
 // Splits "{uri}local", "uri|local" or "local". False when a brace is not closed. The local part is not checked.
-bool split_name(const char *name, NameParts &out);
+bool split_name(std::string_view name, NameParts &out);
 
 inline bool equals(const Name &name, const NameParts &parts) {
   return name.local_length == parts.local.size() && name.uri->length == parts.uri.size() &&

@@ -1,10 +1,12 @@
 #include "namespace_scope.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
 
-constexpr size_t kFirstSlots = 8;
+constexpr size_t kFirstBindings = 8;
+constexpr size_t kFirstSlots = 8;  // once there is a prefix; most documents have none
 
 // So many bindings of a chain are looked at. A namespace that is declared again is right too, and a tree made to have endless
 // chains of shadowed prefixes then costs no more than others.
@@ -13,7 +15,9 @@ constexpr unsigned kSearchMax = 16;
 }  // namespace
 
 wb::NamespaceScope::NamespaceScope(const Symbol *default_uri, std::pmr::memory_resource *memory)
-    : default_{default_uri, false}, bindings_(memory), by_prefix_(kFirstSlots, -1, memory), by_uri_(kFirstSlots, -1, memory) {}
+    : default_{default_uri, false}, bindings_(memory), by_prefix_(memory), by_uri_(memory) {
+  bindings_.reserve(kFirstBindings);
+}
 
 void wb::NamespaceScope::link(int32_t index) {
   Binding &binding = bindings_[static_cast<size_t>(index)];
@@ -22,7 +26,7 @@ void wb::NamespaceScope::link(int32_t index) {
 }
 
 void wb::NamespaceScope::enlarge() {
-  by_prefix_.assign(by_prefix_.size() * 2, -1);
+  by_prefix_.assign(std::max(kFirstSlots, by_prefix_.size() * 2), -1);
   by_uri_.assign(by_prefix_.size(), -1);
   for (size_t i = 0; i < bindings_.size(); ++i) {
     if (bindings_[i].prefix->length != 0) link(static_cast<int32_t>(i));
@@ -54,6 +58,7 @@ void wb::NamespaceScope::undo(uint32_t depth) {
 }
 
 int32_t wb::NamespaceScope::find_binding(const Symbol *prefix) const {
+  if (by_prefix_.empty()) return -1;
   int32_t index = by_prefix_[slot(prefix)];
   while (index >= 0 && !same(bindings_[static_cast<size_t>(index)].prefix, prefix)) {
     index = bindings_[static_cast<size_t>(index)].next_of_prefix;
@@ -62,6 +67,7 @@ int32_t wb::NamespaceScope::find_binding(const Symbol *prefix) const {
 }
 
 const wb::Symbol *wb::NamespaceScope::find_prefix(const Symbol *uri) const {
+  if (by_uri_.empty()) return nullptr;
   int32_t index = by_uri_[slot(uri)];
   for (unsigned seen = 0; index >= 0 && seen < kSearchMax; ++seen) {
     const Binding &binding = bindings_[static_cast<size_t>(index)];

@@ -39,16 +39,34 @@ constexpr uint64_t all_bytes(uint8_t byte) { return 0x0101010101010101u * byte; 
 // may be marked too, for nothing.
 constexpr uint64_t below(uint64_t word, uint8_t limit) { return (word - all_bytes(limit)) & ~word & all_bytes(0x80); }
 
-// Passes over the bytes, eight at a time, that can be written as they are in any place.
+// Whether each of the bytes can be written as it is in any place.
+bool is_plain_word(uint64_t word) {
+  const uint64_t angles = (word | all_bytes('<' ^ '>')) ^ all_bytes('>');
+  const uint64_t others = (word | all_bytes('"' ^ '&')) ^ all_bytes('&');
+  return ((word & all_bytes(0x80)) | below(word, 0x20) | below(angles, 1) | below(others, 1)) == 0;
+}
+
+// Passes over such bytes, eight at a time.
 const char *skip_plain_words(const char *at, const char *end) {
-  for (; end - at >= 8; at += 8) {
-    uint64_t word;
-    std::memcpy(&word, at, sizeof word);
-    const uint64_t angles = (word | all_bytes('<' ^ '>')) ^ all_bytes('>');
-    const uint64_t others = (word | all_bytes('"' ^ '&')) ^ all_bytes('&');
-    if (((word & all_bytes(0x80)) | below(word, 0x20) | below(angles, 1) | below(others, 1)) != 0) break;
-  }
+  while (end - at >= 8 && is_plain_word(wb::load_bytes(at, 8))) at += 8;
   return at;
+}
+
+// Whether all can be written as they are, which is so nearly always. What is no multiple of eight long has bytes that are looked
+// at twice.
+bool is_plain(const char *bytes, size_t length) {
+  if (length >= 8) {
+    const char *const last = bytes + length - 8;
+    for (; bytes < last; bytes += 8) {
+      if (!is_plain_word(wb::load_bytes(bytes, 8))) return false;
+    }
+    return is_plain_word(wb::load_bytes(last, 8));
+  }
+  if (length >= 4) return is_plain_word(wb::load_bytes(bytes, 4) | (wb::load_bytes(bytes + length - 4, 4) << 32));
+  for (size_t i = 0; i < length; ++i) {
+    if (kValueClasses[static_cast<unsigned char>(bytes[i])] != Class::plain) return false;
+  }
+  return true;
 }
 
 std::string_view reference(char c) {
@@ -70,6 +88,8 @@ std::string_view reference(char c) {
   }
 }
 
+constexpr size_t kFirstOpen = 16;  // open elements for which there is room at once
+
 Symbol make_symbol(std::string_view text) {
   return Symbol{nullptr, nullptr, text.data(), static_cast<uint32_t>(text.size()), wb::hash_bytes(text.data(), text.size())};
 }
@@ -79,6 +99,7 @@ struct Constants {
   Symbol none = make_symbol("");
   Symbol xml_prefix = make_symbol("xml");
   Symbol xml_uri = make_symbol(wb::kXmlUri);
+  Symbol stream = make_symbol("jabber:client");
 };
 
 const Constants &constants() {
@@ -90,7 +111,7 @@ class Writer {
  public:
   Writer(wb::ByteBuffer &out, const Symbol *default_namespace)
       : out_(out), none_(constants().none), scope_(default_namespace, &memory_), open_(&memory_) {
-    scope_.declare(&constants().xml_prefix, &constants().xml_uri, true, 0);
+    open_.reserve(kFirstOpen);
   }
 
   // False when something in the tree cannot be written.
@@ -98,7 +119,7 @@ class Writer {
     const wb_dom_node *node = &root;
     for (;;) {
       if (node->is_text) {
-        if (!escape(as_text(node)->value, as_text(node)->length, kTextClasses)) return false;
+        if (!write_text(*as_text(node))) return false;
       } else {
         if (!write_start(*as_element(node))) return false;
         if (const wb_dom_node *const child = as_element(node)->first_child; child != nullptr) {
@@ -116,6 +137,12 @@ class Writer {
   }
 
  private:
+  bool write_text(const wb::Text &text) {
+    if (!is_plain(text.value, text.length)) return escape(text.value, text.length, kTextClasses);
+    out_.append(text.value, text.length);
+    return true;
+  }
+
   bool escape(const char *bytes, size_t length, const std::array<Class, 256> &classes) {
     const char *const end = bytes + length;
     const char *at = bytes;
@@ -141,29 +168,41 @@ class Writer {
     }
   }
 
-  void write_name(const Symbol *prefix, const wb::Name &name) {
-    out_.reserve(prefix->length + name.local_length + 1);
+  static size_t name_size(const Symbol *prefix, const wb::Name &name) { return prefix->length + 1 + name.local_length; }
+
+  static char *put_name(char *to, const Symbol *prefix, const wb::Name &name) {
     if (prefix->length != 0) {
-      out_.append_reserved(prefix->text, prefix->length);
-      out_.append_reserved(':');
+      to = wb::ByteBuffer::put(to, prefix->view());
+      *to++ = ':';
     }
-    out_.append_reserved(name.local, name.local_length);
+    return wb::ByteBuffer::put(to, name.local, name.local_length);
   }
 
-  bool write_value(const char *value, size_t length) {
-    out_.append("=\"", 2);
-    if (!escape(value, length, kValueClasses)) return false;
-    out_.append('"');
+  // What ="value" takes when nothing in it is escaped.
+  static size_t value_size(size_t length) { return length + 3; }
+
+  // Writes it at the place, where there is room for that.
+  bool write_value(char *to, const char *value, size_t length) {
+    to = wb::ByteBuffer::put(to, "=\"", 2);
+    if (is_plain(value, length)) {
+      to = wb::ByteBuffer::put(to, value, length);
+    } else {
+      out_.end_at(to);
+      if (!escape(value, length, kValueClasses)) return false;
+      to = out_.room(1);
+    }
+    *to++ = '"';
+    out_.end_at(to);
     return true;
   }
 
   bool write_declaration(const Symbol *prefix, const Symbol *uri) {
-    out_.append(" xmlns", 6);
+    char *to = wb::ByteBuffer::put(out_.room(7 + prefix->length + value_size(uri->length)), " xmlns", 6);
     if (prefix->length != 0) {
-      out_.append(':');
-      out_.append(prefix->view());
+      *to++ = ':';
+      to = wb::ByteBuffer::put(to, prefix->view());
     }
-    return write_value(uri->text, uri->length);
+    return write_value(to, uri->text, uri->length);
   }
 
   const Symbol *invented_prefix(unsigned number) {
@@ -175,6 +214,12 @@ class Writer {
     const Symbol *const made = new (arena_.allocate(sizeof(Symbol))) Symbol(make_symbol(kept));
     if (number < invented_.size()) known = made;
     return made;
+  }
+
+  // A prefix that stands for the namespace here; null when there is none. xml always stands for its own.
+  const Symbol *find_prefix(const Symbol *uri) const {
+    if (const Symbol *const prefix = scope_.find_prefix(uri)) return prefix;
+    return same(uri, &constants().xml_uri) ? &constants().xml_prefix : nullptr;
   }
 
   // A prefix that stands for nothing here, bound to the namespace from now on.
@@ -199,7 +244,7 @@ class Writer {
     const Symbol *const uri = element.name->uri;
     if (scope_.is_default(uri)) return &none_;
     if (uri->length != 0) {
-      if (const Symbol *const prefix = scope_.find_prefix(uri)) return prefix;
+      if (const Symbol *const prefix = find_prefix(uri)) return prefix;
       if (scope_.is_default_explicit()) return declared = invent_prefix(uri);
     }
     scope_.declare(&none_, uri, false, depth_);
@@ -213,8 +258,9 @@ class Writer {
     }
     const Symbol *declared = nullptr;
     const Symbol *const prefix = choose_prefix(element, declared);
-    out_.append('<');
-    write_name(prefix, *element.name);
+    char *const to = out_.room(1 + name_size(prefix, *element.name));
+    *to = '<';
+    out_.end_at(put_name(to + 1, prefix, *element.name));
     if (declared != nullptr && !write_declaration(declared, element.name->uri)) return false;
     for (const wb::Declaration *declaration = element.declarations; declaration != nullptr; declaration = declaration->next) {
       if (!write_declaration(declaration->prefix, declaration->uri)) return false;
@@ -235,21 +281,23 @@ class Writer {
   bool write_attribute(const wb::Attribute &attribute) {
     const Symbol *prefix = &none_;
     if (const Symbol *const uri = attribute.name->uri; uri->length != 0) {
-      prefix = scope_.find_prefix(uri);
+      prefix = find_prefix(uri);
       if (prefix == nullptr) {
         prefix = invent_prefix(uri);
         if (!write_declaration(prefix, uri)) return false;
       }
     }
-    out_.append(' ');
-    write_name(prefix, *attribute.name);
-    return write_value(attribute.value, attribute.length);
+    char *const to = out_.room(1 + name_size(prefix, *attribute.name) + value_size(attribute.length));
+    *to = ' ';
+    return write_value(put_name(to + 1, prefix, *attribute.name), attribute.value, attribute.length);
   }
 
   void write_end(const Element &element) {
-    out_.append("</", 2);
-    write_name(open_.back(), *element.name);
-    out_.append('>');
+    const Symbol *const prefix = open_.back();
+    char *to = wb::ByteBuffer::put(out_.room(3 + name_size(prefix, *element.name)), "</", 2);
+    to = put_name(to, prefix, *element.name);
+    *to++ = '>';
+    out_.end_at(to);
     open_.pop_back();
     leave();
   }
@@ -269,12 +317,15 @@ class Writer {
 
 }  // namespace
 
-bool wb::serialize(const wb_dom_node *node, const char *default_namespace, ByteBuffer &out, wb_err *err) {
+const wb::Symbol &wb::no_namespace() { return constants().none; }
+
+const wb::Symbol &wb::stream_namespace() { return constants().stream; }
+
+bool wb::serialize(const wb_dom_node *node, const Symbol &default_namespace, ByteBuffer &out, wb_err *err) {
   const size_t size = out.size();
   const bool written = guarded(err, __func__, [&] {
     if (node == nullptr) return WB_FAIL(err, WB_ERR_INVALID_ARG, "no node");
-    const Symbol inherited = make_symbol(default_namespace);
-    if (!Writer(out, &inherited).write_tree(*node)) {
+    if (!Writer(out, &default_namespace).write_tree(*node)) {
       return WB_FAIL(err, WB_ERR_BAD_FORMAT, "a text that is not UTF-8 or holds a character that XML does not know");
     }
     return true;
@@ -288,7 +339,7 @@ bool wb_serialize_xml(const wb_dom_node *node, char **xml, size_t *length, wb_er
     if (xml == nullptr) return WB_FAIL(err, WB_ERR_INVALID_ARG, "no place for the text");
     *xml = nullptr;
     wb::ByteBuffer out;
-    if (!wb::serialize(node, "", out, err)) return false;
+    if (!wb::serialize(node, wb::no_namespace(), out, err)) return false;
     const size_t size = out.size();
     *xml = out.release();
     if (length != nullptr) *length = size;
