@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace wb {
 
@@ -20,33 +21,39 @@ namespace {
 constexpr size_t kInputBytes = 32 * 1024;
 constexpr size_t kOutputBytesKept = 64 * 1024;  // a larger buffer is given back once it is empty
 
+// What others left in the thread's queue would be taken for a failure of ours. Clearing walks all of the queue each time, so an
+// empty one is left alone.
+void clear_errors() {
+  if (ERR_peek_error() != 0) ERR_clear_error();
+}
+
 }  // namespace
 
-// OpenSSL's view of a link: it reads and writes the buffers, never the socket.
+// OpenSSL's view of a link: it reads the socket into its own buffer, as much as is there, and
+// writes what the link then sends or keeps.
 struct LinkBio {
   static Link &link(BIO *bio) { return *static_cast<Link *>(BIO_get_data(bio)); }
 
   static int read(BIO *bio, char *buffer, int size) {
-    Link &self = link(bio);
     BIO_clear_retry_flags(bio);
-    if (self.in_begin_ == self.in_end_ && !self.in_closed_) self.fill();
-    const size_t there = self.in_end_ - self.in_begin_;
-    if (there == 0) {
-      if (self.in_closed_) return 0;
-      if (self.socket_error_ != 0) return -1;
-      BIO_set_retry_read(bio);
-      return -1;
+    size_t got = 0;
+    switch (link(bio).receive(buffer, static_cast<size_t>(size), got)) {
+      case Link::Io::done:
+        return static_cast<int>(got);
+      case Link::Io::again:
+        if (link(bio).socket_error_ == 0) BIO_set_retry_read(bio);
+        return -1;
+      case Link::Io::closed:
+        return 0;
+      default:
+        return -1;
     }
-    const size_t taken = std::min(there, static_cast<size_t>(size));
-    std::memcpy(buffer, self.in_.data() + self.in_begin_, taken);
-    self.in_begin_ += taken;
-    return static_cast<int>(taken);
   }
 
   static int write(BIO *bio, const char *bytes, int size) {
     BIO_clear_retry_flags(bio);
     try {
-      link(bio).out_.append(bytes, static_cast<size_t>(size));
+      link(bio).send_or_keep({bytes, static_cast<size_t>(size)});
       return size;
     } catch (const std::bad_alloc &) {
       return -1;
@@ -89,20 +96,19 @@ Link::~Link() {
   close(fd_);
 }
 
-Link::Io Link::fill() {
-  if (in_.empty()) in_.resize(kInputBytes);
-  in_begin_ = in_end_ = 0;
+Link::Io Link::receive(char *room, size_t size, size_t &got) {
+  if (in_closed_) return Io::closed;
   if (drained_) return Io::again;
   for (;;) {
-    const ssize_t got = recv(fd_, in_.data(), in_.size(), 0);
-    if (got > 0) {
-      in_end_ = static_cast<size_t>(got);
+    const ssize_t count = recv(fd_, room, size, 0);
+    if (count > 0) {
+      got = static_cast<size_t>(count);
       // The loop tells when more has come.
-      drained_ = in_end_ < in_.size();
+      drained_ = got < size;
       spoken_ = false;
       return Io::done;
     }
-    if (got == 0) {
+    if (count == 0) {
       in_closed_ = true;
       return Io::closed;
     }
@@ -116,13 +122,22 @@ Link::Io Link::fill() {
   }
 }
 
+Link::Io Link::fill() {
+  if (in_.empty()) in_.resize(kInputBytes);
+  in_begin_ = in_end_ = 0;
+  return receive(in_.data(), in_.size(), in_end_);
+}
+
 bool Link::start_tls(SslPtr ssl) {
   BIO *bio = LinkBio::method() != nullptr ? BIO_new(LinkBio::method()) : nullptr;
   if (bio == nullptr) return false;
   BIO_set_data(bio, this);
   SSL_set_bio(ssl.get(), bio, bio);
   SSL_set_connect_state(ssl.get());
+  SSL_set_read_ahead(ssl.get(), 1);
+  SSL_set_default_read_buffer_len(ssl.get(), kInputBytes);
   ssl_ = std::move(ssl);
+  in_ = std::vector<char>();
   in_begin_ = in_end_ = 0;
   return true;
 }
@@ -164,10 +179,11 @@ Link::Io Link::handshake() {
 
 // Servers put each stanza into a record of its own, but many records come at once.
 Link::Io Link::read_tls(char *buffer, size_t size, size_t &got) {
-  ERR_clear_error();
+  bool is_first = true;
   while (got < size && tls_end_ == Io::done) {
-    const bool is_empty = in_begin_ == in_end_ && drained_ && SSL_has_pending(ssl_.get()) == 0;
+    const bool is_empty = drained_ && SSL_has_pending(ssl_.get()) == 0;
     if (is_empty) return got > 0 ? Io::done : Io::again;
+    if (std::exchange(is_first, false)) clear_errors();
     size_t piece = 0;
     const int result = SSL_read_ex(ssl_.get(), buffer + got, size - got, &piece);
     const Io io = result == 1 ? Io::done : tls_result(result);
@@ -193,14 +209,34 @@ Link::Io Link::read(char *buffer, size_t size, size_t &got) {
 Link::Io Link::write(std::string_view bytes) {
   if (bytes.empty()) return Io::done;
   if (ssl_ == nullptr) {
-    out_.append(bytes);
+    send_or_keep(bytes);
     return Io::done;
   }
-  ERR_clear_error();
+  clear_errors();
   size_t written = 0;
   // The buffer takes everything, so a write is never partial.
   const int result = SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &written);
   return result == 1 ? Io::done : tls_result(result);
+}
+
+Link::Io Link::write_through(std::string_view bytes) {
+  through_ = bytes.size() <= SSL3_RT_MAX_PLAIN_LENGTH;
+  const Io io = write(bytes);
+  through_ = false;
+  return io;
+}
+
+void Link::send_or_keep(std::string_view bytes) {
+  if (std::exchange(through_, false) && waiting() == 0 && socket_error_ == 0) {
+    const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent >= 0) {
+      spoken_ = true;
+      bytes.remove_prefix(static_cast<size_t>(sent));
+    } else if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
+      socket_error_ = errno;
+    }
+  }
+  out_.append(bytes);
 }
 
 Link::Io Link::flush() {

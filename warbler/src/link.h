@@ -50,6 +50,9 @@ class Link final : public Buriable {
   Io read(char *buffer, size_t size, size_t &got);
   // Buffers bytes for the peer; failed when TLS refuses.
   Io write(std::string_view bytes);
+  // The same, but what fits into one record of TLS goes to the socket at once, as far as that takes it. Call flush whatever it
+  // returns.
+  Io write_through(std::string_view bytes);
   // Writes what is buffered to the socket.
   Io flush();
   // Bytes that wait in the buffer.
@@ -75,7 +78,9 @@ class Link final : public Buriable {
 
  private:
   friend struct LinkBio;
+  Io receive(char *room, size_t size, size_t &got);
   Io fill();
+  void send_or_keep(std::string_view bytes);
   Io tls_result(int result);
   Io read_tls(char *buffer, size_t size, size_t &got);
 
@@ -89,6 +94,7 @@ class Link final : public Buriable {
   Io tls_end_ = Io::done;  // how reading ended, behind bytes that came before
   std::string out_;        // what the socket has not taken yet
   size_t out_begin_ = 0;
+  bool through_ = false;  // to the socket, what OpenSSL writes
   int socket_error_ = 0;
   std::string tls_error_;
 };

@@ -45,8 +45,8 @@ const char *condition_of(StreamError error) {
 }
 
 bool is_in_streams(const wb_dom_node *node, std::string_view name) {
-  const char *uri = wb_dom_get_namespace_uri(node);
-  return uri != nullptr && std::string_view(uri) == ns::kStreams && name == wb_dom_get_localname(node);
+  const Name &found = *as_element(node)->name;
+  return name == std::string_view(found.local, found.local_length) && found.uri->view() == ns::kStreams;
 }
 
 // While the loop reads, what is sent meanwhile need not wake it.
@@ -258,7 +258,7 @@ Session::Written Session::write_share() {
       return Written::share;
     }
     const std::string_view piece = std::string_view(sending_).substr(sent_, kWriteBytes);
-    if (link_->write(piece) != Link::Io::done) return Written::refused;
+    if (link_->write_through(piece) != Link::Io::done) return Written::refused;
     sent_ += piece.size();
     spoken_ = Clock::now();
   }
@@ -346,6 +346,8 @@ void Session::on_stanza(wb_dom_node *stanza) {
     if (is_in_streams(stanza, "error")) return on_stream_error(stanza);
     if (is_negotiating()) return on_negotiation(stanza);
     owner_.on_session_stanza(stanza);
+    // What the application says to it need not wait until the parser has tidied up.
+    if (state_ == State::established && parser_.is_last_stanza()) pump();
   });
 }
 

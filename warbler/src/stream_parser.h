@@ -61,6 +61,9 @@ class StreamParser {
   // The same for bytes that lie elsewhere.
   StreamError feed(const char *bytes, size_t length);
 
+  // From inside on_stanza: nothing that was read so far comes behind the stanza, except for the beginning of a tag.
+  bool is_last_stanza() const { return stanza_end_ == given_; }
+
   // Expects a fresh stream. From inside a handler: once that returns, the rest of the input is dropped and parse returns.
   void reset();
 
