@@ -35,10 +35,7 @@ def measure_line(bench, line, rounds, short):
             for key, value in contender.run(bench, short).items():
                 values[contender.name].setdefault(key, []).append(value)
     contenders = {name: {key: report.summarize(numbers) for key, numbers in figures.items()} for name, figures in values.items()}
-    goals = []
-    for goal in line.goals:
-        value = goal.value(lambda name, key: contenders[name][key]["median"])
-        goals.append({"text": goal.text, "value": value, "bound": goal.bound, "at_most": goal.at_most, "met": goal.met(value)})
+    goals = [goal.judge(lambda name, key: contenders[name][key]["median"]) for goal in line.goals]
     return {"title": line.title, "contenders": contenders, "goals": goals}
 
 

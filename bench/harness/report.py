@@ -54,6 +54,12 @@ def table(head, rows):
     return [row(head), row(["---"] * len(head)), *map(row, rows)]
 
 
+def goal_markdown(goal):
+    text = f"{goal['text']}: {number(goal['value'])}, to be {'at most' if goal['at_most'] else 'at least'} {goal['bound']:g}: {'met' if goal['met'] else 'MISSED'}"
+    absolute = goal.get("absolute")
+    return f"- {text}" if absolute is None else f"- {text}; in absolute figures, which do not decide, {goal_markdown(absolute)[2:]}"
+
+
 def line_markdown(line, result):
     text = [f"## {line.title}", ""]
     rows = []
@@ -61,9 +67,7 @@ def line_markdown(line, result):
         figures = result["contenders"][contender.name]
         rows.append([contender.name, contender.role, *(cell(figures.get(figure.key), figure.scale) for figure in line.figures)])
     text += table(["", "", *(figure.title for figure in line.figures)], rows) + [""]
-    for goal in result["goals"]:
-        sign = "at most" if goal["at_most"] else "at least"
-        text.append(f"- {goal['text']}: {number(goal['value'])}, to be {sign} {goal['bound']:g}: {'met' if goal['met'] else 'MISSED'}")
+    text += [goal_markdown(goal) for goal in result["goals"]]
     text += [f"- {note}" for note in line.notes]
     return text + [""]
 

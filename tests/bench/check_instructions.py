@@ -11,8 +11,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "bench"))
 from harness.programs import Bench  # noqa: E402
 
-BOUNDS = {"parse": 1.25, "write": 1.45}  # times expat
-IQ_BOUNDS = {64: 58000, 1: 79000}  # instructions, by how many are in flight
+BOUNDS = {"parse": 1.22, "write": 1.38}  # times expat
+IQ_BOUNDS = {64: 43000, 1: 62000}  # instructions, by how many are in flight
 STANZAS = {"iq": (100, 600), "event": (100, 600), "payload": (20, 70)}
 
 
