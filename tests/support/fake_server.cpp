@@ -16,7 +16,6 @@ constexpr char kTls[] = "urn:ietf:params:xml:ns:xmpp-tls";
 constexpr char kSasl[] = "urn:ietf:params:xml:ns:xmpp-sasl";
 constexpr char kBind[] = "urn:ietf:params:xml:ns:xmpp-bind";
 constexpr char kStanzaErrors[] = "urn:ietf:params:xml:ns:xmpp-stanzas";
-constexpr char kGrid[] = "http://quillon.internal/quillon";
 
 void require(bool done, const char *what) {
   if (!done) throw std::runtime_error(std::string("the test's server: ") + what);
@@ -55,10 +54,6 @@ std::string reply_head(const Element &iq, const std::string &jid, const char *ty
       std::string("<iq type='") + type + "' id='" + escape_xml(iq.attribute("id")) + "' to='" + escape_xml(jid) + "'";
   if (!iq.attribute("to").empty()) head.append(" from='").append(escape_xml(iq.attribute("to"))).append("'");
   return head.append(">");
-}
-
-std::string in_grid(const char *name, const std::string &content) {
-  return std::string("<") + name + " xmlns='" + kGrid + "'>" + content + "</" + name + ">";
 }
 
 }  // namespace
@@ -395,8 +390,7 @@ void FakeServer::Session::serve() {
 void FakeServer::Session::on_stanza(const Element &stanza) {
   const Options &options = server_.options_;
   if (options.on_stanza) return options.on_stanza(*this, stanza);
-  if (options.answers_pings && answer_ping(stanza)) return;
-  if (options.acts_as_controller) answer_as_controller(stanza);
+  if (options.answers_pings) answer_ping(stanza);
 }
 
 bool FakeServer::Session::answer_ping(const Element &stanza) {
@@ -404,26 +398,6 @@ bool FakeServer::Session::answer_ping(const Element &stanza) {
   if (stanza.name != "iq" || stanza.attribute("type") != "get" || stanza.child("ping") == nullptr) return false;
   if (!to.empty() && to != server_.options_.domain) return false;
   send(reply_head(stanza, jid(), "result") + "</iq>");
-  return true;
-}
-
-bool FakeServer::Session::answer_as_controller(const Element &stanza) {
-  const Element *grid = stanza.name == "iq" && stanza.attribute("type") == "get" ? stanza.child("grid") : nullptr;
-  if (grid == nullptr || grid->attribute("type") != "request" || grid->children.empty()) return false;
-  const Element &request = grid->children.front();
-  std::string payload;
-  if (request.is("connectRequest", kGrid)) {
-    payload = in_grid("connectResponse", in_grid("approvalStatus", escape_xml(server_.options_.approval)));
-  } else if (request.is("subscribeRequest", kGrid)) {
-    std::string jids;
-    for (const std::string &publisher : server_.options_.publishers) jids += in_grid("jid", escape_xml(publisher));
-    payload = in_grid("subscribeResponse", in_grid("xmppDetails", jids));
-  } else if (request.is("initPublishRequest", kGrid)) {
-    payload = in_grid("initPublishResponse", "");
-  } else {
-    payload = request.xml();
-  }
-  send(reply_head(stanza, jid(), "result") + "<grid xmlns='quillon' type='response'>" + payload + "</grid></iq>");
   return true;
 }
 

@@ -75,11 +75,6 @@ class FakeServer {
 
     bool small_window = false;  // a client that sends faster than the server reads soon has to wait
 
-    // Answers grid requests as the grid's controller does, and takes them from everybody.
-    bool acts_as_controller = false;
-    std::string approval = "approved";
-    std::vector<std::string> publishers;  // what a subscriber is told
-
     // Looks at each stanza after binding instead of the behaviour above; runs on the connection's thread.
     std::function<void(Session &, const Element &)> on_stanza;
   };
@@ -148,9 +143,8 @@ class FakeServer::Session {
   void send(std::string_view text);
   // Sends the closing tag and nothing after it.
   void close();
-  // As a server answers a ping, or as the controller answers a grid request. False for another stanza.
+  // As a server answers a ping. False for another stanza.
   bool answer_ping(const Element &stanza);
-  bool answer_as_controller(const Element &stanza);
 
  private:
   friend class FakeServer;
