@@ -3,11 +3,15 @@ import os
 import subprocess
 
 COLOURS = {"limit": "#808080", "peer": "#4878cf", "ours": "#d1382c"}
-CURVES = ("#d1382c", "#4878cf", "#808080", "#6acc65", "#956cb4")
+CURVES = {"raw socket": "#808080", "libstrophe": "#4878cf", "gloox": "#6acc65", "Warbler": "#d1382c", "libqlk": "#956cb4"}  # by how a name begins
 
 
 def quote(text):
     return '"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
+
+
+def curve_colour(name):
+    return next(colour for begin, colour in CURVES.items() if name.startswith(begin))
 
 
 def draw(path, commands, size="720,420"):
@@ -45,13 +49,13 @@ def draw_panel(folder, growth, panel, result):
         commands += [f"{size} {' '.join(str(summary[key] * panel.scale) for key in ('median', 'lowest', 'highest'))}" for size, summary in rows]
         commands.append("END")
         exponent = points["slopes"][panel.key]
-        title = quote(name if exponent is None else f"{name}: exponent {exponent:.2f}")
-        plots.append(f"$data{place} using 1:2:3:4 with yerrorlines title {title} linecolor rgb '{CURVES[place % len(CURVES)]}' pointtype 7 pointsize 0.5")
+        title = quote(name if exponent is None else f"{name}: exponent {round(exponent, 2) + 0:.2f}")
+        plots.append(f"$data{place} using 1:2:3:4 with yerrorlines title {title} linecolor rgb '{curve_colour(name)}' pointtype 7 pointsize 0.5")
     # A figure that may be zero, such as what is left behind, has no place on a logarithmic axis.
     may_be_zero = any(figures[panel.key]["lowest"] <= 0 for points in result["series"].values() for figures in points["figures"] if panel.key in figures)
     draw(os.path.join(folder, f"{growth.key}-{panel.key}.svg"), [
         *commands, f"set title {quote(growth.title)} noenhanced", f"set xlabel {quote(growth.axis)} noenhanced", f"set ylabel {quote(panel.title)} noenhanced",
-        "set logscale x", "set yrange [0:1<*]" if may_be_zero else "set logscale y", "set grid", "set key left top noenhanced", "plot " + ", ".join(plots)])
+        "set logscale x", "set yrange [0:1<*]" if may_be_zero else "set logscale y", "set grid", "set key below noenhanced", "plot " + ", ".join(plots)])
 
 
 def draw_all(folder, lines, growths, results):
