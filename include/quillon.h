@@ -1293,4 +1293,6 @@ QUILLON_API QUILLON_STATUS quillon_bulkdownload_get_error_details(quillon_bulkdo
 }
 #endif
 
+#include <quillon_async.h>
+
 #endif

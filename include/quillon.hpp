@@ -28,6 +28,7 @@
 
 #include <quillon.h>
 
+#include <quillon/async.hpp>
 #include <quillon/bulk_download.hpp>
 #include <quillon/capability.hpp>
 #include <quillon/config.hpp>

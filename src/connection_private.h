@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "async_queries.h"
 #include "client_gate.h"
 #include "event_loop.h"
 #include "quillon_connection.h"
@@ -25,6 +26,7 @@ struct SessionState {
 struct ConnectionPrivate {
   std::shared_ptr<EventLoop> loop;
   std::shared_ptr<ClientGate> gate = std::make_shared<ClientGate>();
+  std::shared_ptr<AsyncQueries> async_queries;
   std::atomic<unsigned> holds = 1;      // see ConnectionHold; the first is the application's
   std::atomic<bool> destroyed = false;  // the application has let go; only what is under way still sees the record
   std::atomic<bool> uses_loop = false;

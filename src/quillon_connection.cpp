@@ -58,6 +58,7 @@ QUILLON_STATUS allocate(quillon_connection *&out) {
   auto connection = std::unique_ptr<quillon_connection>(new (std::nothrow) quillon_connection());
   if (extra == nullptr || connection == nullptr) return fail("_quillon_connection malloc  failed", QUILLON_STATUS_MALLOC_ERROR);
   extra->loop = loop;
+  extra->async_queries = std::make_shared<qlk::AsyncQueries>(*connection);
   connection->extra = extra.release();
   connection->qlnlib = qlk::g_Qln_Lib;
   pthread_mutex_init(&connection->connect_lock, nullptr);
@@ -127,8 +128,10 @@ void _connection_cleanup(quillon_connection &connection) {
   // after it.
   qlk::query_stop(connection.query);
   qlk::notification_stop(connection.notification);
+  connection.extra->async_queries->stop_sending();
   destroy_client(connection);
   qlk::leave_loop(connection);
+  connection.extra->async_queries->close();
   wait_for_connect(connection);
   if (connection.core_capability != nullptr) quillon_capability_destroy(std::exchange(connection.core_capability, nullptr));
   quillon_notification_destroy(std::exchange(connection.notification, nullptr));

@@ -2,15 +2,12 @@
 // which one did is remembered, so that the next query starts there.
 #include "quillon_query.h"
 
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <string>
 
 #include "expanded_name.h"
 #include "guard.h"
+#include "query_request.h"
 #include "quillon_capability.h"
-#include "quillon_connection.h"
 #include "quillon_grid.h"
 #include "stanza_builder.h"
 
@@ -22,10 +19,6 @@ const char *const qresp_response_tag = "response";
 namespace {
 
 constexpr unsigned kTableBuckets = 7;
-
-bool begins_with(const char *text, const char *prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
-
-void free_key(bool, bool, void *key, void *) { std::free(key); }
 
 void free_key_and_value(bool, bool, void *key, void *value) {
   std::free(key);
@@ -41,26 +34,10 @@ bool create_table(qlk::TablePtr &out) {
   return out != nullptr;
 }
 
-// The request in its envelope, built in the payload's own context; null, logged, when that fails.
-wb_dom_node *build_request(const quillon_connection &connection, const quillon_string &jid, wb_dom_node *payload) {
-  const std::string own_jid = qlk::own_jid(connection);
-  qlk::StanzaBuilder builder(wb_dom_get_context(payload));
-  wb_dom_node *iq = builder.element(qresp_iq);
-  builder.attribute(iq, "{}to", quillon_string_cstr(&jid));
-  if (!own_jid.empty()) builder.attribute(iq, "{}from", own_jid.c_str());  // the server adds it otherwise
-  builder.attribute(iq, "{}type", "get");
-  wb_dom_node *grid = builder.element("{quillon}grid", iq);
-  builder.attribute(grid, "{}type", "request");
-  builder.child(grid, payload);
-  if (builder.ok()) return iq;
-  builder.log_failure("quillon_connection_query_with_jid");
-  return nullptr;
-}
-
 // Sends the payload, which it consumes, and waits for the reply.
 QUILLON_STATUS send_and_wait(quillon_connection *connection, const quillon_string &jid, qlk::NodePtr payload,
                              qlk::NodePtr &reply) {
-  wb_dom_node *iq = build_request(*connection, jid, payload.get());
+  wb_dom_node *iq = qlk::build_request(*connection, jid, payload.get());
   if (iq == nullptr) return QUILLON_STATUS_XML_ERROR;
   quillon_data *data = nullptr;
   QUILLON_STATUS status = quillon_wb_client_create(&data, connection);
@@ -75,100 +52,20 @@ QUILLON_STATUS send_and_wait(quillon_connection *connection, const quillon_strin
   return status;
 }
 
-QUILLON_STATUS refuse_reply(const char *message, QUILLON_STATUS status) {
-  wb_log(WB_LOG_ERROR, "%s", message);
-  return status;
-}
-
-// Takes the payload out of the reply. On failure the reply is released.
-QUILLON_STATUS read_reply(qlk::NodePtr reply, qlk::NodePtr &response) {
-  const char *type = wb_dom_get_attribute(reply.get(), "type");
-  if (type == nullptr) return refuse_reply("get attribute type failed", QUILLON_STATUS_XMPP_ERROR);
-  if (!begins_with(type, qresp_result_tag)) {
-    quillon_log_wb_dom(WB_LOG_DEBUG, reply.get(), "result");
-    wb_log(WB_LOG_DEBUG, "response type=%s did not match qresp_result_tag=%s", type, qresp_result_tag);
-    return QUILLON_STATUS_XMPP_ERROR;
-  }
-  const wb_dom_node *grid = wb_dom_get_first_child(reply.get());
-  if (grid == nullptr) return refuse_reply("get first child failed", QUILLON_STATUS_XMPP_ERROR);
-  const char *grid_type = wb_dom_get_attribute(grid, "type");
-  if (grid_type == nullptr || !begins_with(grid_type, qresp_response_tag)) {
-    quillon_log_wb_dom(WB_LOG_DEBUG, reply.get(), "result");
-    wb_log(WB_LOG_DEBUG, "response type=%s did not match qresp_response_tag=%s", grid_type != nullptr ? grid_type : "(null)",
-           qresp_response_tag);
-    return QUILLON_STATUS_QUILLON_ERROR;
-  }
-  wb_dom_node *payload = wb_dom_get_first_child(grid);
-  if (payload == nullptr) return refuse_reply("response is null", QUILLON_STATUS_QUILLON_ERROR);
-  static_cast<void>(reply.release());  // of one context with the payload, which owns it now
-  response.reset(payload);
-  return QUILLON_STATUS_OK;
-}
-
 // One attempt; consumes the payload.
 QUILLON_STATUS ask(const quillon_query &query, const quillon_string &jid, qlk::NodePtr payload, qlk::NodePtr &response) {
   qlk::NodePtr reply;
   const QUILLON_STATUS status = send_and_wait(query.connection, jid, std::move(payload), reply);
-  return status == QUILLON_STATUS_OK ? read_reply(std::move(reply), response) : status;
-}
-
-// The same payload in a context of its own. An attempt that was given up may still be waiting to be written by the event loop, so
-// that its envelope must not lose the payload to the next one.
-qlk::NodePtr copy_payload(const wb_dom_node *payload) {
-  wb_dom_ctx *created = nullptr;
-  wb_err err = {};
-  wb_dom_node *copy = nullptr;
-  if (wb_dom_context_create(&created, &err)) {
-    qlk::DomContextPtr context(created);
-    if (wb_dom_import(created, payload, true, &copy, &err)) {
-      static_cast<void>(context.release());  // the copy owns it
-      return qlk::NodePtr(copy);
-    }
-  }
-  wb_log_err(WB_LOG_ERROR, &err, "quillon_connection_query_with_jid");
-  return nullptr;
+  return status == QUILLON_STATUS_OK ? qlk::read_reply(std::move(reply), response) : status;
 }
 
 bool tries_next(QUILLON_STATUS status) { return status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR; }
-
-// Which publisher answered last, by the capability's key. The table owns its keys, so that no capability is looked at later.
-class StickyIndex {
- public:
-  StickyIndex(_quillon_query &query, const quillon_capability &capability)
-      : query_(query), key_(qlk::capability_sticky_key(capability)) {}
-
-  // The index stored; when there is none, 0 is stored.
-  size_t read() {
-    const std::lock_guard lock(query_.map_mutex);
-    const auto stored = reinterpret_cast<uintptr_t>(wb_htable_get(table(), key_.data()));
-    if (stored != 0) return stored - 1;
-    store_locked(0);
-    return 0;
-  }
-
-  void store(size_t index) {
-    const std::lock_guard lock(query_.map_mutex);
-    store_locked(index);
-  }
-
- private:
-  wb_htable *table() { return query_.map_of_capability_to_sticky_index.get(); }
-
-  void store_locked(size_t index) {
-    char *key = strdup(key_.data());
-    if (key != nullptr && wb_htable_put(table(), key, reinterpret_cast<void *>(index + 1), free_key, nullptr)) return;
-    std::free(key);  // the choice is not remembered: the next query starts where it would have started
-  }
-
-  _quillon_query &query_;
-  const qlk::StickyKey key_;
-};
 
 // Asks the publishers in turn, each once, beginning with the sticky one. On CAPABILITY_NOT_FOUND the request is left to its
 // owner.
 QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &capability, qlk::NodePtr &request,
                               qlk::NodePtr &response) {
-  StickyIndex sticky(query, capability);
+  qlk::StickyIndex sticky(query, capability);
   const size_t start = sticky.read();
   const size_t count = qlk::capability_count_jids(capability);
   if (count == 0) return QUILLON_STATUS_CAPABILITY_NOT_FOUND;
@@ -180,7 +77,7 @@ QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &c
     const qlk::StringPtr jid = qlk::capability_copy_jid(capability, i);
     if (jid == nullptr) return attempt == 1 ? QUILLON_STATUS_CAPABILITY_NOT_FOUND : status;
     const bool last = attempt == count;
-    qlk::NodePtr payload = last ? std::move(request) : copy_payload(request.get());
+    qlk::NodePtr payload = last ? std::move(request) : qlk::copy_payload(request.get());
     if (payload == nullptr) return QUILLON_STATUS_XML_ERROR;
     status = ask(query, *jid, std::move(payload), response);
     if (!tries_next(status)) break;

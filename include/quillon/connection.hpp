@@ -2,12 +2,15 @@
 #ifndef QUILLON_CONNECTION_HPP
 #define QUILLON_CONNECTION_HPP
 
+#include <quillon/async.hpp>
 #include <quillon/capability.hpp>
 #include <quillon/config.hpp>
 #include <quillon/detail.hpp>
 #include <quillon/xml.hpp>
 
+#include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -171,6 +174,45 @@ class connection {
     });
   }
 
+  // Begins to ask the publishers of the capability, which happens within the time, and calls the handler exactly once with what
+  // became of it: see quillon_connection_query_async.
+  // Thread:  any; it does not block.
+  // Returns: what the call can be cancelled with, which nobody need keep, or, and then nothing was begun and the handler is not
+  //          called, QUILLON_STATUS_INVALID_ARGS, QUILLON_STATUS_XML_ERROR (the request is empty), QUILLON_STATUS_NO_CONNECTION
+  //          (the connection is being destroyed), QUILLON_STATUS_PTHREAD_ERROR or QUILLON_STATUS_MALLOC_ERROR
+  result<pending_query> query_async(const any_capability &asked, xml::element request, std::chrono::milliseconds within,
+                                    query_handler done) noexcept {
+    return detail::guarded([&] { return detail::ask_later(beginner(asked), std::move(request), within, std::move(done)); });
+  }
+
+  // The same, asking the controller.
+  result<pending_query> query_controller_async(xml::element request, std::chrono::milliseconds within,
+                                               query_handler done) noexcept {
+    return detail::guarded([&] { return detail::ask_later(beginner(), std::move(request), within, std::move(done)); });
+  }
+
+  // The same with a future for the end, which must not be waited for in a handler of such a query.
+  result<std::future<query_end>> query_future(const any_capability &asked, xml::element request,
+                                              std::chrono::milliseconds within) noexcept {
+    return detail::guarded([&] { return promised(beginner(asked), std::move(request), within); });
+  }
+
+  // The same, asking the controller.
+  result<std::future<query_end>> query_controller_future(xml::element request, std::chrono::milliseconds within) noexcept {
+    return detail::guarded([&] { return promised(beginner(), std::move(request), within); });
+  }
+
+  // The same for a coroutine: query_end end = co_await connection.query_awaited(weather, request, 5s). The connection and the
+  // capability have to stay until the co_await has begun the call. Throws std::bad_alloc.
+  awaited_query query_awaited(const any_capability &asked, xml::element request, std::chrono::milliseconds within) {
+    return {beginner(asked), std::move(request), within};
+  }
+
+  // The same, asking the controller.
+  awaited_query query_controller_awaited(xml::element request, std::chrono::milliseconds within) {
+    return {beginner(), std::move(request), within};
+  }
+
   // Asks the controller for the registered capabilities. Blocks as query_controller.
   // Returns: its answer, or QUILLON_STATUS_NO_CONNECTION when nothing could be sent, and what query_controller returns
   result<xml::element> capabilities() noexcept {
@@ -285,6 +327,30 @@ class connection {
     // With these two the request was not consumed.
     if (status == QUILLON_STATUS_CAPABILITY_NOT_FOUND || status == QUILLON_STATUS_INVALID_ARGS) xml::element::adopt(payload);
     return answered(status, answer);
+  }
+
+  detail::begin_query beginner(const any_capability &asked) const {
+    return [asking = handle(), of = asked.handle()](wb_dom_node *request, uint32_t milliseconds, quillon_query_done_cb done,
+                                                    void *argument, quillon_pending_query **pending) {
+      return quillon_connection_query_async(asking, of, request, milliseconds, done, argument, pending);
+    };
+  }
+
+  detail::begin_query beginner() const {
+    return [asking = handle()](wb_dom_node *request, uint32_t milliseconds, quillon_query_done_cb done, void *argument,
+                               quillon_pending_query **pending) {
+      return quillon_connection_query_controller_async(asking, request, milliseconds, done, argument, pending);
+    };
+  }
+
+  static result<std::future<query_end>> promised(const detail::begin_query &begin, xml::element request,
+                                                 std::chrono::milliseconds within) {
+    const auto promise = std::make_shared<std::promise<query_end>>();
+    std::future<query_end> future = promise->get_future();
+    const auto begun =
+        detail::ask_later(begin, std::move(request), within, [promise](query_end end) { promise->set_value(std::move(end)); });
+    if (!begun.ok()) return begun.status();
+    return future;
   }
 
   std::unique_ptr<state> state_;

@@ -355,6 +355,21 @@ class Queries(Case):
         self.assertEqual(130, endless.end())
         self.assertRegex(endless.err[-1], r"\d+ answered, \d failed: min ")
 
+    def test_many_at_once(self):
+        ann, bob = self.grid.member("ann"), self.grid.member("bob")
+        answer = self.file("answer.xml", "<fine/>\n")
+        server = self.serving(ann, "Weather", "--element", "{urn:x}day", "--file", answer, "--quiet")
+        out, err = self.qlk(bob, "query", "Weather", "<day xmlns='urn:x'/>", "--repeat", "200", "--in-flight", "20")
+        self.assertEqual("<fine/>\n" * 200, out)
+        self.assertIn("200 answered, 0 failed: min ", err)
+        err = self.qlk(bob, "query", "Weather", "<night xmlns='urn:x'/>", "--repeat", "3", "--in-flight", "2", "--deadline", "300", code=4)[1]
+        self.assertIn("3 queries, none answered; 0 refused, 0 not sent, 3 with unknown outcome", err)
+        self.assertIn("cannot query Weather", self.qlk(bob, "query", "Weather", "<night xmlns='urn:x'/>", "--deadline", "300", code=4)[1])
+        endless = self.start(bob, "query", "Weather", "<day xmlns='urn:x'/>", "--repeat", "0", "--in-flight", "5")
+        endless.until(endless.out, "fine")
+        self.assertEqual(130, endless.end())
+        self.assertEqual(130, server.end())
+
     def test_what_goes_unanswered(self):
         ann, bob = self.grid.member("ann"), self.grid.member("bob")
         pid = self.place / "pid"

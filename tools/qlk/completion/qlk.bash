@@ -8,7 +8,7 @@ _qlk_options() {
     status) echo --of-version --json ;;
     subscribe) echo --namespace --dynamic --element --count --json --reconnect ;;
     publish) echo --namespace --dynamic --file ;;
-    query) echo --namespace --dynamic --file --repeat --interval --json --quiet ;;
+    query) echo --namespace --dynamic --file --repeat --interval --in-flight --deadline --json --quiet ;;
     serve) echo --namespace --dynamic --file --element --limit --reconnect --quiet ;;
     propose | modify) echo --namespace --dynamic --define-version --query --action --about --platform ;;
     authorized) echo --quiet ;;
@@ -46,7 +46,7 @@ _qlk() {
       compopt -o filenames 2>/dev/null
       return
       ;;
-    --host | --user | --passphrase-fd | --group | --description | --timeout | --namespace | --element | --count | --repeat | --interval | \
+    --host | --user | --passphrase-fd | --group | --description | --timeout | --namespace | --element | --count | --repeat | --interval | --in-flight | --deadline | \
       --limit | --of-version | --define-version | --query | --action | --about | --platform | --expect | -n | -e | -i | -l) return ;;
   esac
   if [[ -z $command ]]; then

@@ -1,0 +1,89 @@
+// The asynchronous queries of a connection: those in flight, and the two threads that serve them.
+//
+// A call is in flight from begin until it ends, which happens once, under the mutex: by an answer (on the loop), by its time (on
+// the timer thread), by a cancellation or a refusal to be sent (on any thread). It then waits for the completion thread, which
+// calls back. Nothing that ends a call needs memory. Time has a thread of its own, so that neither a callback that blocks nor a
+// loop that is held up keeps a publisher from being passed over or a deadline from passing.
+#pragma once
+
+#include <pthread.h>
+
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "monitor_wait.h"
+#include "quillon.h"
+#include "quillon_capability.h"
+#include "stanza_builder.h"
+
+namespace qlk {
+
+struct AsyncCall;
+struct AsyncAttempt;
+using AsyncCallPtr = std::shared_ptr<AsyncCall>;
+
+class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
+ public:
+  explicit AsyncQueries(quillon_connection &connection) : connection_(connection) {}
+  ~AsyncQueries();
+  AsyncQueries(const AsyncQueries &) = delete;
+  AsyncQueries &operator=(const AsyncQueries &) = delete;
+
+  // Takes the request, one reference of its context, when the result is OK. Without a capability the controller is asked.
+  QUILLON_STATUS begin(quillon_capability *capability, wb_dom_node *request, std::chrono::milliseconds time,
+                       quillon_query_done_cb callback, void *user_data, quillon_pending_query **pending);
+  void cancel(AsyncCall &call);
+
+  // Ends the timer: nothing is sent any more. To be called before the connection's client goes.
+  void stop_sending();
+  // Ends what is left, has everything called back and joins the completion thread. Called by a callback, it calls back itself.
+  // After the client, which has called back all that it tracked.
+  void close();
+
+ private:
+  friend struct AsyncCall;
+  // By the time at which something is to be done about them.
+  using InFlight = std::multimap<SteadyClock::time_point, AsyncCallPtr>;
+  struct End {
+    QUILLON_QUERY_OUTCOME outcome;
+    QUILLON_STATUS status;
+  };
+
+  bool start_threads_locked();
+  bool start_thread_locked(pthread_t &thread, void *(*run)(void *));
+  static void *run_timer(void *self);
+  void watch_time();
+  void time_is_up(AsyncCallPtr call, std::unique_lock<std::mutex> &lock);
+  static void *run_completions(void *self);
+  void call_back_all(std::unique_lock<std::mutex> &lock);
+  void wake_completions_locked();
+
+  void ask_next(const AsyncCallPtr &call);
+  QUILLON_STATUS send_next(const AsyncCallPtr &call);
+  bool admit(AsyncAttempt &attempt);
+  static void on_done(void *attempt, QUILLON_STATUS status, wb_dom_node *reply);
+  void on_answer(const AsyncAttempt &attempt, QUILLON_STATUS status, NodePtr response);
+  void on_refusal(const AsyncAttempt &attempt);
+  void not_sent_locked(AsyncCall &call, QUILLON_STATUS status);
+  void wait_until_locked(AsyncCall &call, SteadyClock::time_point when);
+  static End end_without_answer(const AsyncCall &call, QUILLON_STATUS status);
+  void finish_locked(AsyncCall &call, End end);
+
+  quillon_connection &connection_;
+
+  std::mutex mutex_;
+  std::condition_variable time_changed_, completed_;
+  // All under mutex_.
+  InFlight in_flight_;
+  AsyncCallPtr first_ended_;                                          // those that wait for their callback
+  AsyncCall *last_ended_ = nullptr;                                   // null when there is none
+  SteadyClock::time_point watched_ = SteadyClock::time_point::min();  // what the timer sleeps for; min: it is awake
+  bool completions_asleep_ = false;                                   // and nobody is about to wake it
+  bool is_stopped_ = false, is_closed_ = false;
+  bool has_timer_ = false, has_completions_ = false;  // threads to be joined
+  pthread_t timer_ = {}, completions_ = {};
+};
+
+}  // namespace qlk
