@@ -894,7 +894,8 @@ QUILLON_API QUILLON_STATUS quillon_query_handle(quillon_query *query, wb_dom_nod
  *          QUILLON_STATUS_QUILLON_ERROR         a publisher answered, but with no response
  *          QUILLON_STATUS_XML_ERROR             the request could not be built
  *          QUILLON_STATUS_UNKNOWN               there is no session, or it did not take the request
- *          QUILLON_STATUS_SEND_ERROR            the request could not be handed to the event loop */
+ *          QUILLON_STATUS_SEND_ERROR            the request could not be handed to the event loop
+ *          QUILLON_STATUS_NO_CONNECTION         the connection was drained, see quillon_connection_drain; nothing was sent */
 QUILLON_API QUILLON_STATUS quillon_query_call(quillon_query *query, quillon_capability *capability, wb_dom_node *request,
                                               wb_dom_node **response);
 

@@ -66,7 +66,7 @@ typedef struct _quillon_pending_query quillon_pending_query;
  * Returns: QUILLON_STATUS_OK             the callback will run, exactly once, with what became of it
  *          anything else: nothing was begun, and the callback does not run:
  *          QUILLON_STATUS_INVALID_ARGS   connection, capability, request or callback is NULL
- *          QUILLON_STATUS_NO_CONNECTION  the connection is being destroyed
+ *          QUILLON_STATUS_NO_CONNECTION  the connection was drained, or is being destroyed
  *          QUILLON_STATUS_PTHREAD_ERROR  the threads could not be started */
 QUILLON_API QUILLON_STATUS quillon_connection_query_async(quillon_connection *connection, quillon_capability *capability,
                                                           wb_dom_node *request, uint32_t milliseconds,
@@ -87,6 +87,26 @@ QUILLON_API QUILLON_STATUS quillon_pending_query_cancel(quillon_pending_query *p
 
 /* Frees the handle; the call goes on. NULL is harmless. Thread: any; it does not block. */
 QUILLON_API void quillon_pending_query_destroy(quillon_pending_query *pending);
+
+/* ---- Leaving in order --------------------------------------------------------------------------------------- */
+
+/* Leaves the grid by a deadline, in milliseconds from now. From the call on no query is sent any more: synchronous ones, and what
+ * else asks the controller, return QUILLON_STATUS_NO_CONNECTION, as asynchronous ones do, until quillon_connection_connect is
+ * called again. Those under way may end; then the requests that had arrived are answered; then the session is ended as
+ * quillon_connection_disconnect does. Stop a quillon_reconnection first, or it connects again.
+ *   At the deadline what is left is cut short: asynchronous calls end with QUILLON_STATUS_SEND_TIMEOUT and their callbacks run,
+ * synchronous ones return with the end of the session, and stanzas that wait for a handler are dropped. After the return no
+ * callback of the connection runs, until it connects again.
+ *   It may be called out of every callback but disconnect_cb and the TLS context's: the callback that calls it goes on when it
+ * returns, and those of other calls run within it. A callback may destroy the connection meanwhile; it then returns at once.
+ * Blocks:  until all has ended, at most the milliseconds and what quillon_connection_disconnect takes; longer only for callbacks
+ *          that are running, unless they drain the connection too.
+ * Thread:  any but the event loop's.
+ * Returns: QUILLON_STATUS_OK            everything had ended before the deadline, also without a session
+ *          QUILLON_STATUS_SEND_TIMEOUT  something was cut short; the session is ended all the same
+ *          QUILLON_STATUS_SEND_ERROR    called on the event loop: nothing was done
+ *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted, and the session may still be up */
+QUILLON_API QUILLON_STATUS quillon_connection_drain(quillon_connection *connection, uint32_t milliseconds);
 
 #ifdef __cplusplus
 }

@@ -77,7 +77,6 @@ SteadyClock::time_point end_of_share(const AsyncCall &call, size_t left, int sen
 }
 
 void call_back(AsyncCall &call) {
-  call.request.reset();
   const quillon_query_result result = {.outcome = call.outcome,
                                        .status = call.status,
                                        .publisher = call.publisher != nullptr ? call.publisher->c_str() : nullptr,
@@ -161,11 +160,17 @@ void AsyncQueries::call_back_all(std::unique_lock<std::mutex> &lock) {
     AsyncCallPtr call = std::move(first_ended_);
     first_ended_ = std::move(call->next);
     if (first_ended_ == nullptr) last_ended_ = nullptr;
+    // Who is just asking still reads the request; a handle that is kept need not keep it for longer than that.
+    NodePtr request = call->asking ? nullptr : std::move(call->request);
+    ++callbacks_;
     lock.unlock();
+    request.reset();
     call_back(*call);
     call.reset();
     lock.lock();
+    --callbacks_;
   }
+  quiet_.notify_all();
 }
 
 // The event loop reads many answers at once: one wake-up serves for all of them.
@@ -194,7 +199,7 @@ QUILLON_STATUS AsyncQueries::begin(quillon_capability *capability, wb_dom_node *
   std::unique_ptr<quillon_pending_query> handle(pending != nullptr ? new quillon_pending_query{call} : nullptr);
   {
     const std::lock_guard lock(mutex_);
-    if (is_closed_ || is_stopped_) return QUILLON_STATUS_NO_CONNECTION;
+    if (refuses_new_ || is_closed_ || is_stopped_) return QUILLON_STATUS_NO_CONNECTION;
     if (!start_threads_locked()) return QUILLON_STATUS_PTHREAD_ERROR;
     call->place = in_flight_.emplace(call->deadline, call);
   }
@@ -341,6 +346,53 @@ void AsyncQueries::cancel(AsyncCall &call) {
 
 // ---- The end
 
+void AsyncQueries::refuse_new() {
+  const std::lock_guard lock(mutex_);
+  refuses_new_ = true;
+}
+
+void AsyncQueries::resume() {
+  const std::lock_guard lock(mutex_);
+  refuses_new_ = false;
+}
+
+bool AsyncQueries::calls_back_here_locked() const { return has_completions_ && pthread_equal(completions_, pthread_self()) != 0; }
+
+void AsyncQueries::finish_all_locked(QUILLON_STATUS status) {
+  while (!in_flight_.empty()) {
+    AsyncCall &call = *in_flight_.begin()->second;
+    finish_locked(call, end_without_answer(call, status));
+  }
+}
+
+bool AsyncQueries::settle(SteadyClock::time_point deadline) {
+  std::unique_lock lock(mutex_);
+  const bool is_here = calls_back_here_locked();
+  const bool was_excused = is_excused_;
+  if (is_here) {
+    is_excused_ = true;
+    quiet_.notify_all();
+    call_back_all(lock);
+    while (!in_flight_.empty() && SteadyClock::now() < deadline) {
+      completions_asleep_ = true;
+      completed_.wait_until(lock, deadline);
+      completions_asleep_ = false;
+      call_back_all(lock);
+    }
+  } else {
+    quiet_.wait_until(lock, deadline, [this] { return in_flight_.empty() && is_quiet_locked(); });
+  }
+  const bool is_in_time = in_flight_.empty();
+  finish_all_locked(QUILLON_STATUS_SEND_TIMEOUT);
+  if (is_here) {
+    call_back_all(lock);
+    is_excused_ = was_excused;
+  } else {
+    quiet_.wait(lock, [this] { return is_quiet_locked(); });
+  }
+  return is_in_time;
+}
+
 void AsyncQueries::stop_sending() {
   {
     const std::lock_guard lock(mutex_);
@@ -354,12 +406,11 @@ void AsyncQueries::stop_sending() {
 void AsyncQueries::close() {
   std::unique_lock lock(mutex_);
   is_closed_ = true;
-  while (!in_flight_.empty()) {
-    AsyncCall &call = *in_flight_.begin()->second;
-    finish_locked(call, end_without_answer(call, QUILLON_STATUS_CONNECTION_ERROR));
-  }
+  finish_all_locked(QUILLON_STATUS_CONNECTION_ERROR);
+  quiet_.notify_all();
+  const bool is_here = calls_back_here_locked();
   if (!std::exchange(has_completions_, false)) return;
-  if (pthread_equal(completions_, pthread_self()) != 0) {
+  if (is_here) {
     pthread_detach(completions_);
     return call_back_all(lock);
   }

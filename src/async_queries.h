@@ -36,6 +36,13 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
                        quillon_query_done_cb callback, void *user_data, quillon_pending_query **pending);
   void cancel(AsyncCall &call);
 
+  // Lets no call begin until resume.
+  void refuse_new();
+  void resume();
+  // Waits until all calls have ended and been called back; those that have not at the deadline are ended, with the status of a
+  // time-out, and called back before it returns. Called by a callback it calls back itself. False when some were ended.
+  bool settle(SteadyClock::time_point deadline);
+
   // Ends the timer: nothing is sent any more. To be called before the connection's client goes.
   void stop_sending();
   // Ends what is left, has everything called back and joins the completion thread. Called by a callback, it calls back itself.
@@ -70,18 +77,24 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   void wait_until_locked(AsyncCall &call, SteadyClock::time_point when);
   static End end_without_answer(const AsyncCall &call, QUILLON_STATUS status);
   void finish_locked(AsyncCall &call, End end);
+  void finish_all_locked(QUILLON_STATUS status);
+  bool calls_back_here_locked() const;
+  // Whether no callback is to come or runs; one that waits in settle itself is not waited for.
+  bool is_quiet_locked() const { return is_closed_ || (first_ended_ == nullptr && (callbacks_ == 0 || is_excused_)); }
 
   quillon_connection &connection_;
 
   std::mutex mutex_;
-  std::condition_variable time_changed_, completed_;
+  std::condition_variable time_changed_, completed_, quiet_;
   // All under mutex_.
   InFlight in_flight_;
   AsyncCallPtr first_ended_;                                          // those that wait for their callback
   AsyncCall *last_ended_ = nullptr;                                   // null when there is none
   SteadyClock::time_point watched_ = SteadyClock::time_point::min();  // what the timer sleeps for; min: it is awake
   bool completions_asleep_ = false;                                   // and nobody is about to wake it
-  bool is_stopped_ = false, is_closed_ = false;
+  size_t callbacks_ = 0;                                              // that are under way, each but the first within another
+  bool is_excused_ = false;                                           // one of them is in settle
+  bool refuses_new_ = false, is_stopped_ = false, is_closed_ = false;
   bool has_timer_ = false, has_completions_ = false;  // threads to be joined
   pthread_t timer_ = {}, completions_ = {};
 };

@@ -114,7 +114,40 @@ void DispatchThread::stop() {
     const std::lock_guard lock(mutex_);  // between the thread's look at the flag and its sleep
   }
   changed_.notify_one();
+  idle_.notify_all();
   pthread_join(thread_, nullptr);
+}
+
+bool DispatchThread::wait_until_idle(SteadyClock::time_point deadline) {
+  if (is_self()) return true;
+  std::unique_lock lock(mutex_);
+  return idle_.wait_until(lock, deadline, [this] { return is_idle_locked(); });
+}
+
+bool DispatchThread::settle(SteadyClock::time_point deadline) {
+  const bool is_idle = wait_until_idle(deadline);
+  std::vector<NodePtr> dropped;  // freed without the lock
+  std::unique_lock lock(mutex_);
+  const bool drops = !is_idle || queued() > 0;
+  if (drops) drops_ = true;
+  queued_.fetch_sub(waiting_.size(), std::memory_order_relaxed);
+  dropped.swap(waiting_);
+  idle_.notify_all();
+  if (!is_self()) idle_.wait(lock, [this] { return is_quiet_locked(); });
+  return !drops;
+}
+
+DispatchThread::Excused::Excused(DispatchThread &thread) : thread_(thread.is_self() ? &thread : nullptr) {
+  if (thread_ == nullptr) return;
+  const std::lock_guard lock(thread_->mutex_);
+  thread_->is_excused_ = true;
+  thread_->idle_.notify_all();
+}
+
+DispatchThread::Excused::~Excused() {
+  if (thread_ == nullptr) return;
+  const std::lock_guard lock(thread_->mutex_);
+  thread_->is_excused_ = false;
 }
 
 void *DispatchThread::run(void *start) {
@@ -128,11 +161,15 @@ void DispatchThread::await(std::vector<NodePtr> &batch) {
   batch.clear();
   if (batch.capacity() > kCapacityKept) batch.shrink_to_fit();
   std::unique_lock lock(mutex_);
+  busy_ = false;
+  if (waiting_.empty()) idle_.notify_all();
   while (waiting_.empty() && keep_running()) {
     asleep_ = true;
     changed_.wait(lock);
   }
   asleep_ = false;
+  busy_ = true;
+  drops_ = false;
   batch.swap(waiting_);
 }
 
@@ -145,6 +182,7 @@ void DispatchThread::loop(void *owner, Handler handler) {
       const NodePtr stanza = std::move(waiting);
       const size_t depth = queued_.fetch_sub(1, std::memory_order_relaxed) - 1;
       if (alarm_.load(std::memory_order_relaxed) != Alarm::kNone && depth <= warning_.load(std::memory_order_relaxed) / 2) calm();
+      if (drops_.load(std::memory_order_relaxed)) continue;
       guarded_void("dispatch", [&] { handler(owner, stanza.get()); });
     }
   }

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "monitor_wait.h"
 #include "quillon.h"
 #include "stanza_builder.h"
 
@@ -53,6 +54,27 @@ class DispatchThread {
   // end when the handler returns. Only the first call does anything.
   void stop();
 
+  // Waits until nothing is queued and no handler runs. False when that does not come about before the deadline. Called by a
+  // handler it does not wait.
+  bool wait_until_idle(SteadyClock::time_point deadline);
+
+  // The same, and then drops what is still queued and waits for the handler that runs, however long it takes. Nothing may be
+  // pushed any more. False when something was dropped.
+  bool settle(SteadyClock::time_point deadline);
+
+  // For the scope of a call that waits for other threads' handlers: while a handler of this thread makes it, those who wait for
+  // this thread to be idle do not wait for that handler, since it may be waiting for them.
+  class Excused {
+   public:
+    explicit Excused(DispatchThread &thread);
+    ~Excused();
+    Excused(const Excused &) = delete;
+    Excused &operator=(const Excused &) = delete;
+
+   private:
+    DispatchThread *const thread_;  // null on another thread
+  };
+
   // False once stop was called.
   bool keep_running() const { return keep_running_.load(std::memory_order_acquire); }
 
@@ -73,12 +95,18 @@ class DispatchThread {
   static void *run(void *start);
   void loop(void *owner, Handler handler);
   void await(std::vector<NodePtr> &batch);
+  bool is_self() const { return pthread_equal(pthread_self(), thread_) != 0; }
+  bool is_idle_locked() const { return !keep_running() || (queued() == 0 && is_quiet_locked()); }
+  bool is_quiet_locked() const { return !keep_running() || !busy_ || is_excused_; }
   void wake();
 
   std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<NodePtr> waiting_;  // under mutex_
-  bool asleep_ = false;           // the thread waits and nobody is about to wake it; under mutex_
+  std::condition_variable changed_, idle_;
+  std::vector<NodePtr> waiting_;     // under mutex_
+  bool asleep_ = false;              // the thread waits and nobody is about to wake it; under mutex_
+  bool busy_ = false;                // it has taken stanzas and handles them; under mutex_
+  bool is_excused_ = false;          // under mutex_
+  std::atomic<bool> drops_ = false;  // what was taken is not handled any more
   std::weak_ptr<void> owner_;
   const char *const content_;
   std::atomic<size_t> queued_ = 0;

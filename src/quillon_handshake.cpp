@@ -403,6 +403,8 @@ QUILLON_STATUS connect_locked(quillon_connection &connection, const std::atomic<
   }
   if (connection.extra->loop->is_closed()) return fail("the library has been shut down", QUILLON_STATUS_CONNECTION_ERROR);
   if (!end_previous_session(connection)) return QUILLON_STATUS_CONNECTION_ERROR;
+  connection.query->calls.open();  // in case it was drained
+  connection.extra->async_queries->resume();
   if (const QUILLON_STATUS status = read_target(connection); status != QUILLON_STATUS_OK) return status;
   limit_handler_queues(connection);
   wb_log(WB_LOG_INFO, "connecting to host %s .......", connection.extra->host.c_str());

@@ -93,6 +93,13 @@ bool put_handler(_quillon_query &query, char *key, quillon_query_callback_info *
   return wb_htable_put(query.map_of_name_to_callback.get(), key, info, free_key_and_value, nullptr);
 }
 
+// While the connection is drained nothing new is asked.
+QUILLON_STATUS refuse_call(wb_dom_node *request) {
+  const qlk::NodePtr unsent(request);
+  wb_log(WB_LOG_ERROR, "the connection is drained: no query is sent");
+  return QUILLON_STATUS_NO_CONNECTION;
+}
+
 // Hands the response to the caller, who may not want it.
 void hand_over(qlk::NodePtr response, wb_dom_node **out) {
   if (out != nullptr) *out = response.release();
@@ -172,6 +179,9 @@ QUILLON_STATUS quillon_query_call(quillon_query *query, quillon_capability *capa
   if (capability == nullptr) return qlk::refuse("capability is null");
   if (request == nullptr) return qlk::refuse("request is null");
   if (query->connection == nullptr) return qlk::refuse("invalid connection object");
+  const std::shared_ptr<_quillon_query> kept = query->self;  // a destroy that wakes this call does not wait for it
+  const qlk::CallGate::Pass pass(query->calls);
+  if (!pass) return refuse_call(request);
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     qlk::NodePtr owned(request);
     qlk::NodePtr received;
@@ -190,6 +200,9 @@ QUILLON_STATUS quillon_query_call_with_jid(quillon_query *query, const quillon_s
   if (jid == nullptr) return qlk::refuse("jid is null");
   if (request == nullptr) return qlk::refuse("request is null");
   if (query->connection == nullptr) return qlk::refuse("invalid connection object");
+  const std::shared_ptr<_quillon_query> kept = query->self;  // a destroy that wakes this call does not wait for it
+  const qlk::CallGate::Pass pass(query->calls);
+  if (!pass) return refuse_call(request);
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     qlk::NodePtr received;
     const QUILLON_STATUS status = ask(*query, *jid, qlk::NodePtr(request), received);

@@ -3,6 +3,7 @@
 #include <memory>
 #include <mutex>
 
+#include "call_gate.h"
 #include "dispatch_thread.h"
 #include "owners.h"
 #include "quillon.h"
@@ -13,6 +14,7 @@ struct _quillon_query {
   qlk::TablePtr map_of_name_to_callback;
   std::mutex map_mutex;                            // guards both tables
   qlk::DispatchThread request_handler{"queries"};  // thread, queue and run flag
+  qlk::CallGate calls;                             // synchronous queries
   std::shared_ptr<_quillon_query> self;            // the creator's reference; the handler thread has one too
 };
 

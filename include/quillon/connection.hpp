@@ -146,6 +146,16 @@ class connection {
   // Returns: QUILLON_STATUS_OK, also without a session
   result<> disconnect() noexcept { return quillon_connection_disconnect(handle()); }
 
+  // Leaves the grid within the time: sends no query any more, lets those under way end, answers the requests that have arrived,
+  // and disconnects. What is left then is cut short. No handler runs afterwards, until it connects again: see
+  // quillon_connection_drain.
+  // Blocks:  until all has ended, at most so long and what disconnect takes; longer only for handlers that are running.
+  // Thread:  any but the event loop's; every other handler may call it.
+  // Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_SEND_TIMEOUT when something was cut short
+  result<> drain(std::chrono::milliseconds within) noexcept {
+    return quillon_connection_drain(handle(), detail::whole_milliseconds(within));
+  }
+
   // True while the connection is part of the grid: false while its account is pending. Thread: any.
   bool is_connected() const noexcept { return quillon_connection_is_connected(handle()); }
 
@@ -179,7 +189,7 @@ class connection {
   // Thread:  any; it does not block.
   // Returns: what the call can be cancelled with, which nobody need keep, or, and then nothing was begun and the handler is not
   //          called, QUILLON_STATUS_INVALID_ARGS, QUILLON_STATUS_XML_ERROR (the request is empty), QUILLON_STATUS_NO_CONNECTION
-  //          (the connection is being destroyed), QUILLON_STATUS_PTHREAD_ERROR or QUILLON_STATUS_MALLOC_ERROR
+  //          (the connection was drained), QUILLON_STATUS_PTHREAD_ERROR or QUILLON_STATUS_MALLOC_ERROR
   result<pending_query> query_async(const any_capability &asked, xml::element request, std::chrono::milliseconds within,
                                     query_handler done) noexcept {
     return detail::guarded([&] { return detail::ask_later(beginner(asked), std::move(request), within, std::move(done)); });

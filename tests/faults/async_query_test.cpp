@@ -298,6 +298,118 @@ TEST_F(AsyncQuery, TheControllerIsAskedToo) {
             wait_for(1));
 }
 
+// ---- Leaving in order
+
+class Drain : public AsyncQuery {
+ protected:
+  QUILLON_STATUS drain(uint32_t milliseconds = kLong) { return quillon_connection_drain(connection(), milliseconds); }
+
+  // Receives notifications until the test lets it go on.
+  void listen(std::function<void()> handler) {
+    handler_ = std::move(handler);
+    EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_register_notification_handler(
+                                     connection(), "urn:test", "news",
+                                     [](wb_dom_node *, void *self) {
+                                       ++static_cast<Drain *>(self)->heard_;
+                                       static_cast<Drain *>(self)->handler_();
+                                     },
+                                     this));
+  }
+  std::atomic<int> heard_ = 0;
+
+ private:
+  std::function<void()> handler_;
+};
+
+TEST_F(Drain, LetsCallsEndAndRefusesNewOnesUntilItConnectsAgain) {
+  ASSERT_NO_FATAL_FAILURE(connect({"refusing", "good"}));
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(QUILLON_STATUS_OK, ask());
+  EXPECT_EQ(QUILLON_STATUS_OK, drain());
+  EXPECT_EQ(std::vector(100, kAnswered), ended());
+  EXPECT_FALSE(application_.is_connected());
+  EXPECT_EQ(QUILLON_STATUS_NO_CONNECTION, ask());
+  EXPECT_EQ(QUILLON_STATUS_NO_CONNECTION, application_.ask());
+  EXPECT_EQ(QUILLON_STATUS_OK, drain()) << "again";
+  ASSERT_EQ(QUILLON_STATUS_OK, application_.connect());
+  EXPECT_EQ(QUILLON_STATUS_OK, application_.ask());
+  ASSERT_EQ(QUILLON_STATUS_OK, ask());
+  EXPECT_EQ(101U, wait_for(101).size());
+}
+
+TEST_F(Drain, CutsShortWhatIsLeftAtTheDeadline) {
+  ASSERT_NO_FATAL_FAILURE(connect({"silent"}));
+  std::promise<void> go_on;
+  listen([released = go_on.get_future().share()] { released.wait(); });
+  peer_->notify("<news xmlns='urn:test'/>");
+  ASSERT_TRUE(testpeer::eventually(kSoon, [this] { return heard_ == 1; }));
+  for (int i = 0; i < 10; ++i) peer_->notify("<news xmlns='urn:test'/>");
+  ASSERT_TRUE(testpeer::eventually(kSoon, [this] {
+    quillon_handler_queue_usage usage = {};
+    quillon_connection_get_handler_queue_usage(connection(), QUILLON_HANDLER_QUEUE_NOTIFICATIONS, &usage);
+    return usage.depth == 10;
+  }));
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(QUILLON_STATUS_OK, ask());
+  auto drained = std::async(std::launch::async, [this] { return drain(300); });
+  ASSERT_TRUE(application_.wait_ended());
+  EXPECT_EQ((std::vector(3, Ended{QUILLON_QUERY_OUTCOME_UNKNOWN, QUILLON_STATUS_SEND_TIMEOUT, publisher("silent"), ""})),
+            ended());
+  EXPECT_EQ(std::future_status::timeout, drained.wait_for(100ms)) << "a handler still runs";
+  go_on.set_value();
+  EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, drained.get());
+  ASSERT_EQ(QUILLON_STATUS_OK, application_.connect());
+  peer_->notify("<news xmlns='urn:test'/>");
+  EXPECT_TRUE(testpeer::eventually(kSoon, [this] { return heard_ == 2; })) << "what waited is gone, what comes is heard";
+}
+
+// Each waits for the others' threads, but not for those that wait for it.
+TEST_F(Drain, MayBeCalledByAllCallbacksAtOnce) {
+  ASSERT_NO_FATAL_FAILURE(connect({"silent"}));
+  std::atomic<int> inside = 0, drained = 0, cut_short = 0;
+  const auto drain_together = [&] {
+    if (++inside > 3) return;  // called back within the drain
+    EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return inside >= 3; }));
+    cut_short += drain(300) == QUILLON_STATUS_SEND_TIMEOUT ? 1 : 0;
+    ++drained;
+  };
+  in_callback_ = drain_together;
+  listen(drain_together);
+  quillon_pending_query *pending = nullptr;
+  ASSERT_EQ(QUILLON_STATUS_OK, ask(kLong, &pending));
+  ASSERT_EQ(QUILLON_STATUS_OK, ask());
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_pending_query_cancel(pending));
+  quillon_pending_query_destroy(pending);
+  peer_->notify("<news xmlns='urn:test'/>");
+  drain_together();
+  EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return drained == 3; }));
+  EXPECT_LE(1, cut_short) << "the first whose deadline passed";
+  EXPECT_EQ(2U, ended().size());
+  EXPECT_FALSE(application_.is_connected());
+}
+
+TEST_F(Drain, ACallbackMayDestroyTheConnectionMeanwhile) {
+  ASSERT_NO_FATAL_FAILURE(connect({"silent"}));
+  std::atomic<bool> destroyed = false;
+  in_callback_ = [&] {
+    if (destroyed.exchange(true)) return;
+    application_.destroy_connection();
+  };
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(QUILLON_STATUS_OK, ask());
+  EXPECT_EQ(QUILLON_STATUS_OK, drain(100));
+  EXPECT_EQ(3U, wait_for(3).size());
+}
+
+TEST_F(Drain, IsRefusedOnTheEventLoop) {
+  ASSERT_NO_FATAL_FAILURE(connect({}));
+  std::atomic<QUILLON_STATUS> status = QUILLON_STATUS_MAX;
+  quillon_connection_set_disconnect_cb(connection(), [](quillon_connection *ended, QUILLON_STATUS, void *arg) {
+    *static_cast<std::atomic<QUILLON_STATUS> *>(arg) = quillon_connection_drain(ended, 1000);
+  });
+  quillon_connection_set_disconnect_cb_user_data(connection(), &status);
+  EXPECT_EQ(QUILLON_STATUS_OK, drain());
+  EXPECT_EQ(QUILLON_STATUS_SEND_ERROR, status);
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_connection_drain(nullptr, 0));
+}
+
 TEST_F(AsyncQuery, ChecksArguments) {
   const test_support::Node request = test_support::parse("<ask xmlns='urn:test'/>");
   quillon_pending_query *pending = nullptr;

@@ -1,0 +1,59 @@
+// Leaving in order, by a deadline: nothing new is begun, what is under way ends, and then the session does. A callback may do so
+// too. The thread that it runs on is then not waited for by others who drain, since it may be waiting for theirs.
+#include <algorithm>
+
+#include "connection_private.h"
+#include "guard.h"
+#include "quillon_notification.h"
+#include "quillon_query.h"
+
+namespace {
+
+using qlk::SteadyClock;
+
+// What a drain uses, although a callback may destroy the connection meanwhile.
+struct Drained {
+  explicit Drained(quillon_connection &connection)
+      : hold(connection),
+        calls(connection.extra->async_queries),
+        query(connection.query->self),
+        notification(connection.notification->weak_self.lock()),
+        answering(query->request_handler),
+        hearing(notification->notf_handler) {}
+
+  const qlk::ConnectionHold hold;
+  const std::shared_ptr<qlk::AsyncQueries> calls;
+  const std::shared_ptr<_quillon_query> query;
+  const std::shared_ptr<_quillon_notification> notification;
+  const qlk::DispatchThread::Excused answering, hearing;
+};
+
+QUILLON_STATUS drain(quillon_connection &connection, SteadyClock::time_point deadline) {
+  const Drained drained(connection);
+  const std::atomic<bool> &is_destroyed = connection.extra->destroyed;
+  drained.query->calls.close();
+  drained.calls->refuse_new();
+  bool in_time = drained.query->calls.wait_until_empty(deadline);
+  in_time = drained.calls->settle(deadline) && in_time;
+  // Their answers need the session.
+  in_time = drained.query->request_handler.wait_until_idle(deadline) && in_time;
+  if (is_destroyed) return QUILLON_STATUS_OK;
+  const QUILLON_STATUS status = quillon_connection_disconnect(&connection);
+  if (is_destroyed) return QUILLON_STATUS_OK;
+  in_time = drained.query->request_handler.settle(deadline) && in_time;
+  in_time = drained.notification->notf_handler.settle(deadline) && in_time;
+  if (status != QUILLON_STATUS_OK) return status;
+  return in_time ? QUILLON_STATUS_OK : QUILLON_STATUS_SEND_TIMEOUT;
+}
+
+}  // namespace
+
+QUILLON_STATUS quillon_connection_drain(quillon_connection *connection, uint32_t milliseconds) {
+  qlk::trace(__func__);
+  if (connection == nullptr) return qlk::refuse("Invalid connection object");
+  if (qlk::is_on_loop(*connection)) {
+    wb_log(WB_LOG_ERROR, "quillon_connection_drain cannot wait on the event loop thread");
+    return QUILLON_STATUS_SEND_ERROR;
+  }
+  return qlk::guarded(__func__, [&] { return drain(*connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds)); });
+}
