@@ -488,6 +488,18 @@ QUILLON_API QUILLON_STATUS quillon_config_set_bulk_server_cert_chain_filename(qu
  * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL */
 QUILLON_API QUILLON_STATUS quillon_config_set_send_timeout_seconds(const quillon_config *config, const int seconds);
 
+/* What the client's first response of SASL EXTERNAL tells the server: whom the certificate is to stand for. */
+typedef enum QUILLON_SASL_RESPONSE {
+  QUILLON_SASL_RESPONSE_USER_NAME = 0, /* the user name */
+  QUILLON_SASL_RESPONSE_BARE_JID = 1,  /* the JID without its resource */
+  QUILLON_SASL_RESPONSE_NONE = 2,      /* nothing: the server takes the identity from the certificate */
+  QUILLON_SASL_RESPONSE_MAX = 3        /* the end of the range, no such choice */
+} QUILLON_SASL_RESPONSE;
+
+/* Sets what that response carries, from the next connect on: at first the user name. Other servers want the JID or nothing.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL or response is no such value */
+QUILLON_API QUILLON_STATUS quillon_config_set_sasl_response(quillon_config *config, QUILLON_SASL_RESPONSE response);
+
 /* What becomes of a stanza that finds its handler queue full. */
 typedef enum QUILLON_HANDLER_QUEUE_OVERFLOW {
   QUILLON_HANDLER_QUEUE_OVERFLOW_DROP = 0,  /* it is dropped and counted */
@@ -544,7 +556,8 @@ QUILLON_API QUILLON_STATUS quillon_init(void);
  * Blocks:  until the event loop has ended, at most 5 seconds. */
 QUILLON_API void quillon_shutdown(void);
 
-/* Makes the SASL mechanism EXTERNAL, whose response is the text under "quillon.user_name" in the table of the session's client.
+/* Makes the SASL mechanism EXTERNAL, whose response is the text under "quillon.user_name" in the table of the session's client:
+ * what quillon_config_set_sasl_response has chosen.
  * quillon_init gives it to all clients. config is not looked at. The caller owns *mech until a factory takes it. False with a
  * filled err as wb_sasl_mech_create. */
 QUILLON_API bool quillon_sasl_mech_external_create(wb_htable *config, wb_sasl_mech **mech, wb_err *err);

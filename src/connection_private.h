@@ -40,7 +40,7 @@ struct ConnectionPrivate {
   bool cancelled = false;  // a disconnect came meanwhile
   // What the XMPP table points to: copies, changed only while no session is open.
   std::string user_jid;
-  std::string user_name;
+  std::string sasl_response;
   std::string host;
 };
 

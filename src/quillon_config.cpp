@@ -255,6 +255,7 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   copy.handler_queue_warning = config->handler_queue_warning;
   copy.handler_queue_bound = config->handler_queue_bound;
   copy.handler_queue_overflow = config->handler_queue_overflow;
+  copy.sasl_response = config->sasl_response;
 }
 
 QUILLON_STATUS quillon_config_set_host(quillon_config *config, const char *host) {
@@ -383,6 +384,21 @@ QUILLON_STATUS quillon_config_set_send_timeout_seconds(const quillon_config *con
   if (config == nullptr) return QUILLON_STATUS_INVALID_ARGS;
   const_cast<quillon_config *>(config)->send_timeout_seconds = seconds;
   return QUILLON_STATUS_OK;
+}
+
+QUILLON_STATUS quillon_config_set_sasl_response(quillon_config *config, QUILLON_SASL_RESPONSE response) {
+  qlk::trace(__func__);
+  if (config == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  switch (response) {
+    case QUILLON_SASL_RESPONSE_USER_NAME:
+    case QUILLON_SASL_RESPONSE_BARE_JID:
+    case QUILLON_SASL_RESPONSE_NONE:
+      config->sasl_response = response;
+      return QUILLON_STATUS_OK;
+    case QUILLON_SASL_RESPONSE_MAX:
+      break;
+  }
+  return QUILLON_STATUS_INVALID_ARGS;
 }
 
 QUILLON_STATUS quillon_config_set_handler_queue_warning(quillon_config *config, int stanzas) {

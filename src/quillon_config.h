@@ -24,6 +24,7 @@ struct _quillon_config {
   int32_t handler_queue_warning;
   int32_t handler_queue_bound;
   QUILLON_HANDLER_QUEUE_OVERFLOW handler_queue_overflow;
+  QUILLON_SASL_RESPONSE sasl_response;
 };
 
 namespace qlk {

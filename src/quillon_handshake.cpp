@@ -114,6 +114,12 @@ bool end_previous_session(quillon_connection &connection) {
 
 // ---- The first stage: the XMPP session
 
+// What SASL EXTERNAL tells the server.
+std::string sasl_response(QUILLON_SASL_RESPONSE kind, std::string_view user_name, std::string_view jid) {
+  if (kind == QUILLON_SASL_RESPONSE_NONE) return {};
+  return std::string(kind == QUILLON_SASL_RESPONSE_BARE_JID ? jid.substr(0, jid.find('/')) : user_name);
+}
+
 // The host whose turn it is, and the names to connect with.
 QUILLON_STATUS read_target(quillon_connection &connection) {
   const quillon_config *config = connection.config;
@@ -131,7 +137,7 @@ QUILLON_STATUS read_target(quillon_connection &connection) {
   if (quillon_string_cstr(host) == nullptr) return fail("cannot connect: no host is set", QUILLON_STATUS_INVALID_ARGS);
   const std::lock_guard lock(connection.extra->mutex);
   connection.extra->host = quillon_string_cstr(host);
-  connection.extra->user_name = user_name;
+  connection.extra->sasl_response = sasl_response(config->sasl_response, user_name, jid);
   connection.extra->user_jid = jid;
   return QUILLON_STATUS_OK;
 }
@@ -148,7 +154,7 @@ void limit_handler_queues(const quillon_connection &connection) {
 bool put_target(quillon_connection &connection, wb_err *err) {
   wb_htable *table = connection.wb_config;
   return wb_htable_put(table, "userjid", connection.extra->user_jid.data(), nullptr, err) &&
-         wb_htable_put(table, "quillon.user_name", connection.extra->user_name.data(), nullptr, err) &&
+         wb_htable_put(table, "quillon.user_name", connection.extra->sasl_response.data(), nullptr, err) &&
          wb_htable_put(table, "host", connection.extra->host.data(), nullptr, err);
 }
 

@@ -117,6 +117,12 @@ class config {
         handle(), static_cast<int>(std::clamp<decltype(seconds)>(seconds, limits::min(), limits::max())));
   }
 
+  // Sets what the client's first response of SASL EXTERNAL carries, from the next connect on; at first the user name. Returns:
+  // QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for no such value
+  result<> set_sasl_response(QUILLON_SASL_RESPONSE response) noexcept {
+    return quillon_config_set_sasl_response(handle(), response);
+  }
+
   // Sets how many stanzas may wait for a handler before a warning is logged, once a crossing; 0: there is no warning. It holds
   // for each of the two handler queues of a connection, from its next connect on; at first 1000. Returns: QUILLON_STATUS_OK, or
   // QUILLON_STATUS_INVALID_ARGS for a negative number

@@ -166,6 +166,22 @@ TEST_F(FaultTest, PlainTextAfterProceedIsNotTrusted) {
   expect_recovery(std::move(peer));
 }
 
+// What it tells the server besides the certificate.
+TEST_F(FaultTest, TheSaslResponseIsWhatWasChosen) {
+  const std::pair<QUILLON_SASL_RESPONSE, std::string> kResponses[] = {{QUILLON_SASL_RESPONSE_BARE_JID, "alice@" GRID_DOMAIN},
+                                                                      {QUILLON_SASL_RESPONSE_NONE, ""},
+                                                                      {QUILLON_SASL_RESPONSE_USER_NAME, "alice"}};
+  for (const auto &[response, expected] : kResponses) {
+    const ScriptedPeer peer(correct());
+    application_.use(peer.host());
+    ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_sasl_response(application_.config(), response));
+    EXPECT_EQ(QUILLON_STATUS_OK, application_.connect()) << application_.log();
+    EXPECT_EQ(expected, peer.newest()->transcript().sasl_response) << response;
+    EXPECT_EQ("alice@" GRID_DOMAIN "/qlk", peer.newest()->jid());
+    application_.disconnect();
+  }
+}
+
 void check_revocations(quillon_connection *connection, void *tls_context, void *) {
   qlk::_default_ssl_ctx_cb(connection, tls_context, nullptr);
   X509_STORE *store = SSL_CTX_get_cert_store(static_cast<SSL_CTX *>(tls_context));

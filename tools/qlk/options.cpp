@@ -76,6 +76,8 @@ void add_connection_options(Command &command, ConnectionOptions &options) {
       "asked for");
   command.repeated("--group", "NAME", options.groups, "A group to name to the controller; may be repeated");
   command.option("--description", "TEXT", options.description, "What administrators see when the user registers");
+  command.option("--sasl-response", "WHAT", options.sasl_response,
+                 "What SASL EXTERNAL tells the server: user-name, bare-jid or none (default: user-name)");
   command.number("--timeout", "SECONDS", options.timeout_seconds, 1, 86400, "How long to wait for each answer (default: 15)");
   command.counted_flag("-v,--verbose", options.verbosity, "Show the library's log; twice: also the stanzas that arrive");
 }
@@ -98,6 +100,7 @@ Settings merge_settings(const ConnectionOptions &options) {
   override_text(values.key, options.key);
   override_text(values.ca, options.ca);
   override_text(values.description, options.description);
+  override_text(values.sasl_response, options.sasl_response);
   if (options.timeout_seconds > 0) values.timeout_seconds = options.timeout_seconds;
   if (values.timeout_seconds == 0) values.timeout_seconds = kDefaultTimeoutSeconds;
   return settings;

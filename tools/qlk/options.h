@@ -14,7 +14,7 @@
 namespace tool {
 
 struct ConnectionOptions {
-  std::string profile, user, certificate, key, ca, description;
+  std::string profile, user, certificate, key, ca, description, sasl_response;
   std::vector<std::string> hosts, groups;
   int passphrase_fd = -1;
   int timeout_seconds = 0;

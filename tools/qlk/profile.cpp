@@ -103,6 +103,7 @@ Profile read_profile(const std::string &path) {
               {"ca", file(profile.ca)},
               {"groups", texts(profile.groups)},
               {"description", text(profile.description)},
+              {"sasl_response", text(profile.sasl_response)},
               {"namespace", text(profile.capability_namespace)},
               {"timeout_seconds", [&](const toml::node &node) { reader.seconds(node, profile.timeout_seconds); }},
               {"bulk", [&](const toml::node &node) {

@@ -23,7 +23,7 @@ struct Options {
   std::string payload, file;
   uint64_t repeat = 1;
   unsigned interval_ms = 0, deadline_ms = 0;
-  size_t in_flight = 1;
+  int in_flight = 1;
   bool as_json = false, is_quiet = false;
 };
 
@@ -131,7 +131,7 @@ class Asker {
     const std::chrono::milliseconds deadline(options_.deadline_ms > 0 ? options_.deadline_ms : kDeadlineMs);
     session_.begin_request();
     for (uint64_t asked = 0; wants(asked) || in_flight_.count() > 0;) {
-      if (wants(asked) && in_flight_.count() < options_.in_flight) {
+      if (wants(asked) && in_flight_.count() < static_cast<size_t>(options_.in_flight)) {
         pause_before(asked++);
         session_.expect(in_flight_.begin(session_.connection(), capability_.get(), copy_of(payload_.get()), deadline),
                         "query " + capability_.name());
@@ -214,7 +214,7 @@ void add_query_command(CommandLine &line, Context &context) {
   command.option("-f,--file", "FILE", options->file, "A file that holds the question; - is standard input");
   command.number("-r,--repeat", "N", options->repeat, "Ask this many times, 0: until Ctrl-C, and tell the times at the end");
   command.number("-i,--interval", "MS", options->interval_ms, "Pause between two questions, in milliseconds");
-  command.number("--in-flight", "N", options->in_flight, "Ask so many at once; their answers come in any order");
+  command.number("--in-flight", "N", options->in_flight, 1, 100'000, "Ask so many at once; their answers come in any order");
   command.number("--deadline", "MS", options->deadline_ms,
                  "Time for each answer, whichever publishers are asked, in milliseconds");
   command.flag("--json", options->as_json, "Print each answer as one line of JSON");

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <map>
 
 #include "terminal.h"
 #include "text.h"
@@ -64,6 +65,16 @@ void set_text(quillon_config *config, QUILLON_STATUS (*setter)(quillon_config *,
   if (setter(config, text.c_str()) != QUILLON_STATUS_OK) throw Failure(ExitCode::usage, std::string(what) + " is too long");
 }
 
+QUILLON_SASL_RESPONSE sasl_response_of(const std::string &name) {
+  static const std::map<std::string, QUILLON_SASL_RESPONSE, std::less<>> kNames = {{"", QUILLON_SASL_RESPONSE_USER_NAME},
+                                                                                   {"user-name", QUILLON_SASL_RESPONSE_USER_NAME},
+                                                                                   {"bare-jid", QUILLON_SASL_RESPONSE_BARE_JID},
+                                                                                   {"none", QUILLON_SASL_RESPONSE_NONE}};
+  const auto named = kNames.find(name);
+  if (named != kNames.end()) return named->second;
+  throw Failure(ExitCode::usage, "the SASL response is user-name, bare-jid or none, not '" + name + "'");
+}
+
 }  // namespace
 
 std::vector<const char *> pointers_to(const std::vector<std::string> &texts) {
@@ -94,6 +105,7 @@ Config make_config(const Settings &settings) {
     std::vector<const char *> hosts = pointers_to(values.hosts);
     expect_ok(quillon_config_set_hosts(created, hosts.data(), static_cast<int>(hosts.size())), "set the hosts");
   }
+  quillon_config_set_sasl_response(created, sasl_response_of(values.sasl_response));
   quillon_config_set_send_timeout_seconds(created, values.timeout_seconds);
   return config;
 }

@@ -19,7 +19,7 @@ _qlk_options() {
 _qlk() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word i
   local commands='doctor connect capabilities status subscribe publish query serve propose modify authorized token bulk'
-  local connection='--help --profile --host --user --certificate --key --ca --passphrase-fd --group --description --timeout --verbose'
+  local connection='--help --profile --host --user --certificate --key --ca --passphrase-fd --group --description --sasl-response --timeout --verbose'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
@@ -49,6 +49,10 @@ _qlk() {
     --host | --user | --passphrase-fd | --group | --description | --timeout | --namespace | --element | --count | --repeat | --interval | --in-flight | --deadline | \
       --limit | --of-version | --define-version | --query | --action | --about | --platform | --expect | -n | -e | -i | -l) return ;;
   esac
+  if [[ $previous == --sasl-response ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "user-name bare-jid none" -- "$current")
+    return
+  fi
   if [[ -z $command ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$commands $(_qlk_options '')" -- "$current")
   elif [[ $current == -* ]]; then
