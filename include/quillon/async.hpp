@@ -46,7 +46,7 @@ class pending_query {
   }
 
  private:
-  detail::owner<quillon_pending_query, [](quillon_pending_query *pending) { quillon_pending_query_destroy(pending); }> handle_;
+  detail::owner<quillon_pending_query, quillon_pending_query_destroy> handle_;
 };
 
 namespace detail {

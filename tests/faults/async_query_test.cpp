@@ -302,6 +302,8 @@ TEST_F(AsyncQuery, TheControllerIsAskedToo) {
 
 class Drain : public AsyncQuery {
  protected:
+  ~Drain() override { application_.destroy_connection(); }  // its handler is this one's
+
   QUILLON_STATUS drain(uint32_t milliseconds = kLong) { return quillon_connection_drain(connection(), milliseconds); }
 
   // Receives notifications until the test lets it go on.
