@@ -107,8 +107,8 @@ def one_at_a_time():
     raw, sync, on_loop = "raw socket", "libqlk, synchronous call", "Warbler, completion on its thread"
     return Line("query", "query, one at a time, TLS", ROUND_TRIP + (INSTRUCTIONS,), (
         Contender(raw, LIMIT, query("query_raw", 20000, 500)),
-        Contender("libstrophe", PEER, query("query_strophe", 20000, 500)),
-        Contender("gloox", PEER, query("query_gloox", 20000, 500)),
+        Contender("libstrophe", PEER, query("query_strophe", 20000, 200)),
+        Contender("gloox", PEER, query("query_gloox", 20000, 200)),
         Contender(on_loop, OURS, query("query_async", 20000, 500)),
         Contender(sync, OURS, query("query_sync", 20000)),
     ), (
@@ -129,8 +129,8 @@ def in_flight():
     raw, ours = "raw socket", "Warbler, completion on its thread"
     return Line("in-flight", "queries with 64 in flight, TLS", RATE + (INSTRUCTIONS,), (
         Contender(raw, LIMIT, query("query_raw", 400000, 2000, in_flight=64)),
-        Contender("libstrophe", PEER, query("query_strophe", 40000, 500, in_flight=64)),
-        Contender("gloox", PEER, query("query_gloox", 40000, 500, in_flight=64)),
+        Contender("libstrophe", PEER, query("query_strophe", 40000, 200, in_flight=64)),
+        Contender("gloox", PEER, query("query_gloox", 40000, 200, in_flight=64)),
         Contender(ours, OURS, query("query_async", 400000, 2000, in_flight=64)),
     ), (
         Goal("requests a second, ratio to the raw socket", lambda of: of(ours, "per_second") / of(raw, "per_second"), 0.43, at_most=False,
