@@ -33,10 +33,10 @@ def draw_line(folder, line, result):
             data.append(f"{place} {' '.join(str(summary[key] * figure.scale) for key in ('median', 'lowest', 'highest'))} {int(COLOURS[contender.role][1:], 16)}")
     names = ", ".join(f"{quote(contender.name)} {place}" for place, contender in enumerate(shown))
     draw(os.path.join(folder, f"{line.key}.svg"), [
-        *data, "END", f"set title {quote(line.title)} noenhanced", f"set xlabel {quote(figure.title)} noenhanced", "set xrange [0:*]",
+        *data, "END", f"set label 1 {quote(line.title)} at screen 0.5,0.95 center noenhanced", "set tmargin 3", f"set xlabel {quote(figure.title)} noenhanced", "set xrange [0:*]",
         f"set yrange [{len(shown) - 0.4}:-0.6]", f"set ytics ({names}) noenhanced", "set grid xtics", "unset key", "set style fill solid 0.8",
         "plot $data using ($2/2):1:($2/2):(0.35):5 with boxxyerror linecolor rgb variable, "
-        "$data using 2:1:3:4 with xerrorbars linecolor rgb '#000000' pointtype 0"])
+        "$data using 2:1:3:4 with xerrorbars linecolor rgb '#000000' pointtype 0"], "1000,420")
 
 
 def draw_panel(folder, growth, panel, result):
