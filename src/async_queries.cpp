@@ -126,13 +126,13 @@ void AsyncQueries::watch_time() {
       time_changed_.wait_until(lock, watched_);
     } else {
       watched_ = SteadyClock::time_point::min();
-      time_is_up(in_flight_.begin()->second, lock);
+      time_is_up(AsyncCallPtr(in_flight_.begin()->second), lock);  // which may lose its place meanwhile
     }
   }
 }
 
 // That of the call, or of the publisher that was asked last.
-void AsyncQueries::time_is_up(const AsyncCallPtr call, std::unique_lock<std::mutex> &lock) {
+void AsyncQueries::time_is_up(const AsyncCallPtr &call, std::unique_lock<std::mutex> &lock) {
   if (SteadyClock::now() >= call->deadline) return finish_locked(*call, end_without_answer(*call, QUILLON_STATUS_SEND_TIMEOUT));
   wait_until_locked(*call, call->deadline);
   if (!call->may_ask_another()) return;

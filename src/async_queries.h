@@ -62,7 +62,7 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   bool start_thread_locked(pthread_t &thread, void *(*run)(void *));
   static void *run_timer(void *self);
   void watch_time();
-  void time_is_up(AsyncCallPtr call, std::unique_lock<std::mutex> &lock);
+  void time_is_up(const AsyncCallPtr &call, std::unique_lock<std::mutex> &lock);
   static void *run_completions(void *self);
   void call_back_all(std::unique_lock<std::mutex> &lock);
   void wake_completions_locked();

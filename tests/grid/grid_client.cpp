@@ -37,7 +37,8 @@ bool eventually(const std::function<bool()> &condition, std::chrono::millisecond
 wb_dom_node *payload(const char *name, const std::string &text) {
   wb_dom_ctx *context = nullptr;
   wb_dom_node *element = nullptr, *node = nullptr;
-  const std::string ename = std::string("{") + kNamespace + "}" + name;
+  std::string ename = "{";
+  ename.append(kNamespace).append("}").append(name);
   EXPECT_TRUE(wb_dom_context_create(&context, nullptr));
   EXPECT_TRUE(wb_dom_element_create(context, ename.c_str(), &element, nullptr));
   EXPECT_TRUE(wb_dom_text_create(context, text.c_str(), &node, nullptr));
