@@ -35,8 +35,8 @@ typedef enum QUILLON_QUERY_OUTCOME {
  *                     QUILLON_STATUS_SEND_TIMEOUT          the deadline was 0
  *                     QUILLON_STATUS_XML_ERROR             the request could not be built
  *                     QUILLON_STATUS_MALLOC_ERROR          memory is exhausted
- *                     QUILLON_STATUS_UNKNOWN               the session did not take it: no legal text, too large, or too much waits
- *                                                          to be written
+ *                     QUILLON_STATUS_UNKNOWN               the session did not take it: no legal text, too large, or too much
+ *                                                          waits to be written
  *          UNKNOWN    QUILLON_STATUS_SEND_TIMEOUT          the deadline passed
  *                     QUILLON_STATUS_CONNECTION_ERROR      the session ended, or the connection was destroyed
  *                     QUILLON_STATUS_UNKNOWN               quillon_pending_query_cancel */

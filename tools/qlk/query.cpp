@@ -199,16 +199,16 @@ class Asker {
 
 void add_query_command(CommandLine &line, Context &context) {
   const auto options = std::make_shared<Options>();
-  Command command =
-      add_command(line, context, "query", "Asks a publisher of a capability and prints the answer",
-                  "  qlk query Weather '<day xmlns=\"urn:example\">Monday</day>'\n"
-                  "  qlk query Weather --file question.xml --json\n"
-                  "  qlk query Weather '<day xmlns=\"urn:example\"/>' --repeat 1000 --quiet\n"
-                  "  qlk query Weather '<day xmlns=\"urn:example\"/>' --repeat 1000 --in-flight 50 --deadline 2000 --quiet",
-                  [&context, options](Stop &stop) {
-                    const Settings settings = complete_settings(context.connection, stop);
-                    return Asker(*options, settings, stop).run();
-                  });
+  Command command = add_command(line, context, "query", "Asks a publisher of a capability and prints the answer",
+                                "  qlk query Weather '<day xmlns=\"urn:example\">Monday</day>'\n"
+                                "  qlk query Weather --file question.xml --json\n"
+                                "  qlk query Weather '<day xmlns=\"urn:example\"/>' --repeat 1000 --quiet\n"
+                                "  qlk query Weather '<day xmlns=\"urn:example\"/>' \\\n"
+                                "      --repeat 1000 --in-flight 50 --deadline 2000 --quiet",
+                                [&context, options](Stop &stop) {
+                                  const Settings settings = complete_settings(context.connection, stop);
+                                  return Asker(*options, settings, stop).run();
+                                });
   add_capability_options(command, options->capability);
   command.argument("PAYLOAD", options->payload, "The question, an XML element; without it, and without --file, standard input");
   command.option("-f,--file", "FILE", options->file, "A file that holds the question; - is standard input");
