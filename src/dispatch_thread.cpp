@@ -46,23 +46,23 @@ QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, Admission admission) {
     return QUILLON_STATUS_UNKNOWN;
   }
   if (depth > highest_.load(std::memory_order_relaxed)) highest_.store(depth, std::memory_order_relaxed);
-  bool must_wake = false;
+  std::shared_ptr<void> self;  // once the thread is awake its handler may destroy the owner; null: it need not be woken
   try {
     const std::lock_guard lock(mutex_);
     waiting_.push_back(std::move(reference));
-    must_wake = std::exchange(asleep_, false);
+    if (std::exchange(asleep_, false)) self = std::shared_ptr<void>(owner_.lock(), this);
   } catch (const std::bad_alloc &) {
     queued_.fetch_sub(1, std::memory_order_relaxed);
     return QUILLON_STATUS_MALLOC_ERROR;
   }
-  if (must_wake) wake();
+  if (self != nullptr) wake(self);
   return QUILLON_STATUS_OK;
 }
 
 // The event loop reads much at once: one wake-up serves for all.
-void DispatchThread::wake() {
-  const auto notify = [](void *self) { static_cast<DispatchThread *>(self)->changed_.notify_one(); };
-  if (!EventLoop::call_soon(std::shared_ptr<void>(owner_.lock(), this), notify)) notify(this);
+void DispatchThread::wake(const std::shared_ptr<void> &self) {
+  const auto notify = [](void *thread) { static_cast<DispatchThread *>(thread)->changed_.notify_one(); };
+  if (!EventLoop::call_soon(self, notify)) notify(self.get());
 }
 
 void DispatchThread::set_limits(const Limits &limits) {

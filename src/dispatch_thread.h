@@ -98,7 +98,7 @@ class DispatchThread {
   bool is_self() const { return pthread_equal(pthread_self(), thread_) != 0; }
   bool is_idle_locked() const { return !keep_running() || (queued() == 0 && is_quiet_locked()); }
   bool is_quiet_locked() const { return !keep_running() || !busy_ || is_excused_; }
-  void wake();
+  static void wake(const std::shared_ptr<void> &self);
 
   std::mutex mutex_;
   std::condition_variable changed_, idle_;
