@@ -151,7 +151,7 @@ void *AsyncQueries::run_completions(void *self) {
     if (queries.is_closed_) return nullptr;
     queries.completions_asleep_ = true;
     while (queries.first_ended_ == nullptr && !queries.is_closed_) queries.completed_.wait(lock);
-    queries.completions_asleep_ = false;
+    queries.completions_asleep_ = queries.wakes_soon_ = false;
   }
 }
 
@@ -173,11 +173,17 @@ void AsyncQueries::call_back_all(std::unique_lock<std::mutex> &lock) {
   quiet_.notify_all();
 }
 
-// The event loop reads many answers at once: one wake-up serves for all of them.
+// The event loop reads many answers at once: one wake-up serves for all of them. Another thread does not wait for that, since the
+// loop may be held up.
 void AsyncQueries::wake_completions_locked() {
-  if (!std::exchange(completions_asleep_, false)) return;
+  if (!completions_asleep_ || (wakes_soon_ && EventLoop::dispatches_here())) return;
   const auto notify = [](void *self) { static_cast<AsyncQueries *>(self)->completed_.notify_one(); };
-  if (!EventLoop::call_soon(shared_from_this(), notify)) notify(this);
+  if (EventLoop::call_soon(shared_from_this(), notify)) {
+    wakes_soon_ = true;
+    return;
+  }
+  completions_asleep_ = false;
+  notify(this);
 }
 
 // ---- The course of a call
@@ -202,10 +208,10 @@ QUILLON_STATUS AsyncQueries::begin(quillon_capability *capability, wb_dom_node *
     if (refuses_new_ || is_closed_ || is_stopped_) return QUILLON_STATUS_NO_CONNECTION;
     if (!start_threads_locked()) return QUILLON_STATUS_PTHREAD_ERROR;
     call->place = in_flight_.emplace(call->deadline, call);
+    // From here on it has begun, and nothing but its callback tells what becomes of it.
+    call->request.reset(request);
+    if (pending != nullptr) *pending = handle.release();
   }
-  // From here on it has begun, and nothing but its callback tells what becomes of it.
-  call->request.reset(request);
-  if (pending != nullptr) *pending = handle.release();
   ask_next(call);
   return QUILLON_STATUS_OK;
 }
@@ -368,29 +374,39 @@ void AsyncQueries::finish_all_locked(QUILLON_STATUS status) {
 bool AsyncQueries::settle(SteadyClock::time_point deadline) {
   std::unique_lock lock(mutex_);
   const bool is_here = calls_back_here_locked();
-  const bool was_excused = is_excused_;
+  const size_t excused = excused_;
   if (is_here) {
-    is_excused_ = true;
+    excused_ = callbacks_;
     quiet_.notify_all();
     call_back_all(lock);
-    while (!in_flight_.empty() && SteadyClock::now() < deadline) {
+    while (!in_flight_.empty() && !is_left_ && SteadyClock::now() < deadline) {
       completions_asleep_ = true;
       completed_.wait_until(lock, deadline);
-      completions_asleep_ = false;
+      completions_asleep_ = wakes_soon_ = false;
       call_back_all(lock);
     }
   } else {
-    quiet_.wait_until(lock, deadline, [this] { return in_flight_.empty() && is_quiet_locked(); });
+    quiet_.wait_until(lock, deadline, [this] { return is_left_ || (in_flight_.empty() && is_quiet_locked()); });
   }
   const bool is_in_time = in_flight_.empty();
-  finish_all_locked(QUILLON_STATUS_SEND_TIMEOUT);
+  if (!is_left_) finish_all_locked(QUILLON_STATUS_SEND_TIMEOUT);
   if (is_here) {
     call_back_all(lock);
-    is_excused_ = was_excused;
-  } else {
-    quiet_.wait(lock, [this] { return is_quiet_locked(); });
+    excused_ = excused;
   }
   return is_in_time;
+}
+
+void AsyncQueries::wait_until_quiet() {
+  std::unique_lock lock(mutex_);
+  if (!calls_back_here_locked()) quiet_.wait(lock, [this] { return is_quiet_locked(); });
+}
+
+void AsyncQueries::give_up_waiting() {
+  const std::lock_guard lock(mutex_);
+  is_left_ = true;
+  quiet_.notify_all();
+  completed_.notify_one();
 }
 
 void AsyncQueries::stop_sending() {
@@ -407,7 +423,6 @@ void AsyncQueries::close() {
   std::unique_lock lock(mutex_);
   is_closed_ = true;
   finish_all_locked(QUILLON_STATUS_CONNECTION_ERROR);
-  quiet_.notify_all();
   const bool is_here = calls_back_here_locked();
   if (!std::exchange(has_completions_, false)) return;
   if (is_here) {

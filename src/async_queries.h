@@ -40,8 +40,13 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   void refuse_new();
   void resume();
   // Waits until all calls have ended and been called back; those that have not at the deadline are ended, with the status of a
-  // time-out, and called back before it returns. Called by a callback it calls back itself. False when some were ended.
+  // time-out. Called by a callback it calls back itself. False when some were ended.
   bool settle(SteadyClock::time_point deadline);
+  // Waits until no callback is to come or runs, however long it takes. Called by a callback it does not wait.
+  void wait_until_quiet();
+
+  // The connection is being destroyed: nobody waits in the two any more.
+  void give_up_waiting();
 
   // Ends the timer: nothing is sent any more. To be called before the connection's client goes.
   void stop_sending();
@@ -79,8 +84,8 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   void finish_locked(AsyncCall &call, End end);
   void finish_all_locked(QUILLON_STATUS status);
   bool calls_back_here_locked() const;
-  // Whether no callback is to come or runs; one that waits in settle itself is not waited for.
-  bool is_quiet_locked() const { return is_closed_ || (first_ended_ == nullptr && (callbacks_ == 0 || is_excused_)); }
+  // Whether no callback is to come or runs; those that wait in settle themselves are not waited for.
+  bool is_quiet_locked() const { return is_left_ || (first_ended_ == nullptr && callbacks_ <= excused_); }
 
   quillon_connection &connection_;
 
@@ -91,10 +96,11 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   AsyncCallPtr first_ended_;                                          // those that wait for their callback
   AsyncCall *last_ended_ = nullptr;                                   // null when there is none
   SteadyClock::time_point watched_ = SteadyClock::time_point::min();  // what the timer sleeps for; min: it is awake
-  bool completions_asleep_ = false;                                   // and nobody is about to wake it
+  bool completions_asleep_ = false;                                   // and nobody has woken it
+  bool wakes_soon_ = false;                                           // the event loop will, when it has read what is there
   size_t callbacks_ = 0;                                              // that are under way, each but the first within another
-  bool is_excused_ = false;                                           // one of them is in settle
-  bool refuses_new_ = false, is_stopped_ = false, is_closed_ = false;
+  size_t excused_ = 0;                                                // so many of them, the outer ones, are in settle
+  bool refuses_new_ = false, is_left_ = false, is_stopped_ = false, is_closed_ = false;
   bool has_timer_ = false, has_completions_ = false;  // threads to be joined
   pthread_t timer_ = {}, completions_ = {};
 };

@@ -32,10 +32,19 @@ class CallGate {
   void close() { state_.fetch_or(kClosed); }
   void open() { state_.fetch_and(~kClosed); }
 
+  bool is_closed() const { return (state_ & kClosed) != 0; }
+
   // Waits until no call is under way; false when one still is at the deadline. The gate must be closed.
   bool wait_until_empty(SteadyClock::time_point deadline) {
     std::unique_lock lock(mutex_);
-    return empty_.wait_until(lock, deadline, [this] { return state_ < kCall; });
+    return empty_.wait_until(lock, deadline, [this] { return is_left_ || state_ < kCall; });
+  }
+
+  // From now on nobody waits.
+  void give_up_waiting() {
+    const std::lock_guard lock(mutex_);
+    is_left_ = true;
+    empty_.notify_all();
   }
 
  private:
@@ -51,6 +60,7 @@ class CallGate {
   std::atomic<size_t> state_ = 0;
   std::mutex mutex_;
   std::condition_variable empty_;
+  bool is_left_ = false;  // under mutex_
 };
 
 }  // namespace qlk

@@ -106,15 +106,15 @@ void DispatchThread::calm() {
 
 void DispatchThread::stop() {
   if (!keep_running_.exchange(false)) return;
-  if (pthread_equal(pthread_self(), thread_) != 0) {
-    pthread_detach(thread_);
-    return;
-  }
   {
-    const std::lock_guard lock(mutex_);  // between the thread's look at the flag and its sleep
+    const std::lock_guard lock(mutex_);  // between a look at the flag and a sleep
   }
   changed_.notify_one();
   idle_.notify_all();
+  if (is_self()) {
+    pthread_detach(thread_);
+    return;
+  }
   pthread_join(thread_, nullptr);
 }
 
@@ -140,14 +140,14 @@ bool DispatchThread::settle(SteadyClock::time_point deadline) {
 DispatchThread::Excused::Excused(DispatchThread &thread) : thread_(thread.is_self() ? &thread : nullptr) {
   if (thread_ == nullptr) return;
   const std::lock_guard lock(thread_->mutex_);
-  thread_->is_excused_ = true;
+  was_excused_ = std::exchange(thread_->is_excused_, true);
   thread_->idle_.notify_all();
 }
 
 DispatchThread::Excused::~Excused() {
   if (thread_ == nullptr) return;
   const std::lock_guard lock(thread_->mutex_);
-  thread_->is_excused_ = false;
+  thread_->is_excused_ = was_excused_;
 }
 
 void *DispatchThread::run(void *start) {

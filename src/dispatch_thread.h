@@ -73,6 +73,7 @@ class DispatchThread {
 
    private:
     DispatchThread *const thread_;  // null on another thread
+    bool was_excused_ = false;
   };
 
   // False once stop was called.

@@ -65,6 +65,8 @@ void EventLoop::leave() {
 
 void EventLoop::on_break(evutil_socket_t, short, void *arg) { event_base_loopbreak(static_cast<event_base *>(arg)); }
 
+bool EventLoop::dispatches_here() noexcept { return dispatched_here != nullptr; }
+
 bool EventLoop::call_soon(std::shared_ptr<void> pointer, void (*function)(void *)) noexcept {
   EventLoop *const loop = dispatched_here;
   if (loop == nullptr) return false;

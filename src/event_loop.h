@@ -68,6 +68,9 @@ class EventLoop : public std::enable_shared_from_this<EventLoop> {
   // Whether the calling thread is the one that dispatches.
   bool is_loop_thread() const;
 
+  // Whether the calling thread dispatches a loop.
+  static bool dispatches_here() noexcept;
+
   // On the thread that dispatches a loop: the function is called with the pointer when what the loop is doing at the moment is
   // done, be it with events at hand or with dispatching. The pointer is held until then. False on other threads, and without
   // memory.

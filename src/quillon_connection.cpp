@@ -4,6 +4,7 @@
 #include "quillon_connection.h"
 
 #include <new>
+#include <optional>
 
 #include "connection_events.h"
 #include "connection_private.h"
@@ -118,6 +119,21 @@ void wait_for_connect(quillon_connection &connection) {
   const qlk::PthreadLock left(connection.connect_lock);
 }
 
+// Who drains meanwhile may be on a thread that is joined here, and so must not wait for this one.
+void stop_engines(quillon_connection &connection) {
+  connection.extra->async_queries->give_up_waiting();
+  const auto query = connection.query != nullptr ? connection.query->self : nullptr;
+  const auto notification = connection.notification != nullptr ? connection.notification->weak_self.lock() : nullptr;
+  std::optional<qlk::DispatchThread::Excused> answering, hearing;
+  if (query != nullptr) {
+    query->calls.give_up_waiting();
+    answering.emplace(query->request_handler);
+  }
+  if (notification != nullptr) hearing.emplace(notification->notf_handler);
+  qlk::query_stop(connection.query);
+  qlk::notification_stop(connection.notification);
+}
+
 void _connection_cleanup(quillon_connection &connection) {
   connection.extra->destroyed = true;
   connection.extra->gate->close();
@@ -126,8 +142,7 @@ void _connection_cleanup(quillon_connection &connection) {
   notify_if_made(connection.disconnect_monitor);
   // The engines' threads use the client, so they end before it; their objects take what the loop still receives, so they end
   // after it.
-  qlk::query_stop(connection.query);
-  qlk::notification_stop(connection.notification);
+  stop_engines(connection);
   connection.extra->async_queries->stop_sending();
   destroy_client(connection);
   qlk::leave_loop(connection);

@@ -39,6 +39,8 @@ QUILLON_STATUS drain(quillon_connection &connection, SteadyClock::time_point dea
   in_time = drained.query->request_handler.wait_until_idle(deadline) && in_time;
   if (is_destroyed) return QUILLON_STATUS_OK;
   const QUILLON_STATUS status = quillon_connection_disconnect(&connection);
+  // Callbacks that still run may be about to return only now that the session has ended.
+  drained.calls->wait_until_quiet();
   if (is_destroyed) return QUILLON_STATUS_OK;
   in_time = drained.query->request_handler.settle(deadline) && in_time;
   in_time = drained.notification->notf_handler.settle(deadline) && in_time;

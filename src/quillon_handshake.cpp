@@ -403,14 +403,18 @@ bool is_connecting_here(quillon_connection &connection) {
 QUILLON_STATUS connect_locked(quillon_connection &connection, const std::atomic<bool> *keep_running) {
   const Connecting connecting(connection);
   if (connection.extra->destroyed || (keep_running != nullptr && !*keep_running)) return QUILLON_STATUS_CONNECTION_ERROR;
+  const auto end_drain = [&] {
+    connection.query->calls.open();
+    connection.extra->async_queries->resume();
+  };
   if (connection.is_grid_connected) {
     wb_log(WB_LOG_WARN, "quillon is connecting or already connected");
+    end_drain();  // one that failed may have left the session
     return QUILLON_STATUS_OK;
   }
   if (connection.extra->loop->is_closed()) return fail("the library has been shut down", QUILLON_STATUS_CONNECTION_ERROR);
   if (!end_previous_session(connection)) return QUILLON_STATUS_CONNECTION_ERROR;
-  connection.query->calls.open();  // in case it was drained
-  connection.extra->async_queries->resume();
+  end_drain();
   if (const QUILLON_STATUS status = read_target(connection); status != QUILLON_STATUS_OK) return status;
   limit_handler_queues(connection);
   wb_log(WB_LOG_INFO, "connecting to host %s .......", connection.extra->host.c_str());

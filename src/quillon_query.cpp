@@ -8,6 +8,7 @@
 #include "guard.h"
 #include "query_request.h"
 #include "quillon_capability.h"
+#include "quillon_connection.h"
 #include "quillon_grid.h"
 #include "stanza_builder.h"
 
@@ -61,6 +62,9 @@ QUILLON_STATUS ask(const quillon_query &query, const quillon_string &jid, qlk::N
 
 bool tries_next(QUILLON_STATUS status) { return status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR; }
 
+// The connection was drained, and its session is over: no further publisher is asked by another one.
+bool has_left(const _quillon_query &query) { return query.calls.is_closed() && !query.connection->is_xmpp_connected; }
+
 // Asks the publishers in turn, each once, beginning with the sticky one. On CAPABILITY_NOT_FOUND the request is left to its
 // owner.
 QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &capability, qlk::NodePtr &request,
@@ -81,7 +85,7 @@ QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &c
     if (payload == nullptr) return QUILLON_STATUS_XML_ERROR;
     status = ask(query, *jid, std::move(payload), response);
     if (!tries_next(status)) break;
-    if (last) return status;
+    if (last || has_left(query)) return status;
   }
   if (i != start) sticky.store(i);
   return status;

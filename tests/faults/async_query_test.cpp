@@ -4,6 +4,7 @@
 #include <atomic>
 #include <future>
 #include <thread>
+#include <tuple>
 
 #include "application.h"
 
@@ -354,7 +355,7 @@ TEST_F(Drain, CutsShortWhatIsLeftAtTheDeadline) {
   auto drained = std::async(std::launch::async, [this] { return drain(300); });
   ASSERT_TRUE(application_.wait_ended());
   EXPECT_EQ((std::vector(3, Ended{QUILLON_QUERY_OUTCOME_UNKNOWN, QUILLON_STATUS_SEND_TIMEOUT, publisher("silent"), ""})),
-            ended());
+            wait_for(3));
   EXPECT_EQ(std::future_status::timeout, drained.wait_for(100ms)) << "a handler still runs";
   go_on.set_value();
   EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, drained.get());
@@ -399,6 +400,74 @@ TEST_F(Drain, ACallbackMayDestroyTheConnectionMeanwhile) {
   EXPECT_EQ(QUILLON_STATUS_OK, drain(100));
   EXPECT_EQ(3U, wait_for(3).size());
 }
+
+enum class Place { handler, completion, thread };
+
+struct LeavingRow {
+  const char *name;
+  Place drains, destroys;
+};
+
+// One thread of the connection, or one of the application, drains it while another destroys it.
+class Leaving : public Drain, public testing::WithParamInterface<std::tuple<LeavingRow, bool>> {
+ protected:
+  // Runs it there, once.
+  void run(Place place, const std::function<void()> &work) {
+    if (place == Place::thread) {
+      threads_.push_back(std::async(std::launch::async, work));
+    } else if (place == Place::handler) {
+      listen(work);
+      peer_->notify("<news xmlns='urn:test'/>");
+    } else {
+      in_callback_ = [this, work] {
+        if (!called_back_.exchange(true)) work();
+      };
+      quillon_pending_query *pending = nullptr;
+      ASSERT_EQ(QUILLON_STATUS_OK, ask(kLong, &pending));
+      EXPECT_EQ(QUILLON_STATUS_OK, quillon_pending_query_cancel(pending));
+      quillon_pending_query_destroy(pending);
+    }
+  }
+
+ private:
+  std::atomic<bool> called_back_ = false;
+  std::vector<std::future<void>> threads_;
+};
+
+TEST_P(Leaving, EndsTheDrain) {
+  const LeavingRow row = std::get<0>(GetParam());
+  const bool waits_for_the_deadline = std::get<1>(GetParam());
+  const uint32_t milliseconds = waits_for_the_deadline ? 200 : 3 * kLong;
+  ASSERT_NO_FATAL_FAILURE(connect({"silent"}));
+  ASSERT_EQ(QUILLON_STATUS_OK, ask()) << "something to wait for";
+  std::atomic<bool> is_destroying = false, destroyed = false, drained = false;
+  run(row.destroys, [&] {
+    is_destroying = true;
+    EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return ask() == QUILLON_STATUS_NO_CONNECTION; })) << "it drains";
+    // Delay: the drain's deadline is to pass while this thread still keeps it.
+    if (waits_for_the_deadline) std::this_thread::sleep_for(std::chrono::milliseconds(2 * milliseconds));
+    application_.destroy_connection();
+    destroyed = true;
+  });
+  ASSERT_TRUE(testpeer::eventually(kSoon, [&] { return is_destroying.load(); }));
+  run(row.drains, [&] {
+    drain(milliseconds);
+    drained = true;
+  });
+  EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return destroyed && drained; }));
+}
+
+constexpr LeavingRow kLeavings[] = {{"HandlerByCompletion", Place::handler, Place::completion},
+                                    {"HandlerByThread", Place::handler, Place::thread},
+                                    {"CompletionByHandler", Place::completion, Place::handler},
+                                    {"CompletionByThread", Place::completion, Place::thread},
+                                    {"ThreadByHandler", Place::thread, Place::handler},
+                                    {"ThreadByCompletion", Place::thread, Place::completion},
+                                    {"ThreadByThread", Place::thread, Place::thread}};
+
+INSTANTIATE_TEST_SUITE_P(Places, Leaving, testing::Combine(testing::ValuesIn(kLeavings), testing::Bool()), [](const auto &row) {
+  return std::string(std::get<0>(row.param).name) + (std::get<1>(row.param) ? "BehindTheDeadline" : "BeforeTheDeadline");
+});
 
 TEST_F(Drain, IsRefusedOnTheEventLoop) {
   ASSERT_NO_FATAL_FAILURE(connect({}));
