@@ -134,6 +134,9 @@ bool Link::start_tls(SslPtr ssl) {
   BIO_set_data(bio, this);
   SSL_set_bio(ssl.get(), bio, bio);
   SSL_set_connect_state(ssl.get());
+  // Whatever the application has set on the context: a write takes all, and a read goes on behind a record without data.
+  SSL_clear_mode(ssl.get(), SSL_MODE_ENABLE_PARTIAL_WRITE);
+  SSL_set_mode(ssl.get(), SSL_MODE_AUTO_RETRY);
   SSL_set_read_ahead(ssl.get(), 1);
   SSL_set_default_read_buffer_len(ssl.get(), kInputBytes);
   ssl_ = std::move(ssl);
@@ -228,6 +231,7 @@ Link::Io Link::write_through(std::string_view bytes) {
 
 void Link::send_or_keep(std::string_view bytes) {
   if (std::exchange(through_, false) && waiting() == 0 && socket_error_ == 0) {
+    out_.reserve(out_.size() + bytes.size());  // what has been sent in part must not fail to be kept
     const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (sent >= 0) {
       spoken_ = true;
