@@ -22,7 +22,9 @@ void Directory::arrive(const std::string &jid) {
 
 void Directory::note_present(const std::string &jid) {
   unsure_.erase(jid);
-  if (present_.insert(jid).second) store_.run("INSERT OR IGNORE INTO sessions VALUES (?)", {jid});
+  if (present_.count(jid) != 0) return;
+  store_.run("INSERT OR IGNORE INTO sessions VALUES (?)", {jid});
+  present_.insert(jid);
 }
 
 void Directory::leave(const std::string &jid) {
@@ -59,7 +61,7 @@ void Directory::recover() {
         [this, jid](const wb_dom_node *answer) {
           if (unsure_.erase(jid) == 0) return;
           const std::string type = attribute_of(answer, "type");
-          if (type == "result") present_.insert(jid);
+          if (type == "result") note_present(jid);
           if (type == "error") leave(jid);  // without an answer it is not counted as present until it is heard of
         },
         kPingSeconds);

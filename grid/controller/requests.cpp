@@ -82,13 +82,13 @@ void Requests::receive_iq(const wb_dom_node *iq) {
   const std::string name = wb_dom_get_localname(request.payload);
   request.response_ns = wb_dom_get_namespace_uri(request.payload);
   request.response_name = name.substr(0, name.size() - (sizeof kRequestSuffix - 1)) + "Response";
-  directory_.note_present(request.jid);
   wb_log(WB_LOG_VERBOSE, "%s from %s", name.c_str(), request.jid.c_str());
-  if (name != kConnectRequest && !accounts_.is_approved(request.user)) {
-    refuse(request, not_authorized("the account is " + accounts_.state(request.user).value_or("unknown")));
-    return;
-  }
   try {
+    directory_.note_present(request.jid);
+    if (name != kConnectRequest && !accounts_.is_approved(request.user)) {
+      refuse(request, not_authorized("the account is " + accounts_.state(request.user).value_or("unknown")));
+      return;
+    }
     (this->*found->second)(request);
   } catch (const std::exception &error) {
     wb_log(WB_LOG_ERROR, "%s: %s", name.c_str(), error.what());
