@@ -100,14 +100,19 @@ class Asker {
     std::optional<Failure> failure;
     try {
       if (options_.in_flight > 1 || options_.deadline_ms > 0) {
-        ask_at_once(failure);
+        try {
+          ask_at_once(failure);
+        } catch (...) {
+          count_the_rest();
+          throw;
+        }
       } else {
         for (uint64_t i = 0; wants(i); ++i) {
           pause_before(i);
           ask(failure);
         }
       }
-    } catch (const Stopped &) {
+    } catch (...) {
       flush_output();
       if (is_timed) note(timing_.summary());
       throw;
@@ -143,9 +148,23 @@ class Asker {
 
   void take(const QuestionEnd &end, std::optional<Failure> &failure) {
     if (end.outcome == QUILLON_QUERY_OUTCOME_ANSWERED) return accept(end.response, end.milliseconds);
-    stop_.check();
     timing_.add_failure(end.outcome);
+    stop_.check();
     explain(end.status, failure);
+    session_.begin_request();  // what the grid said to this one explains no other
+  }
+
+  // Those that were asked and shall not be waited for have outcomes too.
+  void count_the_rest() {
+    quillon_connection_drain(session_.connection(), 0);
+    while (in_flight_.count() > 0) {
+      const QuestionEnd end = in_flight_.next();
+      if (end.outcome == QUILLON_QUERY_OUTCOME_ANSWERED) {
+        timing_.add(end.milliseconds);
+      } else {
+        timing_.add_failure(end.outcome);
+      }
+    }
   }
 
   void accept(const Element &response, double milliseconds) {
@@ -178,10 +197,7 @@ class Asker {
       session_.expect(status, "query " + capability_.name());
     } catch (const Failure &thrown) {
       const bool goes_on = status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR;
-      if (options_.repeat == 1 || !goes_on || session_.is_lost()) {
-        if (options_.repeat != 1) note(timing_.summary());
-        throw;
-      }
+      if (options_.repeat == 1 || !goes_on || session_.is_lost()) throw;
       failure = thrown;
     }
   }
