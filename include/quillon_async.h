@@ -32,11 +32,12 @@ typedef enum QUILLON_QUERY_OUTCOME {
  *                     QUILLON_STATUS_QUILLON_ERROR         a publisher answered, but with no response
  *          NOT_SENT   QUILLON_STATUS_NO_CONNECTION         there is no session
  *                     QUILLON_STATUS_CAPABILITY_NOT_FOUND  no publisher is known
- *                     QUILLON_STATUS_SEND_TIMEOUT          the deadline was 0
+ *                     QUILLON_STATUS_SEND_TIMEOUT          the deadline passed before
+ *                     QUILLON_STATUS_CONNECTION_ERROR      the connection was destroyed before
  *                     QUILLON_STATUS_XML_ERROR             the request could not be built
  *                     QUILLON_STATUS_MALLOC_ERROR          memory is exhausted
  *                     QUILLON_STATUS_UNKNOWN               the session did not take it: no legal text, too large, or too much
- *                                                          waits to be written
+ *                                                          waits to be written; or quillon_pending_query_cancel
  *          UNKNOWN    QUILLON_STATUS_SEND_TIMEOUT          the deadline passed
  *                     QUILLON_STATUS_CONNECTION_ERROR      the session ended, or the connection was destroyed
  *                     QUILLON_STATUS_UNKNOWN               quillon_pending_query_cancel */
@@ -95,8 +96,8 @@ QUILLON_API void quillon_pending_query_destroy(quillon_pending_query *pending);
  * called again. Those under way may end; then the requests that had arrived are answered; then the session is ended as
  * quillon_connection_disconnect does. Stop a quillon_reconnection first, or it connects again.
  *   At the deadline what is left is cut short: asynchronous calls end with QUILLON_STATUS_SEND_TIMEOUT and their callbacks run,
- * synchronous ones return with the end of the session, and stanzas that wait for a handler are dropped. After the return no
- * callback of the connection runs, until it connects again.
+ * synchronous ones return with the end of the session, and stanzas that wait for a handler are dropped (where a handler drains,
+ * those that wait for it at once). After the return no callback of the connection runs, until it connects again.
  *   It may be called out of every callback but disconnect_cb and the TLS context's: the callback that calls it goes on when it
  * returns, and those of other calls run within it. A callback may destroy the connection meanwhile; it then returns at once.
  * Blocks:  until all has ended, at most the milliseconds and what quillon_connection_disconnect takes; longer only for callbacks
