@@ -105,8 +105,9 @@ class [[nodiscard]] awaited_query {
   bool await_ready() const noexcept { return false; }
   // Begins the call. False when that fails: the coroutine then goes on at once.
   bool await_suspend(std::coroutine_handle<> waiting) noexcept {
+    const detail::begin_query begin = std::move(begin_);  // it is called here still when the coroutine may have gone on
     const auto begun = detail::guarded([&]() -> result<pending_query> {
-      return detail::ask_later(begin_, std::move(request_), within_, [this, waiting](query_end end) {
+      return detail::ask_later(begin, std::move(request_), within_, [this, waiting](query_end end) {
         end_ = std::move(end);
         waiting.resume();
       });
