@@ -1,5 +1,6 @@
 #include "client_options.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -32,6 +33,26 @@ bool read_seconds(wb_htable *table, const char *key, std::chrono::seconds &durat
   return true;
 }
 
+bool read_milliseconds(wb_htable *table, const char *key, std::chrono::milliseconds &duration) {
+  unsigned milliseconds = static_cast<unsigned>(duration.count());
+  if (!read_number(table, key, 0u, milliseconds)) return false;
+  duration = std::chrono::milliseconds(milliseconds);
+  return true;
+}
+
+// A text of endpoints with blanks between them, or null.
+bool read_endpoints(const char *text, std::vector<Endpoint> &endpoints) {
+  std::string_view rest = text != nullptr ? text : "";
+  while (!rest.empty()) {
+    const size_t end = std::min(rest.find(' '), rest.size());
+    Endpoint endpoint;
+    if (end > 0 && !parse_endpoint(rest.substr(0, end), endpoint)) return false;
+    if (end > 0) endpoints.push_back(std::move(endpoint));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return true;
+}
+
 template <typename Function>
 Function hook_of(wb_htable *table, const char *key) {
   const auto *variable = static_cast<const Function *>(wb_htable_get(table, key));
@@ -52,6 +73,8 @@ bool read_client_options(wb_htable *table, ClientOptions &options, wb_err *err) 
   options.user_jid = user;
   if (!parse_endpoint(host, options.endpoint))
     return WB_FAIL(err, WB_ERR_BAD_FORMAT, "\"host\" is neither name, name:port nor an address");
+  if (!read_endpoints(text_of(table, "other_hosts"), options.other_endpoints))
+    return WB_FAIL(err, WB_ERR_BAD_FORMAT, "one of \"other_hosts\" is neither name, name:port nor an address");
   Jid jid;
   if (!parse_jid(options.user_jid, jid) || jid.local.empty())
     return WB_FAIL(err, WB_ERR_BAD_FORMAT, "\"userjid\" is no user's JID");
@@ -73,6 +96,7 @@ bool read_client_options(wb_htable *table, ClientOptions &options, wb_err *err) 
                        read_number(table, "max_queue_bytes", size_t{1024}, options.queue_bytes_max) &&
                        read_seconds(table, "connect_timeout_seconds", options.connect_timeout) &&
                        read_seconds(table, "idle_probe_seconds", options.idle_probe) &&
+                       read_milliseconds(table, "race_milliseconds", options.race_gap) &&
                        read_number(table, "client_reconnect_countdown", 0u, options.reconnect_countdown_seconds);
   return numbers || WB_FAIL(err, WB_ERR_BAD_FORMAT, "a number in the configuration is no number, or too small");
 }

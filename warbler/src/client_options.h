@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "endpoint.h"
 #include "sasl.h"
@@ -19,6 +20,8 @@ struct ClientOptions {
   std::string domain;
   std::string host_text;  // as configured
   Endpoint endpoint;
+  std::vector<Endpoint> other_endpoints;  // to be dialled besides
+  std::chrono::milliseconds race_gap{0};  // between the addresses that are dialled; 0: one after the other
   std::string user_jid;
   std::string resource;
   const wb_sasl_factory *factory = nullptr;

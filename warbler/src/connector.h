@@ -1,5 +1,11 @@
-// Dials the addresses of a list one after the other until one answers.
+// Dials addresses until one answers: one after the other, or in a race, in which the next begins while the ones before are still
+// at it.
 #pragma once
+
+#include <sys/socket.h>
+
+#include <deque>
+#include <list>
 
 #include "loop_gate.h"
 #include "resolver.h"
@@ -9,37 +15,68 @@ namespace wb {
 class Connector final : public Buriable {
  public:
   using Clock = std::chrono::steady_clock;
-  // fd is a connected, non-blocking socket for the receiver, or -1 when no address answered; text tells the address, or what
-  // failed.
-  using Done = std::function<void(int fd, const std::string &text)>;
+  // What became of it. fd is a connected, non-blocking socket for the receiver, or -1 when no address answered.
+  struct Outcome {
+    int fd;
+    size_t host;       // whose address answered
+    std::string text;  // the address in numbers, or what failed
+  };
+  using Done = std::function<void(const Outcome &outcome)>;
 
-  // Each address gets its share of the time until the deadline. Begins with start.
-  Connector(event_base *base, std::shared_ptr<LoopGate> gate, AddressList addresses, Clock::time_point deadline, Done done);
+  // With a gap of 0 each address gets its share of the time until the deadline. With any other the next one begins when the gap
+  // is over or the one before has failed, and the first that answers wins.
+  Connector(event_base *base, std::shared_ptr<LoopGate> gate, std::chrono::milliseconds gap, Clock::time_point deadline,
+            Done done);
   ~Connector();
   Connector(const Connector &) = delete;
   Connector &operator=(const Connector &) = delete;
 
-  // Within a pass; done may run at once, and may bury the connector.
-  void start() { try_next(); }
+  // All within a pass; done may run at once, and may bury the connector. Adds the addresses of a host, whose place among all
+  // hosts decides when they have their turn, and begins. more: there are hosts yet to be added, so that it does not give up
+  // before.
+  void add(size_t host, const AddressList &addresses, bool more);
+  // The same for a host that has no address, and why.
+  void add_failure(const std::string &why, bool more);
 
  private:
-  void try_next();
-  void on_ready(short what);
-  void note_failure(int error);
-  void drop_socket();
-  void report(int fd);
-  std::chrono::milliseconds share() const;
+  struct Target {
+    size_t host;
+    sockaddr_storage address;
+    socklen_t size;
+  };
+  struct Attempt {
+    int fd;
+    size_t host;
+    std::string text;
+    std::shared_ptr<LoopEvent> ready;
+  };
+  using Attempts = std::list<Attempt>;
+
+  bool is_race() const { return gap_.count() > 0; }
+  void interleave_families();
+  void go_on();
+  void wait_for_turn();
+  bool dial(const Target &target);
+  void on_ready(Attempts::iterator attempt, short what);
+  void note_failure(const std::string &address, int error);
+  void drop(Attempts::iterator attempt);
+  void drop_all();
+  void report(Outcome outcome);
+  template <typename Function>
+  void run(Function &&function);
+  std::chrono::milliseconds patience() const;
 
   event_base *const base_;
   const std::shared_ptr<LoopGate> gate_;
-  const AddressList addresses_;
+  const std::chrono::milliseconds gap_;
   const Clock::time_point deadline_;
   const Done done_;
-  const addrinfo *next_;
-  std::string address_;  // the one that is tried, in numbers
+  std::deque<Target> waiting_;  // in the order of their turns
+  Attempts attempts_;
+  std::shared_ptr<LoopEvent> turn_;         // of the next in a race
+  sa_family_t family_dialled_ = AF_UNSPEC;  // last
   std::string failures_;
-  int fd_ = -1;
-  std::shared_ptr<LoopEvent> ready_;
+  bool more_ = false;
 };
 
 // Sets what a socket of a long-lived session needs: no delay of small writes, and a vanished peer noticed by the kernel within

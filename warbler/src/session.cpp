@@ -96,35 +96,56 @@ void Session::start(const std::shared_ptr<Session> &self) {
   self_ = self;
   deadline_ = Clock::now() + options_.connect_timeout;
   step_by_step_ = owner_.goes_step_by_step(server_);
-  resolve(server_);
+  std::vector<Endpoint> all{server_};
+  all.insert(all.end(), options_.other_endpoints.begin(), options_.other_endpoints.end());
+  resolve(std::move(all));
   arm_timer();
 }
 
-void Session::resolve(const Endpoint &where) {
+void Session::resolve(std::vector<Endpoint> where) {
   state_ = State::resolving;
-  lookup_ =
-      std::make_unique<Lookup>(queue_, where.host, where.port, [weak = self_, gate = gate_](AddressList addresses, int error) {
-        const LoopGate::Pass pass(gate);
-        const std::shared_ptr<Session> session = pass ? weak.lock() : nullptr;
-        if (session == nullptr) return;
-        session->run([&] { session->on_resolved(std::move(addresses), error); });
-      });
+  lookups_.clear();
+  dialled_ = std::move(where);
+  lookups_left_ = dialled_.size();
+  for (size_t host = 0; host < dialled_.size(); ++host) {
+    lookups_.push_back(std::make_unique<Lookup>(queue_, dialled_[host].host, dialled_[host].port,
+                                                [weak = self_, gate = gate_, host](AddressList addresses, int error) {
+                                                  const LoopGate::Pass pass(gate);
+                                                  const std::shared_ptr<Session> session = pass ? weak.lock() : nullptr;
+                                                  if (session == nullptr) return;
+                                                  session->run([&] { session->on_resolved(host, addresses, error); });
+                                                }));
+  }
 }
 
-void Session::on_resolved(AddressList addresses, int error) {
-  if (error != 0) return end(WB_ERR_SOCKET_CONNECT, "cannot resolve " + server_.host + ": " + gai_strerror(error));
+// The first name that is known begins; the others join in.
+void Session::on_resolved(size_t host, const AddressList &addresses, int error) {
+  const bool more = --lookups_left_ > 0;
+  const std::string failure = error != 0 ? "cannot resolve " + dialled_[host].host + ": " + gai_strerror(error) : std::string();
+  if (error != 0 && dialled_.size() == 1) return end(WB_ERR_SOCKET_CONNECT, failure);
   state_ = State::connecting;
-  connector_ = std::make_shared<Connector>(queue_.base(), gate_, std::move(addresses), deadline_,
-                                           [this](int fd, const std::string &text) { run([&] { on_connected(fd, text); }); });
-  connector_->start();
+  if (connector_ == nullptr) {
+    connector_ = std::make_shared<Connector>(queue_.base(), gate_, options_.race_gap, deadline_,
+                                             [this](const Connector::Outcome &outcome) { run([&] { on_connected(outcome); }); });
+  }
+  if (error != 0) return connector_->add_failure(failure, more);
+  connector_->add(host, addresses, more);
 }
 
-void Session::on_connected(int fd, const std::string &text) {
+void Session::on_connected(const Connector::Outcome &outcome) {
+  const int fd = outcome.fd;
+  const std::string &text = outcome.text;
+  lookups_.clear();
   gate_->bury(std::move(connector_));
   if (fd < 0) {
     const std::string host = options_.host_text + ": ";
     const bool is_named = text.compare(0, host.size(), host) == 0;  // a host in numbers is the address that failed
     return end(WB_ERR_SOCKET_CONNECT, "cannot connect to " + (is_named ? "" : host) + text);
+  }
+  if (dialled_.size() > 1) {
+    server_ = dialled_[outcome.host];
+    names_.host = server_.host;
+    step_by_step_ = owner_.goes_step_by_step(server_);
   }
   wb_log(WB_LOG_VERBOSE, "connected to %s", text.c_str());
   link_ = Link::take_over(fd);
@@ -401,7 +422,7 @@ void Session::abandon() {
   state_ = State::ended;
   parser_.stop();
   timer_.remove();
-  lookup_.reset();
+  lookups_.clear();
   if (link_ != nullptr) {
     link_->say_goodbye();
     link_->flush();

@@ -14,6 +14,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "client_options.h"
 #include "connector.h"
@@ -94,9 +95,9 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   void on_tls_answer(bool accept) override;
 
   // session.cpp: the socket and the end
-  void resolve(const Endpoint &where);
-  void on_resolved(AddressList addresses, int error);
-  void on_connected(int fd, const std::string &text);
+  void resolve(std::vector<Endpoint> where);
+  void on_resolved(size_t host, const AddressList &addresses, int error);
+  void on_connected(const Connector::Outcome &outcome);
   void on_readable();
   void read_stream();
   void read_pieces();
@@ -182,7 +183,9 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   wb_dom_node *leaving_error_ = nullptr;
   ContextRef leaving_context_;  // of the error
 
-  std::unique_ptr<Lookup> lookup_;
+  std::vector<Endpoint> dialled_;                 // all at once
+  std::vector<std::unique_ptr<Lookup>> lookups_;  // of their names
+  size_t lookups_left_ = 0;
   std::shared_ptr<Connector> connector_;
   std::shared_ptr<Link> link_;
   std::shared_ptr<LoopEvent> readable_, writable_;

@@ -364,7 +364,7 @@ void Session::dial_again(const Endpoint &where) {
   ahead_ = false;
   parser_.reset();
   drop_link();
-  resolve(where);
+  resolve({where});
   arm_timer();
 }
 

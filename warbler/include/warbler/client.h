@@ -27,6 +27,9 @@
  *   "client_reconnect_countdown"  seconds until the client connects again by itself after a session was lost; "0": never
  *   "tls-connect-cb", "tls-accept-cb"          addresses of variables that hold a wb_tls_connect_func / wb_tls_accept_func
  *   "tls-connect-cb-arg", "tls-accept-cb-arg"  their arguments
+ * and, optional:
+ *   "other_hosts"                 further hosts in the forms of "host", with blanks between them: their addresses are dialled
+ *                                 too, and the session is with the first that answers
  * and, all optional, as decimal texts:
  *   "max_stanza_bytes" (4194304), "max_depth" (256), "max_attributes" (256)   limits of what is received
  *   "max_queue_bytes" (67108864)      bytes that may wait to be written before a send is refused
@@ -35,6 +38,9 @@
  *   "idle_probe_seconds" (60)         a link that was silent for so long is probed; after as long again without an answer it
  *                                     is ended; the client itself is never silent for so long, nor for as long as the server
  *                                     announces to bear (the idle-seconds of its stream limits)
+ *   "race_milliseconds" (0)           0: addresses are dialled one after the other, each for its share of the time. More: the
+ *                                     next one is dialled so long after the one before, or when that has failed, IPv6 and IPv4
+ *                                     by turns, and the first that answers wins
  *
  * Lifetime of the table. Texts, numbers and the hooks that the variables hold are copied before wb_client_connect returns. Three
  * things are borrowed: the table itself, which mechanisms are given; the factory; and whatever the hooks' arguments point to. An
