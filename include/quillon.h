@@ -1308,5 +1308,6 @@ QUILLON_API QUILLON_STATUS quillon_bulkdownload_get_error_details(quillon_bulkdo
 #endif
 
 #include <quillon_async.h>
+#include <quillon_reconnection_options.h>
 
 #endif

@@ -36,12 +36,21 @@ void _client_connected_callback(wb_event_data *, void *arg) {
   quillon_monitor_notify(connection->xmpp_connection_monitor);
 }
 
-void mark_disconnected(quillon_connection &connection) {
+// Another session of the user has taken the place of this one, or the server does not bear what this client does.
+bool calls_for_restraint(const wb_dom_node *error) {
+  return wb_dom_get_first_element(error, "{urn:ietf:params:xml:ns:xmpp-streams}conflict") != nullptr ||
+         wb_dom_get_first_element(error, "{urn:ietf:params:xml:ns:xmpp-streams}policy-violation") != nullptr;
+}
+
+void mark_disconnected(quillon_connection &connection, bool calls_for_restraint) {
   const std::lock_guard lock(connection.extra->mutex);
+  if (connection.is_grid_connected) connection.extra->lost_at = std::chrono::steady_clock::now();
   connection.state_enum = QUILLON_CONNECTION_STATE_DISCONNECTED;
   connection.is_grid_connected = false;
   connection.is_xmpp_connected = false;
   connection.extra->session = {};
+  connection.extra->calls_for_restraint = calls_for_restraint;
+  connection.extra->changed.notify_all();
 }
 
 void _client_disconnected_callback(wb_event_data *event, void *arg) {
@@ -50,14 +59,15 @@ void _client_disconnected_callback(wb_event_data *event, void *arg) {
   quillon_connection *connection = connection_of(arg);
   if (connection == nullptr) return;
   const qlk::ConnectionHold hold(*connection);
-  const QUILLON_STATUS status =
-      qlk::disconnect_status(static_cast<const wb_dom_node *>(event->data), connection->is_grid_connected);
+  const auto *error = static_cast<const wb_dom_node *>(event->data);
+  const bool restrains = error != nullptr && calls_for_restraint(error);
+  const QUILLON_STATUS status = qlk::disconnect_status(error, connection->is_grid_connected);
   const auto callback =
       qlk::user_callback(*connection, &_quillon_connection::disconnect_cb, &_quillon_connection::disconnect_cb_user_data);
   if (callback.function != nullptr) callback.function(connection, status, callback.user_data);
   if (connection->extra->destroyed) return;
   connection->extra->loop->reap();  // the connection's thread, unless it is the one that runs here
-  mark_disconnected(*connection);
+  mark_disconnected(*connection, restrains);
   qlk::leave_loop(*connection);
   quillon_monitor_notify(connection->xmpp_connection_monitor);
   quillon_monitor_notify(connection->connection_update_monitor);

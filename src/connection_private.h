@@ -4,6 +4,8 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -32,16 +34,22 @@ struct ConnectionPrivate {
   std::atomic<bool> uses_loop = false;
   std::mutex disconnect_mutex;  // one disconnect at a time waits for the end of the session
 
+  std::condition_variable changed;  // with mutex: the session has ended, or whoever waits is to look again
+
   std::mutex mutex;  // guards what follows, the callbacks of the record, and changes of its two flags
   SessionState session;
   unsigned sessions_begun = 0;
   bool connecting = false;  // a connect is under way, on connect_thread
   pthread_t connect_thread = {};
-  bool cancelled = false;  // a disconnect came meanwhile
+  bool cancelled = false;            // a disconnect came meanwhile
+  bool calls_for_restraint = false;  // the server ended the last session for a reason that coming back at once would repeat
+  size_t hosts = 1;                  // whose turns make up a round
+  std::chrono::steady_clock::time_point lost_at = {};  // when the connection ceased to be part of the grid
   // What the XMPP table points to: copies, changed only while no session is open.
   std::string user_jid;
   std::string sasl_response;
   std::string host;
+  std::string other_hosts;  // to be raced with it
 };
 
 // Keeps the record while a function uses it that may call the application, who may destroy the connection in that call.
@@ -78,6 +86,9 @@ UserCallback<Callback> user_callback(const quillon_connection &connection, Callb
   const std::lock_guard lock(connection.extra->mutex);
   return {connection.*function, connection.*user_data};
 }
+
+// Wakes those who wait for a change of the connection.
+void announce_change(quillon_connection &connection);
 
 // Calls the account callback, if there is one. No lock held.
 void call_account_cb(quillon_connection &connection, QUILLON_STATUS status);

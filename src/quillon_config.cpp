@@ -256,6 +256,7 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   copy.handler_queue_bound = config->handler_queue_bound;
   copy.handler_queue_overflow = config->handler_queue_overflow;
   copy.sasl_response = config->sasl_response;
+  copy.races_addresses = config->races_addresses;
 }
 
 QUILLON_STATUS quillon_config_set_host(quillon_config *config, const char *host) {
@@ -399,6 +400,13 @@ QUILLON_STATUS quillon_config_set_sasl_response(quillon_config *config, QUILLON_
       break;
   }
   return QUILLON_STATUS_INVALID_ARGS;
+}
+
+QUILLON_STATUS quillon_config_set_address_racing(quillon_config *config, bool is_raced) {
+  qlk::trace(__func__);
+  if (config == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  config->races_addresses = is_raced;
+  return QUILLON_STATUS_OK;
 }
 
 QUILLON_STATUS quillon_config_set_handler_queue_warning(quillon_config *config, int stanzas) {

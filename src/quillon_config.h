@@ -25,6 +25,7 @@ struct _quillon_config {
   int32_t handler_queue_bound;
   QUILLON_HANDLER_QUEUE_OVERFLOW handler_queue_overflow;
   QUILLON_SASL_RESPONSE sasl_response;
+  bool races_addresses;
 };
 
 namespace qlk {

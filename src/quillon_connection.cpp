@@ -136,6 +136,7 @@ void stop_engines(quillon_connection &connection) {
 
 void _connection_cleanup(quillon_connection &connection) {
   connection.extra->destroyed = true;
+  qlk::announce_change(connection);
   connection.extra->gate->close();
   notify_if_made(connection.xmpp_connection_monitor);
   notify_if_made(connection.connection_update_monitor);
@@ -166,6 +167,11 @@ void qlk::enter_loop(quillon_connection &connection) {
 
 void qlk::leave_loop(quillon_connection &connection) {
   if (connection.extra->uses_loop.exchange(false)) connection.extra->loop->leave();
+}
+
+void qlk::announce_change(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  connection.extra->changed.notify_all();
 }
 
 std::string qlk::own_jid(const quillon_connection &connection) {

@@ -5,6 +5,7 @@
 // Connects are serialised by connect_lock, which each holds to its end; a disconnect takes no part in that, since it is what ends
 // a connect that waits. It marks the connect under way as cancelled, which every later step of the connect looks at, and ends the
 // session if one is open.
+#include <algorithm>
 #include <cstring>
 
 #include "connection_private.h"
@@ -22,6 +23,10 @@ namespace {
 
 constexpr std::chrono::seconds kXmppTime{50};        // for the XMPP session to come up
 constexpr std::chrono::seconds kDisconnectTime{50};  // for the session's end to be reported
+
+// Between the addresses that are raced, and that they are not.
+char race_text[] = "250";
+char no_race_text[] = "0";
 
 constexpr char kInvalidConnection[] = "Invalid connection object";
 
@@ -120,6 +125,17 @@ std::string sasl_response(QUILLON_SASL_RESPONSE kind, std::string_view user_name
   return std::string(kind == QUILLON_SASL_RESPONSE_BARE_JID ? jid.substr(0, jid.find('/')) : user_name);
 }
 
+// The hosts that come after the one whose turn it is, with blanks between them.
+std::string hosts_behind(const quillon_config &config, int32_t turn) {
+  std::string hosts;
+  for (int32_t i = 1; i < config.hosts_count; ++i) {
+    const auto place = static_cast<size_t>((turn + i) % config.hosts_count);
+    const char *host = quillon_string_cstr(static_cast<const quillon_string *>(quillon_list_get_at(config.hosts, place)));
+    if (host != nullptr) hosts.append(hosts.empty() ? "" : " ").append(host);
+  }
+  return hosts;
+}
+
 // The host whose turn it is, and the names to connect with.
 QUILLON_STATUS read_target(quillon_connection &connection) {
   const quillon_config *config = connection.config;
@@ -128,15 +144,19 @@ QUILLON_STATUS read_target(quillon_connection &connection) {
   const char *jid = quillon_string_cstr(config->jid);
   if (user_name == nullptr || jid == nullptr) return fail("cannot connect: no user name is set", QUILLON_STATUS_INVALID_ARGS);
   const quillon_string *host = nullptr;
+  std::string others;
   {
     const std::lock_guard lock(rotation_mutex);
     if (config->hosts_index >= 0) {
       host = static_cast<const quillon_string *>(quillon_list_get_at(config->hosts, static_cast<size_t>(config->hosts_index)));
+      if (config->races_addresses) others = hosts_behind(*config, config->hosts_index);
     }
   }
   if (quillon_string_cstr(host) == nullptr) return fail("cannot connect: no host is set", QUILLON_STATUS_INVALID_ARGS);
   const std::lock_guard lock(connection.extra->mutex);
   connection.extra->host = quillon_string_cstr(host);
+  connection.extra->other_hosts = std::move(others);
+  connection.extra->hosts = config->races_addresses ? 1 : static_cast<size_t>(std::max(config->hosts_count, 1));
   connection.extra->sasl_response = sasl_response(config->sasl_response, user_name, jid);
   connection.extra->user_jid = jid;
   return QUILLON_STATUS_OK;
@@ -155,7 +175,9 @@ bool put_target(quillon_connection &connection, wb_err *err) {
   wb_htable *table = connection.wb_config;
   return wb_htable_put(table, "userjid", connection.extra->user_jid.data(), nullptr, err) &&
          wb_htable_put(table, "quillon.user_name", connection.extra->sasl_response.data(), nullptr, err) &&
-         wb_htable_put(table, "host", connection.extra->host.data(), nullptr, err);
+         wb_htable_put(table, "host", connection.extra->host.data(), nullptr, err) &&
+         wb_htable_put(table, "other_hosts", connection.extra->other_hosts.data(), nullptr, err) &&
+         wb_htable_put(table, "race_milliseconds", connection.config->races_addresses ? race_text : no_race_text, nullptr, err);
 }
 
 void advance_rotation(quillon_config &config) {
@@ -167,6 +189,7 @@ void open_new_session(qlk::ConnectionPrivate &extra) {
   const std::lock_guard lock(extra.mutex);
   if (++extra.sessions_begun == 0) extra.sessions_begun = 1;  // 0 stands for none
   extra.session = {.number = extra.sessions_begun, .open = true, .posted = false, .wanted = true};
+  extra.calls_for_restraint = false;
 }
 
 void forget_session(qlk::ConnectionPrivate &extra) {

@@ -4,15 +4,21 @@
 //
 // A stop ends what the thread is doing, but the thread may be just about to connect. That connect looks at the run flag once a
 // disconnect can see it, so either it sees the flag or the disconnect ends it.
+//
+// A thread waits on its connection's condition, so that it hears of a session's end as well as of a stop.
 #include "quillon_reconnection.h"
 
-#include <list>
+#include <sys/random.h>
+
+#include <algorithm>
 #include <memory>
+#include <optional>
 
 #include "connection_private.h"
 #include "guard.h"
 #include "monitor_wait.h"
 #include "pthread_lock.h"
+#include "reconnection_backoff.h"
 #include "signals_blocked.h"
 
 namespace qlk {
@@ -46,6 +52,9 @@ struct _quillon_reconnection {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
   // Private additions
+  qlk::ReconnectionPolicy policy;                      // under mutex
+  quillon_reconnection_report_cb report_cb = nullptr;  // under mutex, as its argument
+  void *report_user_data = nullptr;
   std::shared_ptr<Run> run;                     // under mutex: the one that stop ends
   bool has_thread = false;                      // under mutex: thread is to be joined
   std::shared_ptr<Run> thread_run;              // under mutex: what that thread runs
@@ -70,32 +79,133 @@ bool is_expected(QUILLON_STATUS status) {
   return status == QUILLON_STATUS_OK || status == QUILLON_STATUS_CONNECTION_ERROR || status == QUILLON_STATUS_CONNECTION_TIMEOUT;
 }
 
-void connect_if_down(Run &run) {
-  if (quillon_connection_is_connected(&run.connection)) return;
-  const QUILLON_STATUS status =
-      qlk::guarded("quillon_connection_connect", [&] { return qlk::connect(run.connection, &run.keep_running); });
-  if (!is_expected(status)) wb_log(WB_LOG_ERROR, "_reconnection_thread error %s", quillon_status_get_message(status));
+qlk::ReconnectionPolicy policy_of(_quillon_reconnection &reconnection) {
+  const qlk::PthreadLock lock(reconnection.mutex);
+  return reconnection.policy;
 }
 
-void wait_for_next_pass(_quillon_reconnection &reconnection, const Run &run) {
-  const timespec until = qlk::to_timespec(qlk::SteadyClock::now() + std::chrono::seconds(qlk::reconnection_wait_seconds));
-  const qlk::PthreadLock lock(reconnection.mutex);
-  while (run.keep_running) {
-    if (pthread_cond_clockwait(&reconnection.cond, &reconnection.mutex, CLOCK_MONOTONIC, &until) == ETIMEDOUT) return;
-  }
+// From 0 up to but not including 1.
+double chance() {
+  uint32_t bits = 0;
+  if (getrandom(&bits, sizeof bits, GRND_NONBLOCK) != sizeof bits) bits = static_cast<uint32_t>(clock());
+  return bits / 4294967296.0;
 }
+
+// What the thread does from its start on.
+class Keeper {
+ public:
+  explicit Keeper(const Start &start) : reconnection_(*start.reconnection), run_(*start.run) {}
+
+  bool goes_on() const { return run_.keep_running && !run_.connection.extra->destroyed; }
+  void pass() {
+    const qlk::ReconnectionPolicy policy = policy_of(reconnection_);
+    connect_if_down();
+    const bool is_up = quillon_connection_is_connected(&run_.connection);
+    if (is_up && attempts_ > 0) report_up();
+    if (!policy.is_prompt) return wait_for_next_look(is_up);
+    if (is_up) wait_for_loss(policy);
+    if (goes_on()) wait_after_failure();
+  }
+
+ private:
+  using Milliseconds = std::chrono::milliseconds;
+
+  void connect_if_down() {
+    if (quillon_connection_is_connected(&run_.connection)) return;
+    ++attempts_;
+    status_ = qlk::guarded("quillon_connection_connect", [&] { return qlk::connect(run_.connection, &run_.keep_running); });
+    if (!is_expected(status_)) wb_log(WB_LOG_ERROR, "_reconnection_thread error %s", quillon_status_get_message(status_));
+  }
+
+  void wait_for_next_look(bool is_up) {
+    const std::chrono::seconds pause(qlk::reconnection_wait_seconds);
+    if (!is_up) report_down(pause);
+    wait_until(qlk::SteadyClock::now() + pause, [] { return false; });
+  }
+
+  void wait_for_loss(const qlk::ReconnectionPolicy &policy) {
+    const auto joined = qlk::SteadyClock::now();
+    wait_until(std::nullopt, [this] { return !run_.connection.is_grid_connected; });
+    status_ = QUILLON_STATUS_CONNECTION_ERROR;
+    if (qlk::SteadyClock::now() - joined >= policy.ceiling) backoff_.begin_anew();
+  }
+
+  void wait_after_failure() {
+    qlk::ReconnectionBackoff::Failure failure{.chance = chance()};
+    {
+      const std::lock_guard lock(run_.connection.extra->mutex);
+      failure.hosts = run_.connection.extra->hosts;
+      failure.calls_for_restraint = run_.connection.extra->calls_for_restraint;
+    }
+    const Milliseconds delay = backoff_.after(failure, policy_of(reconnection_));
+    if (delay.count() == 0) return;
+    report_down(delay);
+    wait_until(qlk::SteadyClock::now() + delay, [] { return false; });
+  }
+
+  // Until then, without end when there is no time, or until the condition holds, or the thread is to leave.
+  template <typename Condition>
+  void wait_until(std::optional<qlk::SteadyClock::time_point> time, Condition condition) {
+    qlk::ConnectionPrivate &extra = *run_.connection.extra;
+    std::unique_lock lock(extra.mutex);
+    const auto is_over = [&] { return !goes_on() || condition(); };
+    if (time) {
+      extra.changed.wait_until(lock, *time, is_over);
+    } else {
+      extra.changed.wait(lock, is_over);
+    }
+  }
+
+  void report_up() {
+    report(QUILLON_RECONNECTION_STATE_UP, Milliseconds(0));
+    attempts_ = 0;
+  }
+
+  // Once an outage.
+  void report_down(Milliseconds next) {
+    if (told_ != QUILLON_RECONNECTION_STATE_DOWN && goes_on()) report(QUILLON_RECONNECTION_STATE_DOWN, next);
+  }
+
+  void report(QUILLON_RECONNECTION_STATE state, Milliseconds next) {
+    told_ = state;
+    quillon_reconnection_report_cb callback = nullptr;
+    void *user_data = nullptr;
+    {
+      const qlk::PthreadLock lock(reconnection_.mutex);
+      callback = reconnection_.report_cb;
+      user_data = reconnection_.report_user_data;
+    }
+    const auto since = std::chrono::duration_cast<Milliseconds>(qlk::SteadyClock::now() - down_since());
+    const quillon_reconnection_report report = {.state = state,
+                                                .status = status_,
+                                                .attempts = attempts_,
+                                                .milliseconds = static_cast<uint64_t>(since.count()),
+                                                .next_milliseconds = static_cast<uint64_t>(next.count())};
+    if (callback != nullptr) callback(&report, user_data);
+  }
+
+  qlk::SteadyClock::time_point down_since() const {
+    const std::lock_guard lock(run_.connection.extra->mutex);
+    return std::max(started_, run_.connection.extra->lost_at);
+  }
+
+  _quillon_reconnection &reconnection_;
+  Run &run_;
+  qlk::ReconnectionBackoff backoff_;
+  QUILLON_STATUS status_ = QUILLON_STATUS_OK;  // of the last attempt, or of the session that was lost
+  uint32_t attempts_ = 0;                      // since it was lost
+  const qlk::SteadyClock::time_point started_ = qlk::SteadyClock::now();
+  QUILLON_RECONNECTION_STATE told_ = QUILLON_RECONNECTION_STATE_MAX;  // last; at first nothing
+};
 
 void *_reconnection_thread(void *arg) {
   const std::unique_ptr<Start> start(static_cast<Start *>(arg));
-  Run &run = *start->run;
   wb_log(WB_LOG_INFO, "_reconnection_thread starts");
-  while (run.keep_running && !run.connection.extra->destroyed) {
-    connect_if_down(run);
-    wait_for_next_pass(*start->reconnection, run);
-  }
+  Keeper keeper(*start);
+  while (keeper.goes_on()) keeper.pass();
   wb_log(WB_LOG_INFO, "_reconnection_thread exits");
   const qlk::PthreadLock lock(start->reconnection->mutex);
-  run.finished = true;
+  start->run->finished = true;
   pthread_cond_broadcast(&start->reconnection->cond);
   return nullptr;
 }
@@ -144,13 +254,26 @@ QUILLON_STATUS start_thread(_quillon_reconnection &reconnection) {
 
 // Tells the thread to leave; null when it does not run.
 std::shared_ptr<Run> stop_run(_quillon_reconnection &reconnection) {
-  const qlk::PthreadLock lock(reconnection.mutex);
-  std::shared_ptr<Run> run = std::move(reconnection.run);
-  if (run == nullptr) return nullptr;
-  reconnection.keepRunning = false;
-  run->keep_running = false;
-  pthread_cond_broadcast(&reconnection.cond);
+  std::shared_ptr<Run> run;
+  {
+    const qlk::PthreadLock lock(reconnection.mutex);
+    run = std::move(reconnection.run);
+    if (run == nullptr) return nullptr;
+    reconnection.keepRunning = false;
+    run->keep_running = false;
+  }
+  qlk::announce_change(run->connection);
   return run;
+}
+
+// Whoever sets a policy wants it followed promptly.
+template <typename Change>
+QUILLON_STATUS change_policy(quillon_reconnection *reconnection, Change change) {
+  if (reconnection == nullptr) return qlk::refuse("reconnection is null");
+  const qlk::PthreadLock lock(reconnection->mutex);
+  change(reconnection->policy);
+  reconnection->policy.is_prompt = true;
+  return QUILLON_STATUS_OK;
 }
 
 }  // namespace
@@ -204,6 +327,40 @@ QUILLON_STATUS quillon_reconnection_destroy(quillon_reconnection *reconnection) 
   if (reconnection == nullptr) return qlk::refuse("reconnection is null");
   if (const std::shared_ptr<Run> run = stop_run(*reconnection)) quillon_connection_disconnect(&run->connection);
   join_or_leave(*reconnection);
+  quillon_reconnection_set_report_cb(reconnection, nullptr, nullptr);  // a thread that was left behind tells nobody
   const ReconnectionPtr last = std::move(reconnection->self);
+  return QUILLON_STATUS_OK;
+}
+
+QUILLON_STATUS quillon_reconnection_set_delays(quillon_reconnection *reconnection, uint32_t first_milliseconds,
+                                               uint32_t growth_percent, uint32_t ceiling_milliseconds) {
+  qlk::trace(__func__);
+  if (first_milliseconds < 1 || growth_percent < 100 || ceiling_milliseconds < first_milliseconds) {
+    return QUILLON_STATUS_INVALID_ARGS;
+  }
+  return change_policy(reconnection, [&](qlk::ReconnectionPolicy &policy) {
+    policy.first = std::chrono::milliseconds(first_milliseconds);
+    policy.growth_percent = growth_percent;
+    policy.ceiling = std::chrono::milliseconds(ceiling_milliseconds);
+  });
+}
+
+QUILLON_STATUS quillon_reconnection_set_jitter(quillon_reconnection *reconnection, bool is_full) {
+  qlk::trace(__func__);
+  return change_policy(reconnection, [&](qlk::ReconnectionPolicy &policy) { policy.has_full_jitter = is_full; });
+}
+
+QUILLON_STATUS quillon_reconnection_set_next_host_at_once(quillon_reconnection *reconnection, bool is_at_once) {
+  qlk::trace(__func__);
+  return change_policy(reconnection, [&](qlk::ReconnectionPolicy &policy) { policy.next_host_at_once = is_at_once; });
+}
+
+QUILLON_STATUS quillon_reconnection_set_report_cb(quillon_reconnection *reconnection, quillon_reconnection_report_cb callback,
+                                                  void *user_data) {
+  qlk::trace(__func__);
+  if (reconnection == nullptr) return qlk::refuse("reconnection is null");
+  const qlk::PthreadLock lock(reconnection->mutex);
+  reconnection->report_cb = callback;
+  reconnection->report_user_data = user_data;
   return QUILLON_STATUS_OK;
 }

@@ -123,6 +123,10 @@ class config {
     return quillon_config_set_sasl_response(handle(), response);
   }
 
+  // Sets whether each connect dials the addresses of all hosts in a race and takes the first that answers; at first false: one
+  // host after the other. See quillon_config_set_address_racing.
+  result<> set_address_racing(bool is_raced) noexcept { return quillon_config_set_address_racing(handle(), is_raced); }
+
   // Sets how many stanzas may wait for a handler before a warning is logged, once a crossing; 0: there is no warning. It holds
   // for each of the two handler queues of a connection, from its next connect on; at first 1000. Returns: QUILLON_STATUS_OK, or
   // QUILLON_STATUS_INVALID_ARGS for a negative number

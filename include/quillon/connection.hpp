@@ -425,7 +425,11 @@ class reconnection {
     quillon_reconnection *created = nullptr;
     const QUILLON_STATUS status = quillon_reconnection_create(&created, kept_up.handle());
     if (status != QUILLON_STATUS_OK) return status;
-    return reconnection(created);
+    reconnection made(created);
+    return detail::guarded([&]() -> result<reconnection> {
+      made.handlers_ = std::make_unique<detail::handler_list>();
+      return std::move(made);
+    });
   }
 
   // The object for functions of quillon.h; NULL after a move. It stays this object's, whose destructor stops the thread and waits
@@ -441,9 +445,36 @@ class reconnection {
   // Thread:  any but the event loop's.
   result<> stop() noexcept { return quillon_reconnection_stop(handle()); }
 
+  // Sets the delays: the first, how each further one grows, in percent of the one before, and their ceiling. This setter and the
+  // next two make it hear at once that a session has ended. See quillon_reconnection_set_delays.
+  // Thread:  any, also while it runs, as all of these.
+  // Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for a first delay of 0, a growth below 100 or a lower ceiling
+  result<> set_delays(std::chrono::milliseconds first, unsigned growth_percent, std::chrono::milliseconds ceiling) noexcept {
+    return quillon_reconnection_set_delays(handle(), detail::whole_milliseconds(first), growth_percent,
+                                           detail::whole_milliseconds(ceiling));
+  }
+  // Sets whether each wait is a random part of its delay; at first false.
+  result<> set_jitter(bool is_full) noexcept { return quillon_reconnection_set_jitter(handle(), is_full); }
+  // Sets whether the other hosts are tried at once when one is lost or cannot be reached; at first false.
+  result<> set_next_host_at_once(bool is_at_once) noexcept {
+    return quillon_reconnection_set_next_host_at_once(handle(), is_at_once);
+  }
+  // Calls for each outage once, however many attempts fail, and for its end, on the reconnection's thread: see
+  // quillon_reconnection_set_report_cb. It may destroy this object.
+  result<> on_report(std::function<void(const quillon_reconnection_report &)> handler) noexcept {
+    if (handlers_ == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+    return handlers_->add(std::move(handler), [&](void *argument) {
+      const auto call = [](const quillon_reconnection_report *report, void *kept) {
+        detail::handler<void(const quillon_reconnection_report &)>::call(kept, *report);
+      };
+      return quillon_reconnection_set_report_cb(handle(), call, argument);
+    });
+  }
+
  private:
   explicit reconnection(quillon_reconnection *created) noexcept : handle_(created) {}
 
+  std::unique_ptr<detail::handler_list> handlers_;  // outlives the handle
   detail::owner<quillon_reconnection, quillon_reconnection_destroy> handle_;
 };
 

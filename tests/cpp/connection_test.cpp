@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <future>
 #include <memory>
 #include <quillon.hpp>
 #include <string>
@@ -35,6 +36,23 @@ TEST(CppConnection, AnEmptyHandlerIsRefused) {
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.on_catalogue_update({}).status());
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.on_query("{urn:w}day", {}).status());
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.on_notification("{urn:w}day", {}).status());
+}
+
+TEST(CppReconnection, WaitsAndTellsAsItIsTold) {
+  using namespace std::chrono_literals;
+  std::promise<quillon_reconnection_report> told;  // outlives the handler
+  const connection kept_up = make_connection();
+  quillon::reconnection reconnection = quillon::reconnection::create(kept_up).value();
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, reconnection.set_delays(0ms, 200, 1min).status());
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, reconnection.on_report({}).status());
+  EXPECT_TRUE(reconnection.set_delays(1h, 200, 2h));
+  EXPECT_TRUE(reconnection.set_jitter(false));
+  EXPECT_TRUE(reconnection.set_next_host_at_once(true));
+  EXPECT_TRUE(reconnection.on_report([&](const quillon_reconnection_report &report) { told.set_value(report); }));
+  ASSERT_TRUE(reconnection.start());
+  auto report = told.get_future();
+  ASSERT_EQ(std::future_status::ready, report.wait_for(20s));
+  EXPECT_EQ(3600000u, report.get().next_milliseconds);
 }
 
 TEST(CppConnection, TellsHowItsHandlerQueuesAreUsed) {

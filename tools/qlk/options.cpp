@@ -66,6 +66,7 @@ void add_connection_options(Command &command, ConnectionOptions &options) {
       "--profile", "FILE", options.profile,
       "The file with the settings (default: $QLK_PROFILE, else ~/.config/qlk/profile.toml); the options below go before it");
   command.repeated("--host", "HOST[:PORT]", options.hosts, "Where the grid's server is; several are tried in turn");
+  command.flag("--race-hosts", options.races_hosts, "Dial all hosts in a race, and take the first that answers");
   command.option("--user", "NAME", options.user, "The user's name in the grid");
   command.option("--certificate", "FILE", options.certificate, "The user's certificate, with its chain, in PEM");
   command.option("--key", "FILE", options.key, "The certificate's private key in PEM");
@@ -101,6 +102,7 @@ Settings merge_settings(const ConnectionOptions &options) {
   override_text(values.ca, options.ca);
   override_text(values.description, options.description);
   override_text(values.sasl_response, options.sasl_response);
+  settings.races_hosts = options.races_hosts;
   if (options.timeout_seconds > 0) values.timeout_seconds = options.timeout_seconds;
   if (values.timeout_seconds == 0) values.timeout_seconds = kDefaultTimeoutSeconds;
   return settings;
@@ -152,6 +154,13 @@ Settings complete_settings(const ConnectionOptions &options, const Stop &stop, N
     }
     note("this does not open the key; once more");
   }
+}
+
+void add_reconnection_options(Command &command, Reconnecting &options) {
+  command.flag("--reconnect", options.is_wanted, "Open the session again when it is lost");
+  command.number("--reconnect-pause", "SECONDS", options.longest_pause_seconds, 1, 86400,
+                 "Before each attempt pause for a random part of a time that doubles from a second up to this (default: not at "
+                 "random, up to 30)");
 }
 
 Command add_command(CommandLine &line, Context &context, const std::string &name, const std::string &text,

@@ -16,6 +16,7 @@ namespace tool {
 struct ConnectionOptions {
   std::string profile, user, certificate, key, ca, description, sasl_response;
   std::vector<std::string> hosts, groups;
+  bool races_hosts = false;
   int passphrase_fd = -1;
   int timeout_seconds = 0;
   int verbosity = 0;
@@ -24,7 +25,14 @@ struct ConnectionOptions {
 struct Settings {
   std::string profile_path;  // empty: none was read
   Profile values;
+  bool races_hosts = false;
   Secret passphrase;
+};
+
+// What becomes of a session that was lost.
+struct Reconnecting {
+  bool is_wanted = false;
+  int longest_pause_seconds = 0;  // each pause is a random part of its time; 0: as long as it is, and 30 s at most
 };
 
 // What the commands share. The one that was named puts itself into run.
@@ -46,6 +54,8 @@ std::string missing_settings(const Profile &values, Needs needs);
 
 // The pass phrase from the file descriptor, the profile's file, or the terminal. True when it came from the terminal.
 bool obtain_passphrase(const ConnectionOptions &options, const Stop &stop, Settings &settings);
+
+void add_reconnection_options(Command &command, Reconnecting &options);
 
 // A command with its text, its examples and the options of the connection. body is run once everything is parsed.
 Command add_command(CommandLine &line, Context &context, const std::string &name, const std::string &text,

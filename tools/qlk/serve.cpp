@@ -22,7 +22,8 @@ struct Options {
   std::vector<std::string> elements, command;
   std::string file;
   int limit_seconds = 10;
-  bool reconnects = false, is_quiet = false;
+  bool is_quiet = false;
+  Reconnecting reconnecting;
 };
 
 std::string sender_of(wb_dom_node *request) {
@@ -50,7 +51,7 @@ class Server {
       pollfd waited[] = {{stop_.descriptor(), POLLIN, 0}, {session_.lost_descriptor(), POLLIN, 0}};
       poll(waited, 2, -1);
       stop_.check();
-      if (session_.is_lost()) session_.join_again(options_.reconnects, [&] { announce(elements); });
+      if (session_.is_lost()) session_.join_again(options_.reconnecting, [&] { announce(elements); });
     }
   }
 
@@ -161,7 +162,7 @@ void add_serve_command(CommandLine &line, Context &context) {
                    "What is asked: a name in the capability's namespace or {namespace}name; may be repeated (default: the "
                    "methods that the grid knows)");
   command.number("-l,--limit", "SECONDS", options->limit_seconds, 1, 3600, "How long the command may take (default: 10)");
-  command.flag("--reconnect", options->reconnects, "Open the session again when it is lost");
+  add_reconnection_options(command, options->reconnecting);
   command.flag("-q,--quiet", options->is_quiet, "Do not tell of each query that was answered");
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <random>
 
 #include "terminal.h"
 #include "text.h"
@@ -107,6 +108,7 @@ Config make_config(const Settings &settings) {
   }
   quillon_config_set_sasl_response(created, sasl_response_of(values.sasl_response));
   quillon_config_set_send_timeout_seconds(created, values.timeout_seconds);
+  quillon_config_set_address_racing(created, settings.races_hosts);
   return config;
 }
 
@@ -115,6 +117,7 @@ Session::Session(const Settings &settings, Stop &stop, Report report)
       report_(std::move(report)),
       user_(settings.values.user),
       hosts_(settings.values.hosts),
+      races_hosts_(settings.races_hosts),
       lost_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       config_(make_config(settings)) {
   quillon_connection *created = nullptr;
@@ -155,7 +158,7 @@ void Session::join() {
     const Failure failure = explain(status);
     {
       const std::lock_guard lock(mutex_);
-      if (has_session_ || tried == hosts_.size()) throw failure;
+      if (has_session_ || races_hosts_ || tried == hosts_.size()) throw failure;
     }
     note(std::string(failure.what()) + "; trying " + hosts_[tried]);
   }
@@ -164,14 +167,18 @@ void Session::join() {
   report_locked(Step::account, "approved");
 }
 
-void Session::join_again(bool reconnects, const std::function<void()> &begin) {
+void Session::join_again(const Reconnecting &reconnecting, const std::function<void()> &begin) {
   const std::string text = "the session is lost: " + lost_reason();
   if (lost_reason().find("conflict") != std::string::npos) {  // to join again would throw the other one out in turn
     throw Failure(ExitCode::no_connection, text, "A user has one session: another program has joined as " + user_ + ".");
   }
-  if (!reconnects) throw Failure(ExitCode::no_connection, text, "With --reconnect it is opened again.");
+  if (!reconnecting.is_wanted) throw Failure(ExitCode::no_connection, text, "With --reconnect it is opened again.");
   note(text);
-  for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+  const bool is_random = reconnecting.longest_pause_seconds > 0;
+  const std::chrono::seconds longest = is_random ? std::chrono::seconds(reconnecting.longest_pause_seconds) : kLongestPause;
+  for (auto time = kFirstPause;; time = std::min(time * 2, longest)) {
+    std::chrono::milliseconds pause = time;
+    if (is_random) pause = std::chrono::milliseconds(std::random_device()() % (pause.count() + 1));
     if (stop_.wait_for(pause)) stop_.check();
     try {
       join();

@@ -39,7 +39,7 @@ class Session {
   void join();
   // After the session was lost: joins again until that succeeds, and begins again what the session is for. Throws Failure at once
   // when it is not to reconnect, and when another session of the user has taken the place of this one.
-  void join_again(bool reconnects, const std::function<void()> &begin);
+  void join_again(const Reconnecting &reconnecting, const std::function<void()> &begin);
 
   quillon_connection *connection() const { return connection_.get(); }
   const std::string &user() const { return user_; }
@@ -78,6 +78,7 @@ class Session {
   const Report report_;
   const std::string user_;
   const std::vector<std::string> hosts_;
+  const bool races_hosts_;
   std::function<void(const wb_dom_node *)> watcher_;
   RecordListener listener_;
   Descriptor lost_;

@@ -22,7 +22,8 @@ namespace {
 struct Options {
   CapabilityOptions capability;
   std::vector<std::string> elements;
-  bool as_json = false, reconnects = false;
+  bool as_json = false;
+  Reconnecting reconnecting;
   uint64_t count = 0;  // 0: no end
 };
 
@@ -124,7 +125,7 @@ class Subscriber {
       stop_.check();
       print_all();
       if ((waited[3].revents & POLLERR) != 0) throw Stopped{SIGPIPE};
-      if (session_.is_lost()) session_.join_again(options_.reconnects, [this] { subscribe(); });
+      if (session_.is_lost()) session_.join_again(options_.reconnecting, [this] { subscribe(); });
     }
   }
 
@@ -183,7 +184,7 @@ void add_subscribe_command(CommandLine &line, Context &context) {
                    "repeated");
   command.number("-c,--count", "N", options->count, "End after this many notifications");
   command.flag("--json", options->as_json, "Print JSON lines, with time and item");
-  command.flag("--reconnect", options->reconnects, "Open the session again when it is lost");
+  add_reconnection_options(command, options->reconnecting);
 }
 
 }  // namespace tool

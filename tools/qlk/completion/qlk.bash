@@ -6,10 +6,10 @@ _qlk_options() {
     connect) echo --stay ;;
     capabilities) echo --json ;;
     status) echo --of-version --json ;;
-    subscribe) echo --namespace --dynamic --element --count --json --reconnect ;;
+    subscribe) echo --namespace --dynamic --element --count --json --reconnect --reconnect-pause ;;
     publish) echo --namespace --dynamic --file ;;
     query) echo --namespace --dynamic --file --repeat --interval --in-flight --deadline --json --quiet ;;
-    serve) echo --namespace --dynamic --file --element --limit --reconnect --quiet ;;
+    serve) echo --namespace --dynamic --file --element --limit --reconnect --reconnect-pause --quiet ;;
     propose | modify) echo --namespace --dynamic --define-version --query --action --about --platform ;;
     authorized) echo --quiet ;;
     bulk) echo --request --bulk-ca --expect --limit --json --count ;;
@@ -19,7 +19,7 @@ _qlk_options() {
 _qlk() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word i
   local commands='doctor connect capabilities status subscribe publish query serve propose modify authorized token bulk'
-  local connection='--help --profile --host --user --certificate --key --ca --passphrase-fd --group --description --sasl-response --timeout --verbose'
+  local connection='--help --profile --host --race-hosts --user --certificate --key --ca --passphrase-fd --group --description --sasl-response --timeout --verbose'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
@@ -46,7 +46,7 @@ _qlk() {
       compopt -o filenames 2>/dev/null
       return
       ;;
-    --host | --user | --passphrase-fd | --group | --description | --timeout | --namespace | --element | --count | --repeat | --interval | --in-flight | --deadline | \
+    --host | --user | --passphrase-fd | --group | --description | --timeout | --namespace | --element | --count | --repeat | --interval | --in-flight | --deadline | --reconnect-pause | \
       --limit | --of-version | --define-version | --query | --action | --about | --platform | --expect | -n | -e | -i | -l) return ;;
   esac
   if [[ $previous == --sasl-response ]]; then
