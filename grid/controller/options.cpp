@@ -10,7 +10,7 @@ namespace controller {
 namespace {
 
 constexpr char kUsage[] =
-    "usage: quillon-controller --host HOST:PORT --ca FILE --certificate FILE --key FILE --database FILE --control SOCKET\n"
+    "usage: quillon-controller --host HOST:PORT... --ca FILE --certificate FILE --key FILE --database FILE --control SOCKET\n"
     "                          [--domain DOMAIN] [--approval auto|manual] [--verbose]\n";
 
 constexpr option kOptions[] = {
@@ -27,7 +27,7 @@ bool read_option(int letter, const char *text, Options &options) {
       options.domain = text;
       return true;
     case 'h':
-      options.host = text;
+      options.hosts.emplace_back(text);
       return true;
     case 'c':
       options.ca = text;
@@ -62,11 +62,11 @@ bool read_options(int argc, char **argv, Options &options) {
   for (int letter; right && (letter = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
     right = read_option(letter, optarg, options);
   }
-  for (const std::string *needed : {&options.domain, &options.host, &options.ca, &options.certificate, &options.key,
-                                    &options.database, &options.control_socket}) {
+  for (const std::string *needed :
+       {&options.domain, &options.ca, &options.certificate, &options.key, &options.database, &options.control_socket}) {
     right = right && !needed->empty();
   }
-  right = right && optind == argc;
+  right = right && !options.hosts.empty() && optind == argc;
   if (!right) std::fputs(kUsage, stderr);
   return right;
 }

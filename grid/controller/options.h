@@ -2,12 +2,13 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace controller {
 
 struct Options {
   std::string domain = QLK_GRID_DOMAIN;
-  std::string host;                      // the XMPP server, name:port
+  std::vector<std::string> hosts;        // the XMPP servers, name:port, tried in turn
   std::string ca, certificate, key;      // PEM files
   std::string database, control_socket;  // paths
   bool approves_new_accounts = true;     // else an administrator does

@@ -12,7 +12,7 @@ namespace controller {
 
 namespace {
 
-constexpr char kUserNameKey[] = "controller.user_name";
+constexpr char kNameKey[] = "controller.sasl_response";
 constexpr long kRetryMicrosecondsMin = 125'000, kRetryMicrosecondsMax = 1'000'000;
 constexpr timeval kStopLimit = {2, 0};
 
@@ -20,7 +20,7 @@ void require(bool done, const wb_err &err, const char *what) {
   if (!done) throw std::runtime_error(std::string(what) + ": " + (err.message != nullptr ? err.message : "failed"));
 }
 
-// SASL EXTERNAL: the certificate says who we are, and the initial response repeats it as the plain user name.
+// SASL EXTERNAL: the certificate says who we are, and the initial response repeats it as the bare JID, which every server takes.
 bool sasl_init(wb_sasl_mech_instance *instance, wb_htable *config, wb_err *) {
   wb_sasl_mech_instance_set_data(instance, config);
   return true;
@@ -28,7 +28,7 @@ bool sasl_init(wb_sasl_mech_instance *instance, wb_htable *config, wb_err *) {
 
 bool sasl_start(wb_sasl_mech_instance *instance, uint8_t *, size_t, wb_sasl_complete complete, wb_err *) {
   auto *config = static_cast<wb_htable *>(wb_sasl_mech_instance_get_data(instance));
-  char *name = wb_data_strdup(static_cast<const char *>(wb_htable_get(config, kUserNameKey)));
+  char *name = wb_data_strdup(static_cast<const char *>(wb_htable_get(config, kNameKey)));
   const size_t length = name != nullptr ? std::char_traits<char>::length(name) : 0;
   complete(instance, reinterpret_cast<uint8_t *>(name), length, true, false, WB_SASL_ERR_NONE);
   return true;
@@ -45,13 +45,12 @@ Session::Session(event_base *base, const Options &options) : options_(options), 
   table_.reset(table);
   put("selector", base);
   put("domain", options.domain.c_str());
-  put("host", options.host.c_str());
   put("userjid", jid_.c_str());
   put("streamtype", "socket");
   put("client_reconnect_countdown", "0");
   put("tls-connect-cb", &tls_hook_);
   put("tls-connect-cb-arg", this);
-  put(kUserNameKey, "controller");
+  put(kNameKey, bare_jid_.c_str());
   make_sasl_factory();
   timer_.reset(evtimer_new(base, on_timer, this));
   if (timer_ == nullptr) throw std::runtime_error("no timer");
@@ -114,6 +113,7 @@ void Session::finish_stop() {
 
 void Session::connect() {
   wb_err err = {};
+  put("host", options_.hosts[host_].c_str());
   if (wb_client_connect(client_.get(), table_.get(), &err)) return;
   wb_log_err(WB_LOG_ERROR, &err, "cannot connect");
   wait_before_next();
@@ -122,6 +122,7 @@ void Session::connect() {
 void Session::wait_before_next() {
   const timeval delay = {retry_microseconds_ / 1'000'000, retry_microseconds_ % 1'000'000};
   evtimer_add(timer_.get(), &delay);
+  host_ = (host_ + 1) % options_.hosts.size();
   retry_microseconds_ = std::min(2 * retry_microseconds_, kRetryMicrosecondsMax);
 }
 
@@ -157,7 +158,7 @@ void Session::on_connected(wb_event_data *event, void *arg) {
 void Session::on_disconnected(wb_event_data *, void *arg) {
   auto *self = static_cast<Session *>(arg);
   if (std::exchange(self->is_connected_, false)) {
-    wb_log(WB_LOG_INFO, "disconnected from %s", self->options_.host.c_str());
+    wb_log(WB_LOG_INFO, "disconnected from %s", self->options_.hosts[self->host_].c_str());
     contained("disconnected", [&] { self->handlers_.disconnected(); });
   }
   if (self->is_stopping_) {

@@ -55,12 +55,13 @@ class Session {
   void finish_stop();
 
   const Options &options_;
-  const std::string jid_ = options_.jid();
+  const std::string bare_jid_ = options_.bare_jid(), jid_ = options_.jid();
   const wb_tls_connect_func tls_hook_ = prepare_tls;
   Handlers handlers_;
   std::function<void()> stopped_;
   bool is_connected_ = false, is_stopping_ = false;
   long retry_microseconds_;
+  size_t host_ = 0;  // the one in use, or next
   // In the order in which they depend on one another.
   Owner<wb_htable, wb_htable_destroy> table_;
   Owner<event, event_free> timer_;

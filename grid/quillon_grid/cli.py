@@ -7,9 +7,9 @@ import os
 import shlex
 import sys
 
-from . import control, profile
+from . import control, processes, profile
 from .errors import GridError
-from .grid import DOMAIN, Grid
+from .grid import DOMAIN, NODES_MAX, SERVERS, Grid
 
 ACCOUNT_COMMANDS = {
     "approve": "lets the account in; one that waits is told at once; an unknown one may connect later",
@@ -39,6 +39,10 @@ def make_parser():
     up.add_argument("--foreground", action="store_true", help="stay, and take the grid down at the end (Ctrl-C)")
     up.add_argument("--lifeline", action="store_true", help="with --foreground: end when standard input ends, that is, with the caller")
     up.add_argument("--port", type=port_number, default=0, help="the server's port on 127.0.0.1 (default: 0, a free one, which is kept)")
+    up.add_argument("--server", choices=SERVERS, default=os.environ.get("QUILLON_GRID_SERVER") or None,
+                    help="which XMPP server (default: $QUILLON_GRID_SERVER, else as before, at first prosody)")
+    up.add_argument("--nodes", type=int, choices=range(1, NODES_MAX + 1), help="how many nodes the server's cluster has; more than one: "
+                    "ejabberd only (default: as before, at first 1)")
     up.add_argument("--approval", choices=("auto", "manual"), help="whether new accounts are approved at once or wait (default: as "
                     "before, at first auto)")
     up.add_argument("--controller", metavar="PATH", help="the controller's program (default: $QUILLON_GRID_CONTROLLER, else the built one)")
@@ -47,8 +51,11 @@ def make_parser():
     command("status", run_status, "tells whether the grid is up, and counts")
     env = command("env", run_env, "prints NAME=value lines for the shell: address, port, domain, CA certificate and bulk service")
     env.add_argument("--export", action="store_true", help="for the programs that the shell starts, too")
-    command("server-stop", lambda grid, _: grid.server_stop(), "stops the XMPP server only")
-    start = command("server-start", lambda grid, options: grid.server_start(not options.no_wait), "starts the XMPP server on the port it had")
+    stop = command("server-stop", run_server_stop, "stops the XMPP server only")
+    stop.add_argument("--node", type=int, help="this one of several nodes, counted from 1 (default: all)")
+    stop.add_argument("--kill", action="store_true", help="without a farewell to anybody, as when the machine fails")
+    start = command("server-start", lambda grid, options: grid.server_start(not options.no_wait), "starts the XMPP server, each node on the port "
+                    "it had")
     start.add_argument("--no-wait", action="store_true", help="do not wait until the controller has come back")
     certificate = command("server-certificate", lambda grid, options: grid.server_certificate(options.days, options.name),
                           "issues the server's certificate anew; it is used from the server's next start")
@@ -87,10 +94,10 @@ def port_number(text):
 def run_up(grid, options):
     if options.lifeline and not options.foreground:
         raise GridError("--lifeline goes with --foreground", 2)
-    fresh = grid.up(options.port, options.approval, options.controller, options.domain)
+    fresh = grid.up(options.port, options.approval, options.controller, options.domain, options.server, options.nodes)
     if options.foreground and fresh:
         grid.heed_signals()  # before anybody is told that the grid is up, and may end it
-    print(f"the grid is {'up' if fresh else 'up already'} at {grid.host} in {grid.folder}", flush=True)
+    print(f"the grid is {'up' if fresh else 'up already'} at {' and '.join(grid.hosts)} in {grid.folder}", flush=True)
     if not options.foreground:
         return 0
     if not fresh:
@@ -102,11 +109,19 @@ def run_down(grid, _):
     print("the grid is down" if grid.down() else "the grid was not up")
 
 
+def run_server_stop(grid, options):
+    grid.server_stop(options.node, processes.AT_ONCE if options.kill else processes.GENTLY)
+
+
 def run_status(grid, _):
-    server, controller = grid.is_server_running(), grid.is_controller_running()
+    controller = grid.is_controller_running()
     status = grid.controller_status() if controller else {}
     print(f"folder: {grid.folder}\ndomain: {grid.domain}")
-    print(f"server: running at {grid.host}, process {grid.state['server']['pid']}" if server else "server: stopped")
+    for name in grid.servers:
+        if grid.is_running(name):
+            print(f"{name}: running at 127.0.0.1:{grid.port(name)}, process {grid.state[name]['pid']}, {grid.state['kind']}")
+        else:
+            print(f"{name}: stopped")
     print(f"controller: {status.get('state', 'not answering')}, process {grid.state['controller']['pid']}" if controller else
           "controller: stopped")
     bulk = grid.is_bulk_running()
@@ -114,13 +129,14 @@ def run_status(grid, _):
     for name, value in status.items():
         if name != "state":
             print(f"{name}: {value}")
-    return 0 if server and bulk and status.get("state") == "ready" else 3
+    return 0 if grid.is_server_running() and bulk and status.get("state") == "ready" else 3
 
 
 def run_env(grid, options):
     if grid.state["port"] is None:
         raise GridError(f"there is no grid in {grid.folder}", 3)
-    values = {"FOLDER": grid.folder, "DOMAIN": grid.domain, "HOST": grid.host, "PORT": str(grid.state["port"]), "CA": grid.ca,
+    values = {"FOLDER": grid.folder, "DOMAIN": grid.domain, "HOST": grid.hosts[0], "HOSTS": " ".join(grid.hosts),
+              "PORT": str(grid.state["port"]), "CA": grid.ca, "SASL_RESPONSE": grid.sasl_response,
               "BULK_PORT": str(grid.state["bulk_port"]), "BULK_URL": grid.bulk_url}
     for name, value in values.items():
         print(f"{'export ' if options.export else ''}QUILLON_GRID_{name}={shlex.quote(value)}")
@@ -130,10 +146,9 @@ def run_enroll(grid, options):
     passphrase = options.passphrase_file and os.path.abspath(options.passphrase_file)
     certificate, key = grid.enroll(options.user, options.days, passphrase, options.renew, options.domain)
     path = os.path.join(os.path.dirname(certificate), "profile.toml")
-    has_port = grid.state["port"] is not None
     has_bulk = grid.state["bulk_port"] is not None
-    profile.write(path, options.user, grid.host if has_port else None, grid.ca, certificate, key, passphrase,
-                  grid.bulk_url if has_bulk else None)
+    profile.write(path, options.user, grid.hosts, grid.ca, certificate, key, passphrase, grid.bulk_url if has_bulk else None,
+                  grid.sasl_response)
     print(certificate, key, path, sep="\n")
 
 

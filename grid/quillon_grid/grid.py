@@ -12,11 +12,13 @@ import select
 import signal
 import sys
 
-from . import bulk, certificates, control, processes, prosody
+from . import bulk, certificates, control, ejabberd, processes, prosody
 from .errors import GridError
 
 DOMAIN = "grid.quillon.internal"
 CONTROLLER = "controller"  # the controller's own user name, which nobody else may have
+SERVERS = {"prosody": prosody, "ejabberd": ejabberd}
+NODES_MAX = 4  # of ejabberd; a Prosody has no others
 PORT_ATTEMPTS = 5
 READY_SECONDS = 60
 USER_NAME = re.compile(r"[A-Za-z0-9][A-Za-z0-9._-]{0,63}")
@@ -40,14 +42,19 @@ def find_program(name, variable, beside=None):
     raise GridError(f"the program {name} is not built: build it, or tell where it is with ${variable}")
 
 
+def port_key(server):
+    return "port" if server == "server" else f"{server}_port"
+
+
 class Grid:
     def __init__(self, folder):
         self.folder = os.path.abspath(folder)
         self.children = {}
         self.exit_codes = {}
         self.stops = []  # the signals received, once they are heeded
-        self.state = {"domain": None, "port": None, "approval": "auto", "server": None, "controller": None, "server_wanted": False,
-                      "bulk": None, "bulk_port": None}
+        # A server of several nodes has further processes and ports: server2, server2_port and so on; and a port mapper.
+        self.state = {"domain": None, "kind": "prosody", "nodes": 1, "port": None, "approval": "auto", "server": None, "controller": None,
+                      "servers_wanted": [], "bulk": None, "bulk_port": None, "mapper": None, "mapper_port": None}
         self.load()
 
     def path(self, *names):
@@ -84,8 +91,25 @@ class Grid:
         return self.state["domain"] or DOMAIN
 
     @property
-    def host(self):
-        return f"127.0.0.1:{self.state['port']}"
+    def servers(self):
+        """The names of the server's processes, one a node."""
+        return ["server"] + [f"server{number}" for number in range(2, self.state["nodes"] + 1)]
+
+    @property
+    def hosts(self):
+        """The address of each node that has been up."""
+        return [f"127.0.0.1:{port}" for port in map(self.port, self.servers) if port]
+
+    def port(self, server):
+        return self.state.get(port_key(server))
+
+    @property
+    def sasl_response(self):
+        """What a client says besides its certificate, as qlk names it."""
+        return ejabberd.SASL_RESPONSE if self.state["kind"] == "ejabberd" else prosody.SASL_RESPONSE
+
+    def is_running(self, name):
+        return processes.is_running(self.state.get(name))
 
     @property
     def bulk_url(self):
@@ -99,13 +123,13 @@ class Grid:
         return certificates.Authority(self.folder, self.domain)
 
     def is_server_running(self):
-        return processes.is_running(self.state["server"])
+        return all(map(self.is_running, self.servers))
 
     def is_controller_running(self):
-        return processes.is_running(self.state["controller"])
+        return self.is_running("controller")
 
     def is_bulk_running(self):
-        return processes.is_running(self.state["bulk"])
+        return self.is_running("bulk")
 
     def set_domain(self, domain):
         if domain and self.state["domain"] not in (None, domain):
@@ -114,26 +138,31 @@ class Grid:
 
     # --- up and down
 
-    def up(self, port=0, approval=None, controller=None, domain=None):
+    def up(self, port=0, approval=None, controller=None, domain=None, kind=None, nodes=None):
         """Returns when the grid is ready. False when it was up already."""
         with self.locked(create=True):
+            is_same_server = kind in (None, self.state["kind"]) and nodes in (None, self.state["nodes"])
             if self.is_server_running() and self.is_controller_running() and self.is_bulk_running():
+                if not is_same_server:
+                    raise GridError("the grid is up with another server: take it down first")
                 return False
-            keeps_server = self.is_server_running() and port in (0, self.state["port"])  # its controller died: the clients need not notice
+            # Its controller died: the clients need not notice.
+            keeps_server = self.is_server_running() and is_same_server and port in (0, self.state["port"])
             if not keeps_server:
                 self.stop_processes()
             self.set_domain(domain)
+            self.set_server(kind, nodes)
             if approval:
                 self.state["approval"] = approval
             program = os.path.abspath(controller or find_program("quillon-controller", "QUILLON_GRID_CONTROLLER"))
             if not os.access(program, os.X_OK):
                 raise GridError(f"{program} is not a program")
             bulk_program = os.path.abspath(find_program("quillon-bulk", "QUILLON_GRID_BULK", program))
-            prosody.program()
+            SERVERS[self.state["kind"]].program()
             self.make_certificates()
             try:
                 if not keeps_server:
-                    self.start_server(port)
+                    self.start_servers(port)
                 if not self.is_controller_running():
                     self.start_controller(program)
                 if not self.is_bulk_running():
@@ -149,22 +178,23 @@ class Grid:
         if not os.path.isdir(self.folder):
             return False
         with self.locked():
-            running = self.is_server_running() or self.is_controller_running() or self.is_bulk_running()
+            names = ("bulk", "controller", *self.servers, "mapper")  # the controller takes its leave of the server
+            running = any(map(self.is_running, names))
             self.stop_processes()
             return running
 
     def stop_processes(self):
-        self.state["server_wanted"] = False
+        self.state["servers_wanted"] = []
         if os.path.exists(self.path("grid.json")):
             self.save()
-        for name in ("bulk", "controller", "server"):  # the controller takes its leave of the server
+        for name in ("bulk", "controller", *self.servers, "mapper"):  # the controller takes its leave of the server
             self.stop_process(name)
 
-    def stop_process(self, name):
-        if self.state[name] is None:
+    def stop_process(self, name, how=processes.GENTLY):
+        if self.state.get(name) is None:
             return
         child = self.children.pop(name, None)
-        processes.stop(self.state[name], child)
+        processes.stop(self.state[name], child, how)
         self.exit_codes[name] = child.returncode if child is not None else 0  # only a parent learns it
         self.state[name] = None
         self.save()
@@ -177,32 +207,65 @@ class Grid:
         if not certificates.is_valid(self.path(CONTROLLER, "certificate.pem"), self.ca):
             authority.issue_user(self.path(CONTROLLER), CONTROLLER)
 
-    def start_server(self, port=0):
-        """On the port that was asked for, else on the one that it had before if that is free, else on a free one."""
-        kept = self.state["port"] if not port else None
+    def set_server(self, kind, nodes):
+        kind = kind or self.state["kind"]
+        nodes = nodes or (self.state["nodes"] if kind == self.state["kind"] else 1)
+        if kind != "ejabberd" and nodes > 1:
+            raise GridError("only ejabberd has several nodes", 2)
+        self.state.update(kind=kind, nodes=nodes)
+
+    def start_servers(self, port=0):
+        """Those that do not run, each on the port that was asked for, else on the one that it had before if that is free, else on a free one."""
+        if self.state["kind"] == "ejabberd":
+            self.start_mapper()
+            if not any(map(self.is_running, self.servers)):
+                ejabberd.forget(self.folder)
+        for server in self.servers:
+            if not self.is_running(server):
+                self.start_server(server, port if server == "server" else 0)
+
+    def start_server(self, server, port=0):
+        kept = self.port(server) if not port else None
         for _ in range(PORT_ATTEMPTS):
             choice = port or (kept if kept and processes.is_port_free(kept) else processes.pick_port())
-            if processes.is_port_free(choice) and self.start_server_on(choice):
+            if processes.is_port_free(choice) and self.start_server_on(server, choice):
                 return
             kept = None
             if port:
                 break
         raise GridError(f"port {port} is taken by another program" if port else "no port could be had")
 
-    def start_server_on(self, port):
-        started = prosody.start(self.folder, self.domain, port)
+    def start_server_on(self, server, port):
+        started = self.start_node(server, port) if self.state["kind"] == "ejabberd" else prosody.start(self.folder, self.domain, port)
         if started is None:
             return False
-        self.state["server"], self.children["server"] = started
-        self.state["port"] = port
-        self.state["server_wanted"] = True
+        self.state[server], self.children[server] = started
+        self.state[port_key(server)] = port
+        self.state["servers_wanted"] = sorted({*self.state["servers_wanted"], server})
         self.save()
         return True
 
+    def start_node(self, server, port):
+        member = next((self.servers.index(other) + 1 for other in self.servers if other != server and self.is_running(other)), None)
+        return ejabberd.start(self.folder, self.domain, port, self.state["mapper_port"], self.servers.index(server) + 1, member)
+
+    def start_mapper(self):
+        for _ in range(PORT_ATTEMPTS):
+            if self.is_running("mapper"):
+                return
+            port = processes.pick_port()
+            started = ejabberd.start_mapper(self.folder, port)
+            if started is not None:
+                self.state["mapper"], self.children["mapper"] = started
+                self.state["mapper_port"] = port
+                self.save()
+        if not self.is_running("mapper"):
+            raise GridError("no port could be had for ejabberd's port mapper")
+
     def start_controller(self, program):
-        command = [program, "--domain", self.domain, "--host", self.host, "--ca", self.ca,
-                   "--certificate", self.path(CONTROLLER, "certificate.pem"), "--key", self.path(CONTROLLER, "key.pem"),
-                   "--database", self.path("controller.sqlite"), "--control", control.NAME, "--approval", self.state["approval"]]
+        hosts = [word for host in self.hosts for word in ("--host", host)]
+        command = [program, "--domain", self.domain, *hosts, "--ca", self.ca, "--certificate", self.path(CONTROLLER, "certificate.pem"), "--key",
+                   self.path(CONTROLLER, "key.pem"), "--database", self.path("controller.sqlite"), "--control", control.NAME, "--approval", self.state["approval"]]
         self.state["controller"], self.children["controller"] = processes.start(command, self.path("controller.log"), self.folder)
         self.save()
 
@@ -240,19 +303,29 @@ class Grid:
 
     # --- parts of it
 
-    def server_stop(self):
+    def chosen_servers(self, node):
+        if node is None:
+            return self.servers
+        if not 1 <= node <= self.state["nodes"]:
+            raise GridError(f"there is no node {node}", 2)
+        return [self.servers[node - 1]]
+
+    def server_stop(self, node=None, how=processes.GENTLY):
         with self.locked():
-            self.state["server_wanted"] = False
+            chosen = self.chosen_servers(node)
+            self.state["servers_wanted"] = [server for server in self.state["servers_wanted"] if server not in chosen]
             self.save()
-            self.stop_process("server")
+            for server in chosen:
+                self.stop_process(server, how)
 
     def server_start(self, wait=True):
         with self.locked():
             if not self.is_controller_running():
                 raise GridError("the grid is not up: see 'quillon-grid up'", 3)
-            if not self.is_server_running():
-                if not (processes.is_port_free(self.state["port"]) and self.start_server_on(self.state["port"])):
-                    raise GridError(f"port {self.state['port']} is taken by another program")
+            for server in self.servers:
+                if not self.is_running(server) and not processes.is_port_free(self.port(server)):
+                    raise GridError(f"port {self.port(server)} is taken by another program")
+            self.start_servers()
             if wait:
                 self.wait_until_ready()
 
@@ -318,7 +391,7 @@ class Grid:
     def what_ended(self):
         if not self.is_controller_running():
             return "the controller has ended" if self.state["controller"] is not None else None
-        if self.state["server_wanted"] and not self.is_server_running():
+        if not all(map(self.is_running, self.state["servers_wanted"])):
             return "the XMPP server has ended"
         if self.state["bulk"] is not None and not self.is_bulk_running():
             return "the bulk service has ended"

@@ -11,8 +11,12 @@ import time
 
 from .errors import GridError
 
+LISTEN_SECONDS = 60
 STOP_SECONDS = 10
 POLL_SECONDS = 0.02
+
+GENTLY = (signal.SIGTERM, signal.SIGKILL)
+AT_ONCE = (signal.SIGKILL,)
 
 
 def start_time(pid):
@@ -30,22 +34,41 @@ def is_running(process):
     return process is not None and process["started"] is not None and start_time(process["pid"]) == process["started"]
 
 
-def start(command, log, folder):
+def start(command, log, folder, environment=None):
     """Starts a daemon whose output goes to the end of the log. Returns what is_running and stop understand, and the child."""
     with open(log, "ab") as output:
-        child = subprocess.Popen(command, cwd=folder, stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True)
+        child = subprocess.Popen(command, cwd=folder, stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True,
+                                 env={**os.environ, **(environment or {})})
     return {"pid": child.pid, "started": start_time(child.pid)}, child
 
 
-def stop(process, child=None):
+def start_listening(title, command, log, folder, port, environment=None):
+    """Starts a daemon and returns it with the child once it listens on the port; None when another program has the port."""
+    process, child = start(command, log, folder, environment)
+    try:
+        wait_until(lambda: child.poll() is not None or listens(process, port) or is_taken_by_another(process, port), LISTEN_SECONDS)
+        if child.poll() is None and listens(process, port):
+            return process, child
+        ended = child.poll()
+    except BaseException:
+        stop(process, child)
+        raise
+    stop(process, child)
+    if not is_port_free(port):
+        return None
+    why = f"ended with code {ended}" if ended is not None else "does not listen"
+    raise GridError(f"{title} {why}; the end of {log}:\n{tail(log)}")
+
+
+def stop(process, child=None, how=GENTLY):
     """Asks the process to end, insists after a while, and returns when it is gone."""
-    for number, seconds in ((signal.SIGTERM, STOP_SECONDS), (signal.SIGKILL, STOP_SECONDS)):
+    for number in how:
         if is_running(process):
             try:
                 os.kill(process["pid"], number)
             except ProcessLookupError:
                 pass
-        if wait_until(lambda: not is_running(process), seconds):
+        if wait_until(lambda: not is_running(process), STOP_SECONDS):
             if child is not None:
                 child.poll()
             return
@@ -106,3 +129,7 @@ def listens(process, port):
         return any(os.readlink(os.path.join(folder, name)) in sockets for name in os.listdir(folder))
     except OSError:
         return False
+
+
+def is_taken_by_another(process, port):
+    return bool(listening_sockets(port)) and not listens(process, port)

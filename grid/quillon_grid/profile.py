@@ -3,17 +3,18 @@ import json
 import os
 import tomllib
 
+DEFAULT_RESPONSE = "user-name"
 HEAD = "# What qlk needs to join the grid. 'quillon-grid enroll' writes it anew: copy it before you change it.\n"
 
 
-def write(path, user, host=None, ca="", certificate="", key="", passphrase_file=None, bulk_url=None):
+def write(path, user, hosts=(), ca="", certificate="", key="", passphrase_file=None, bulk_url=None, sasl_response=DEFAULT_RESPONSE):
     """Writes the file; other paths in it are relative to its folder. A pass phrase's file that it names stays while the key is encrypted."""
     folder = os.path.dirname(path)
-    values = {"hosts": [host] if host else None, "user": user, "certificate": os.path.relpath(certificate, folder),
+    values = {"hosts": list(hosts) or None, "user": user, "certificate": os.path.relpath(certificate, folder),
               "key": os.path.relpath(key, folder), "passphrase_file": passphrase_file or kept_passphrase_file(path, key),
-              "ca": os.path.relpath(ca, folder)}
+              "ca": os.path.relpath(ca, folder), "sasl_response": None if sasl_response == DEFAULT_RESPONSE else sasl_response}
     lines = [f"{name} = {quoted(value)}\n" for name, value in values.items() if value is not None]
-    if host is None:
+    if not hosts:
         lines.append("# The grid has never been up: enroll again when it is, and its address will stand here.\n")
     if bulk_url:
         lines += ["\n[bulk]\n", f"url = {quoted(bulk_url)}\n"]

@@ -5,7 +5,7 @@ import shutil
 from . import processes
 from .errors import GridError
 
-START_SECONDS = 20
+SASL_RESPONSE = "user-name"
 
 # certificate_match "email" lets a client answer SASL EXTERNAL with its plain user name, as grid clients do. A client that was cut off
 # may come back before the server has noticed: the new session replaces the old one.
@@ -61,18 +61,4 @@ def start(folder, domain, port):
     """Starts the server and returns it with the child once it listens; None when another program has the port."""
     command = [program(), "--config", write_configuration(folder, domain, port), "-F"]
     os.makedirs(os.path.join(folder, "data"), mode=0o700, exist_ok=True)
-    log = os.path.join(folder, "prosody.log")
-    process, child = processes.start(command, log, folder)
-    try:
-        processes.wait_until(lambda: child.poll() is not None or processes.listening_sockets(port), START_SECONDS)
-        if child.poll() is None and processes.listens(process, port):
-            return process, child
-        ended = child.poll()
-    except BaseException:
-        processes.stop(process, child)
-        raise
-    processes.stop(process, child)
-    if ended is None and not processes.is_port_free(port):
-        return None
-    why = f"ended with code {ended}" if ended is not None else "does not listen"
-    raise GridError(f"the XMPP server {why}; the end of {log}:\n{processes.tail(log)}")
+    return processes.start_listening("the XMPP server", command, os.path.join(folder, "prosody.log"), folder, port)

@@ -59,6 +59,8 @@ Client::Client(test_support::LocalGrid &grid, const std::string &name) : user(na
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_set_client_cert_chain_filename(config, credentials.certificate.c_str()));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_set_client_cert_key_filename(config, credentials.key.c_str()));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_set_server_cert_chain_filename(config, grid.ca_path().c_str()));
+  const QUILLON_SASL_RESPONSE response = grid.wants_bare_jid() ? QUILLON_SASL_RESPONSE_BARE_JID : QUILLON_SASL_RESPONSE_USER_NAME;
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_set_sasl_response(config, response));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_create(&connection));
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_set_config(connection, config));
   quillon_connection_set_account_cb(connection, record_account);

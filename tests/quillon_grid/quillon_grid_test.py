@@ -12,6 +12,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import tomllib
 import unittest
 import xml.etree.ElementTree
 
@@ -111,6 +112,28 @@ class UpAndDown(GridCase):
         self.assertFalse(pathlib.Path(self.folder, "prosody.cfg.lua").exists())
         self.assertIn("has ended", self.run_grid("up", "--controller", "/bin/false", code=1))
         self.assertIsNone(self.state()["server"])
+
+    def test_a_cluster_of_ejabberd_nodes(self):
+        self.assertIn("only ejabberd", self.up("--nodes", "2", code=2))
+        self.assertRegex(self.up("--server", "ejabberd", "--nodes", "2"), r"up at 127\.0\.0\.1:\d+ and 127\.0\.0\.1:\d+ in")
+        before = self.state()
+        nodes = [before["server"]["pid"], before["server2"]["pid"]]
+        profile = tomllib.loads(pathlib.Path(self.run_grid("enroll", "alice").split("\n")[2]).read_text(encoding="utf-8"))
+        self.assertEqual(([f"127.0.0.1:{before[name]}" for name in ("port", "server2_port")], "bare-jid"),
+                         (profile["hosts"], profile["sasl_response"]))
+        self.run_grid("server-stop", "--node", "3", code=2)
+        self.run_grid("server-stop", "--node", "1", "--kill")  # the controller was there, and goes to the other
+        self.assertEqual([False, True], [is_alive(pid) for pid in nodes])
+        self.assertTrue(eventually(lambda: "controller: ready" in subprocess.run([COMMAND, "--folder", self.folder, "status"],
+                                                                                 capture_output=True, text=True, check=False).stdout))
+        self.assertRegex(self.run_grid("status", code=3), r"server: stopped\nserver2: running")
+        self.run_grid("server-start")
+        self.run_grid("status")
+        self.assertIn("another server", self.up("--server", "prosody", code=1))
+        self.run_grid("down")
+        self.assertFalse(any(is_alive(self.state()[name] or 0) for name in ("server", "server2", "mapper")))
+        self.up()  # as before, with the ports that it had
+        self.assertEqual((before["port"], before["server2_port"]), (self.state()["port"], self.state()["server2_port"]))
 
     def test_server_stop_and_start(self):
         self.up()

@@ -83,6 +83,15 @@ pid_t start(const std::string &folder, const std::vector<std::string> &arguments
 
 int exit_code_of(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
+// What a line NAME=value of quillon-grid env says.
+std::string value_in(const std::string &environment, const std::string &name) {
+  std::istringstream lines(environment);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind(name + "=", 0) == 0) return line.substr(name.size() + 1);
+  }
+  return {};
+}
+
 std::string make_folder() {
   std::string path = (std::filesystem::temp_directory_path() / "local-grid.XXXXXX").string();
   if (mkdtemp(path.data()) == nullptr) throw std::system_error(errno, std::generic_category(), path);
@@ -92,11 +101,19 @@ std::string make_folder() {
 }  // namespace
 
 LocalGrid::LocalGrid(Approval approval) : folder_(make_folder()) {
+  bring_up({"--approval", approval == Approval::manual ? "manual" : "auto"});
+}
+
+LocalGrid::LocalGrid(unsigned nodes) : folder_(make_folder()) {
+  bring_up({"--server", "ejabberd", "--nodes", std::to_string(nodes)});
+}
+
+void LocalGrid::bring_up(const std::vector<std::string> &options) {
   Pipe lifeline, output;
-  process_ = start(folder_,
-                   {"up", "--foreground", "--lifeline", "--domain", QLK_GRID_DOMAIN, "--controller", QLK_CONTROLLER_PATH,
-                    "--approval", approval == Approval::manual ? "manual" : "auto"},
-                   lifeline.ends[0], output.ends[1]);
+  std::vector<std::string> arguments = {"up",           "--foreground",     "--lifeline", "--domain", QLK_GRID_DOMAIN,
+                                        "--controller", QLK_CONTROLLER_PATH};
+  arguments.insert(arguments.end(), options.begin(), options.end());
+  process_ = start(folder_, arguments, lifeline.ends[0], output.ends[1]);
   lifeline_ = lifeline.release(1);
   close(output.release(1));
   const std::string told = read_line(output.ends[0]);
@@ -107,7 +124,7 @@ LocalGrid::LocalGrid(Approval approval) : folder_(make_folder()) {
   }
   // What it may say later, it says at the end: the destructor has the log then, and a pipe without a reader is no obstacle to
   // Python.
-  read_port();
+  read_environment();
 }
 
 LocalGrid::~LocalGrid() {
@@ -152,15 +169,23 @@ std::string LocalGrid::run(const std::vector<std::string> &arguments) {
   return std::move(outcome.output);
 }
 
-void LocalGrid::read_port() {
-  std::istringstream lines(run({"env"}));
-  const std::string name = "QUILLON_GRID_PORT=";
-  for (std::string line; std::getline(lines, line);) {
-    if (line.rfind(name, 0) == 0) port_ = static_cast<unsigned>(std::stoul(line.substr(name.size())));
+void LocalGrid::read_environment() {
+  const std::string told = run({"env"});
+  const std::string hosts = value_in(told, "QUILLON_GRID_HOSTS");
+  for (size_t colon = hosts.find(':'); colon != std::string::npos; colon = hosts.find(':', colon + 1)) {
+    ports_.push_back(static_cast<unsigned>(std::stoul(hosts.substr(colon + 1))));
   }
+  if (ports_.empty()) throw std::runtime_error("the grid has no address: " + told);
+  wants_bare_jid_ = value_in(told, "QUILLON_GRID_SASL_RESPONSE") == "bare-jid";
 }
 
-std::string LocalGrid::host() const { return "127.0.0.1:" + std::to_string(port_); }
+std::string LocalGrid::host() const { return hosts().front(); }
+
+std::vector<std::string> LocalGrid::hosts() const {
+  std::vector<std::string> hosts;
+  for (const unsigned port : ports_) hosts.push_back("127.0.0.1:" + std::to_string(port));
+  return hosts;
+}
 
 std::string LocalGrid::domain() const { return QLK_GRID_DOMAIN; }
 
@@ -207,6 +232,8 @@ void LocalGrid::server_start(bool wait_for_controller) {
   if (!wait_for_controller) arguments.emplace_back("--no-wait");
   run(arguments);
 }
+
+void LocalGrid::kill_node(unsigned node) { run({"server-stop", "--kill", "--node", std::to_string(node)}); }
 
 void LocalGrid::server_certificate(int days, const std::string &name) {
   std::vector<std::string> arguments = {"server-certificate", "--days", std::to_string(days)};

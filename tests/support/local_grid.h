@@ -19,12 +19,17 @@ class LocalGrid {
   };
 
   explicit LocalGrid(Approval approval = Approval::automatic);
+  // One whose server is a cluster of ejabberd nodes.
+  explicit LocalGrid(unsigned nodes);
   ~LocalGrid();
   LocalGrid(const LocalGrid &) = delete;
   LocalGrid &operator=(const LocalGrid &) = delete;
 
   std::string host() const;  // 127.0.0.1:port
-  unsigned port() const { return port_; }
+  unsigned port() const { return ports_.front(); }
+  std::vector<std::string> hosts() const;  // of all nodes of the server
+  // The server wants the bare JID as SASL's initial response, and not the plain user name.
+  bool wants_bare_jid() const { return wants_bare_jid_; }
   std::string domain() const;
   std::string ca_path() const { return folder_ + "/certificates/ca.pem"; }
   std::string controller_log() const;
@@ -46,6 +51,8 @@ class LocalGrid {
   // The XMPP server alone; the controller stays. server_start returns when the controller has come back, unless it need not.
   void server_stop();
   void server_start(bool wait_for_controller = true);
+  // One node, counted from 1, as when its machine fails.
+  void kill_node(unsigned node);
   // Makes the server's certificate anew, for its next start: below 0 days it has expired; a name replaces the names that it
   // should bear.
   void server_certificate(int days, const std::string &name = "");
@@ -59,11 +66,13 @@ class LocalGrid {
     std::string output;
   };
   Outcome attempt(const std::vector<std::string> &arguments) const;
-  void read_port();
+  void bring_up(const std::vector<std::string> &options);
+  void read_environment();
   int take_down();
 
   std::string folder_;
-  unsigned port_ = 0;
+  std::vector<unsigned> ports_;  // of each node
+  bool wants_bare_jid_ = false;
   pid_t process_ = -1;
   int lifeline_ = -1;  // the grid ends when this does
 };
