@@ -530,7 +530,8 @@ QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_bound(quillon_config
  * bulk download server or of the XMPP server, and peer verification on. For an application's own TLS-context callback. The
  * context keeps a pointer to the configuration. Each file that cannot be used is logged as an error with OpenSSL's reason, one
  * that is not set as a warning; the rest is filled all the same, and the handshake fails later. OpenSSL's error queue of the
- * thread is empty afterwards. */
+ * thread is empty afterwards. Where a set of credentials is in force, the context is filled from that and not from the files,
+ * whose changes are looked for before, see quillon_config_reload_credentials and quillon_config_set_live_credentials. */
 QUILLON_API void quillon_config_fill_ssl_ctx(const quillon_config *config, void *ssl_ctx, bool is_bulk_download);
 
 /* ---- Library ------------------------------------------------------------------------------------------------ */
@@ -1308,6 +1309,7 @@ QUILLON_API QUILLON_STATUS quillon_bulkdownload_get_error_details(quillon_bulkdo
 #endif
 
 #include <quillon_async.h>
+#include <quillon_credentials.h>
 #include <quillon_reconnection_options.h>
 
 #endif

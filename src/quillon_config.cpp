@@ -8,8 +8,10 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "guard.h"
+#include "live_credentials.h"
 #include "owners.h"
 #include "quillon_grid.h"
 #include "quillon_string.h"
@@ -18,6 +20,7 @@ namespace {
 
 constexpr int kSendTimeoutSeconds = 15;
 constexpr int kHandlerQueueWarning = 1000;
+constexpr int kExpiryWarningDays = 14;
 constexpr char kJidSuffix[] = "@" GRID_DOMAIN "/qlk";
 
 using Field = quillon_string *_quillon_config::*;
@@ -56,8 +59,10 @@ QUILLON_STATUS set_text(quillon_config &config, Field field, const char *text, c
   if (!qlk::string_length_ok(std::strlen(text))) return QUILLON_STATUS_INVALID_ARGS;
   qlk::StringPtr fresh;
   const QUILLON_STATUS status = make_text(text, nullptr, not_valid, fresh);
-  if (status == QUILLON_STATUS_OK) replace(config.*field, std::move(fresh));
-  return status;
+  if (status != QUILLON_STATUS_OK) return status;
+  const qlk::LiveCredentials::Settings settings(config.live);
+  replace(config.*field, std::move(fresh));
+  return QUILLON_STATUS_OK;
 }
 
 QUILLON_STATUS set_described_text(quillon_config *config, Field field, const char *text, const char *missing,
@@ -76,6 +81,7 @@ QUILLON_STATUS set_client_text(quillon_config *config, Field field, const char *
 QUILLON_STATUS set_server_text(quillon_config *config, Field field, const char *text, const char *not_valid) {
   if (config == nullptr) return QUILLON_STATUS_INVALID_ARGS;
   if (text != nullptr) return set_text(*config, field, text, not_valid);
+  const qlk::LiveCredentials::Settings settings(config->live);
   quillon_string_destroy(&(config->*field));
   return QUILLON_STATUS_OK;
 }
@@ -176,7 +182,12 @@ QUILLON_STATUS quillon_config_default_create(quillon_config **config) {
     return QUILLON_STATUS_MALLOC_ERROR;
   }
   quillon_config_initialize(*config);
-  return QUILLON_STATUS_OK;
+  (*config)->live = new (std::nothrow) qlk::LiveCredentials();
+  if ((*config)->live != nullptr) return QUILLON_STATUS_OK;
+  std::free(*config);
+  *config = nullptr;
+  wb_log(WB_LOG_ERROR, "allocation failed for config object");
+  return QUILLON_STATUS_MALLOC_ERROR;
 }
 
 QUILLON_STATUS quillon_config_create(quillon_config **config) {
@@ -207,6 +218,7 @@ QUILLON_STATUS quillon_config_create(quillon_config **config) {
   (*config)->groups_count = 0;
   (*config)->send_timeout_seconds = kSendTimeoutSeconds;
   (*config)->handler_queue_warning = kHandlerQueueWarning;
+  (*config)->expiry_warning_days = kExpiryWarningDays;
   return QUILLON_STATUS_OK;
 }
 
@@ -225,6 +237,8 @@ void quillon_config_destroy(quillon_config *config) {
   release_secret(config->client_cert_key_password);
   quillon_string_destroy(&config->jid);
   quillon_string_destroy(&config->user_group);
+  quillon_string_destroy(&config->crl_filename);
+  delete config->live;
   std::free(config);
 }
 
@@ -257,6 +271,9 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   copy.handler_queue_overflow = config->handler_queue_overflow;
   copy.sasl_response = config->sasl_response;
   copy.races_addresses = config->races_addresses;
+  copy.crl_filename = copy_of(config->crl_filename);
+  copy.expiry_warning_days = config->expiry_warning_days;
+  copy.live->set_live(config->live != nullptr && config->live->is_live());
 }
 
 QUILLON_STATUS quillon_config_set_host(quillon_config *config, const char *host) {
@@ -363,8 +380,10 @@ QUILLON_STATUS quillon_config_set_client_cert_key_password(quillon_config *confi
   qlk::StringPtr fresh;
   const QUILLON_STATUS status = make_text(password, nullptr, "Invalid config->client_cert_key_password", fresh);
   if (status != QUILLON_STATUS_OK) return status;
+  const qlk::LiveCredentials::Settings settings(config->live);
   release_secret(config->client_cert_key_password);
   config->client_cert_key_password = fresh.release();
+  if (config->live != nullptr) config->live->note_new_passphrase();
   return QUILLON_STATUS_OK;
 }
 
@@ -378,6 +397,11 @@ QUILLON_STATUS quillon_config_set_bulk_server_cert_chain_filename(quillon_config
   qlk::trace(__func__);
   return set_server_text(config, &_quillon_config::bulk_server_cert_chain_filename, filename,
                          "Invalid config->bulk_server_cert_chain_filename");
+}
+
+QUILLON_STATUS quillon_config_set_crl(quillon_config *config, const char *filename) {
+  qlk::trace(__func__);
+  return set_server_text(config, &_quillon_config::crl_filename, filename, "Invalid config->crl_filename");
 }
 
 QUILLON_STATUS quillon_config_set_send_timeout_seconds(const quillon_config *config, const int seconds) {
@@ -433,6 +457,10 @@ void quillon_config_fill_ssl_ctx(const quillon_config *config, void *ssl_ctx, bo
   if (ssl_ctx == nullptr) return wb_log(WB_LOG_ERROR, "Invalid ssl_ctx object");
   auto *context = static_cast<SSL_CTX *>(ssl_ctx);
   ERR_clear_error();
+  if (const auto set = config->live != nullptr ? config->live->current(*config) : nullptr; set != nullptr) {
+    if (!set->fill(context, is_bulk_download)) wb_log(WB_LOG_ERROR, "quillon_config_fill_ssl_ctx: no memory for the credentials");
+    return ERR_clear_error();
+  }
   SSL_CTX_set_default_passwd_cb(context, qlk::_pem_password_cb);
   SSL_CTX_set_default_passwd_cb_userdata(context, const_cast<quillon_config *>(config));
   if (const char *name = file_name(config->client_cert_chain_filename, "client certificate chain"); name != nullptr) {
@@ -446,4 +474,6 @@ void quillon_config_fill_ssl_ctx(const quillon_config *config, void *ssl_ctx, bo
     report_step(SSL_CTX_load_verify_locations(context, name, nullptr) == 1, "server CA", name);
   }
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+  if (const char *name = quillon_string_cstr(config->crl_filename); name != nullptr)
+    report_step(qlk::look_for_revocations(context, name), "revocation list", name);
 }

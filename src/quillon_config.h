@@ -2,6 +2,10 @@
 
 #include "quillon.h"
 
+namespace qlk {
+class LiveCredentials;
+}
+
 // Everything the configuration points to is its own.
 struct _quillon_config {
   quillon_string *user_name;
@@ -26,6 +30,9 @@ struct _quillon_config {
   QUILLON_HANDLER_QUEUE_OVERFLOW handler_queue_overflow;
   QUILLON_SASL_RESPONSE sasl_response;
   bool races_addresses;
+  quillon_string *crl_filename;
+  int32_t expiry_warning_days;  // 0: never
+  qlk::LiveCredentials *live;   // null for a record that was not created
 };
 
 namespace qlk {

@@ -48,6 +48,13 @@ QUILLON_STATUS drain(quillon_connection &connection, SteadyClock::time_point dea
   return in_time ? QUILLON_STATUS_OK : QUILLON_STATUS_SEND_TIMEOUT;
 }
 
+QUILLON_STATUS renew(quillon_connection &connection, uint32_t milliseconds) {
+  const qlk::ConnectionHold hold(connection);
+  const QUILLON_STATUS status = drain(connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds));
+  if (status != QUILLON_STATUS_OK && status != QUILLON_STATUS_SEND_TIMEOUT) return status;
+  return qlk::connect(connection, nullptr);
+}
+
 }  // namespace
 
 QUILLON_STATUS quillon_connection_drain(quillon_connection *connection, uint32_t milliseconds) {
@@ -58,4 +65,15 @@ QUILLON_STATUS quillon_connection_drain(quillon_connection *connection, uint32_t
     return QUILLON_STATUS_SEND_ERROR;
   }
   return qlk::guarded(__func__, [&] { return drain(*connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds)); });
+}
+
+QUILLON_STATUS quillon_connection_renew(quillon_connection *connection, uint32_t milliseconds) {
+  qlk::trace(__func__);
+  if (connection == nullptr) return qlk::refuse("Invalid connection object");
+  if (qlk::is_on_loop(*connection)) {
+    wb_log(WB_LOG_ERROR, "quillon_connection_renew cannot wait on the event loop thread");
+    return QUILLON_STATUS_SEND_ERROR;
+  }
+  if (!quillon_connection_is_connected(connection)) return QUILLON_STATUS_NO_CONNECTION;
+  return qlk::guarded(__func__, [&] { return renew(*connection, milliseconds); });
 }

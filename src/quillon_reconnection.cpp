@@ -101,7 +101,7 @@ class Keeper {
     const qlk::ReconnectionPolicy policy = policy_of(reconnection_);
     connect_if_down();
     const bool is_up = quillon_connection_is_connected(&run_.connection);
-    if (is_up && attempts_ > 0) report_up();
+    if (is_up && (attempts_ > 0 || told_ == QUILLON_RECONNECTION_STATE_DOWN)) report_up();
     if (!policy.is_prompt) return wait_for_next_look(is_up);
     if (is_up) wait_for_loss(policy);
     if (goes_on()) wait_after_failure();
@@ -156,7 +156,9 @@ class Keeper {
     }
   }
 
+  // Perhaps it was the application that connected.
   void report_up() {
+    status_ = QUILLON_STATUS_OK;
     report(QUILLON_RECONNECTION_STATE_UP, Milliseconds(0));
     attempts_ = 0;
   }

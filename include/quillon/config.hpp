@@ -137,6 +137,30 @@ class config {
     return quillon_config_set_handler_queue_bound(handle(), stanzas, overflow);
   }
 
+  // Sets the PEM file with the lists of revoked certificates; an empty text clears it. A server whose certificate is listed is
+  // refused, and every one whose CA has no list there: see quillon_config_set_crl.
+  result<> set_crl(std::string_view file) noexcept {
+    if (file.empty()) return quillon_config_set_crl(handle(), nullptr);
+    return set(quillon_config_set_crl, file);
+  }
+  // Reads certificate, key, CAs and revocations from their files, and puts them into force when all of them are good; else those
+  // before stay. See quillon_config_reload_credentials. Thread: any.
+  // Returns: QUILLON_STATUS_OK, QUILLON_STATUS_CONNECTION_ERROR_CLIENT for the certificate or the key, or
+  //          QUILLON_STATUS_CONNECTION_ERROR_SERVER for the CAs or the revocations
+  result<> reload_credentials() noexcept { return quillon_config_reload_credentials(handle()); }
+  // Sets whether each connect and each bulk download does so when a file has changed; at first false.
+  result<> set_live_credentials(bool is_live) noexcept { return quillon_config_set_live_credentials(handle(), is_live); }
+  // Sets how many days before its end the client's certificate counts as about to expire; at first 14, 0: never. Returns:
+  // QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for a negative number
+  result<> set_expiry_warning_days(int days) noexcept { return quillon_config_set_expiry_warning_days(handle(), days); }
+  // Tells which credentials are in force, when they end, and why others were refused. Thread: any.
+  result<quillon_credentials_info> credentials() const noexcept {
+    quillon_credentials_info info = {};
+    const QUILLON_STATUS status = quillon_config_get_credentials_info(handle(), &info);
+    if (status != QUILLON_STATUS_OK) return status;
+    return info;
+  }
+
   // Fills an OpenSSL SSL_CTX * from the configuration, as the library does where nobody else does: client certificate, key,
   // trusted CAs, verification. Faults are logged, and end the handshake later.
   void fill_tls_context(void *ssl_ctx, bool is_bulk_download = false) const noexcept {

@@ -156,6 +156,13 @@ class connection {
     return quillon_connection_drain(handle(), detail::whole_milliseconds(within));
   }
 
+  // Drains and connects again, so that the credentials in force are shown: see quillon_connection_renew.
+  // Blocks:  as drain and connect. Thread: any but the event loop's and those of the handlers.
+  // Returns: as connect, or QUILLON_STATUS_NO_CONNECTION when it was not part of the grid
+  result<> renew(std::chrono::milliseconds within) noexcept {
+    return quillon_connection_renew(handle(), detail::whole_milliseconds(within));
+  }
+
   // True while the connection is part of the grid: false while its account is pending. Thread: any.
   bool is_connected() const noexcept { return quillon_connection_is_connected(handle()); }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <thread>
 
 #include "footprint.h"
@@ -39,6 +40,29 @@ TEST_F(GridConnectionTest, AServerOfAnotherAuthorityIsRefusedAndTheLogSaysSo) {
   EXPECT_TRUE(log.contains("certificate")) << log.all();
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_server_cert_chain_filename(client.config, grid_->ca_path().c_str()));
   EXPECT_EQ(QUILLON_STATUS_OK, client.connect()) << log.all();
+}
+
+TEST_F(GridConnectionTest, WhoIsEnrolledAgainIsRenewedAndABadCertificateChangesNothing) {
+  Client client(*grid_, "renewing");
+  const auto info = [&] {
+    quillon_credentials_info told = {};
+    EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_get_credentials_info(client.config, &told));
+    return told;
+  };
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_reload_credentials(client.config)) << info().failure;
+  ASSERT_EQ(QUILLON_STATUS_OK, client.connect());
+  const quillon_credentials_info before = info();
+  grid_->enroll("renewing", {"--days", "5"});
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_reload_credentials(client.config)) << info().failure;
+  EXPECT_LT(info().expires, before.expires);
+  EXPECT_TRUE(info().is_about_to_expire);
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_renew(client.connection, 5000));
+  EXPECT_TRUE(client.is_connected());
+  grid_->enroll("renewing", {"--days", "-1"});
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR_CLIENT, quillon_config_reload_credentials(client.config));
+  EXPECT_NE(nullptr, std::strstr(info().failure, "has expired")) << info().failure;
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_renew(client.connection, 5000));
+  EXPECT_EQ(3u, client.connected.wait_for(3).size());
 }
 
 TEST(GridServerCertificate, OneThatExpiredOrBearsAnotherNameIsRefusedAndTheLogSaysSo) {

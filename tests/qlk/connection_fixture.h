@@ -79,7 +79,7 @@ class ConnectionFixture : public testing::Test {
   // Makes the server and sets it as the only host.
   void serve(testpeer::Options options = {}) {
     options.domain = GRID_DOMAIN;
-    options.certificate = authority_->server(GRID_DOMAIN);
+    options.certificate = served_ = authority_->server(GRID_DOMAIN);
     options.act_as_controller = true;
     options.controller = CONTROLLER_JID;
     options.on_stanza = [this](testpeer::Connection &link, const Element &stanza) { return decide_on_account(link, stanza); };
@@ -115,14 +115,14 @@ class ConnectionFixture : public testing::Test {
   std::function<void(QUILLON_STATUS)> in_account_cb_, in_disconnect_cb_;
   std::function<void()> in_connect_cb_;
 
+  inline static std::unique_ptr<testpeer::CertificateAuthority> authority_;
   const test_support::QuillonLogCapture log_;
   Config config_;
   test_support::Connection connection_;
   std::unique_ptr<ScriptedPeer> server_;
+  testpeer::Credentials served_;  // of the server
 
  private:
-  inline static std::unique_ptr<testpeer::CertificateAuthority> authority_;
-
   static void on_account(quillon_connection *, QUILLON_STATUS status, void *self) {
     auto &fixture = *static_cast<ConnectionFixture *>(self);
     {

@@ -499,6 +499,7 @@ class Doctor(Case):
         for arguments, title, text in ((("--certificate", junk), "certificate", "no certificate in"), (("--certificate", "none"), "certificate", "cannot be read"),
                                        (("--key", other_key), "key", "does not belong"), (("--key", junk), "key", "no private key"),
                                        (("--user", "eve"), "user", "made out for ann@"), (("--ca", junk), "authorities", "no certificate in"),
+                                       (("--crl", junk), "revocations", "no list of revoked"),
                                        (("--ca", other[0]), "server", "no authority in ca vouches for it")):
             with self.subTest(arguments):
                 found = self.found(ann, *arguments)
@@ -507,6 +508,29 @@ class Doctor(Case):
         expired = self.grid.enroll("old", "--days", "-1")[2]
         self.assertEqual({"validity"}, set(self.found(expired)) & {"validity", "user", "chain", "key"})
         self.assertIn("missing: ", self.found(self.file("empty.toml", "user = \"ann\"\n"))["profile"])
+
+    def test_what_is_revoked(self):
+        ann, place = self.grid.member("ann"), self.place
+        issuer = self.grid.folder / "certificates"
+        (place / "index").touch()
+        config = self.file("ca.conf", f"[ca]\ndefault_ca = a\n[a]\ndatabase = {place}/index\ndefault_md = sha256\ndefault_crl_days = 5\n")
+        authority = ("openssl", "ca", "-config", config, "-cert", issuer / "ca.pem", "-keyfile", issuer / "ca.key")
+
+        def revoke(certificate):
+            if certificate:
+                subprocess.run([*authority, "-revoke", certificate], check=True, capture_output=True)
+            subprocess.run([*authority, "-gencrl", "-out", place / "crl.pem"], check=True, capture_output=True)
+
+        revoke(None)
+        out, _ = self.qlk(ann, "doctor", "--crl", place / "crl.pem")
+        self.assertRegex(out, "(?m)^ok     revocations ")
+        self.qlk(ann, "connect", "--crl", place / "crl.pem")
+        revoke(self.grid.enroll("gone")[0])
+        gone = self.grid.enroll("gone")[2]
+        self.assertIn("is revoked", self.found(gone, "--crl", place / "crl.pem")["revocations"])
+        revoke(self.grid.folder / "server" / "certificate.pem")
+        self.assertIn("its certificate is revoked", self.found(ann, "--crl", place / "crl.pem")["server"])
+        self.assertIn("revoked", self.qlk(ann, "connect", "--crl", place / "crl.pem", code=2)[1])
 
     def test_a_certificate_that_the_server_does_not_trust(self):
         ann, stranger = self.grid.member("ann"), self.place

@@ -63,6 +63,20 @@ void add_once(std::vector<std::string> &list, const std::string &text) {
   if (!text.empty() && std::find(list.begin(), list.end(), text) == list.end()) list.push_back(text);
 }
 
+// All objects of a kind that the PEM file holds.
+template <typename Owner, typename Read>
+std::vector<Owner> load_all(const std::string &path, Read read) {
+  std::vector<Owner> list;
+  const Bio file = open_file(path);
+  while (file != nullptr) {
+    Owner object(read(file.get(), nullptr, nullptr, nullptr));
+    if (object == nullptr) break;
+    list.push_back(std::move(object));
+  }
+  ERR_clear_error();
+  return list;
+}
+
 std::string day(const ASN1_TIME *time) {
   tm parts = {};
   char text[16] = "";
@@ -72,17 +86,9 @@ std::string day(const ASN1_TIME *time) {
 
 }  // namespace
 
-std::vector<Certificate> load_certificates(const std::string &path) {
-  std::vector<Certificate> list;
-  const Bio file = open_file(path);
-  while (file != nullptr) {
-    Certificate certificate(PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr));
-    if (certificate == nullptr) break;
-    list.push_back(std::move(certificate));
-  }
-  ERR_clear_error();
-  return list;
-}
+std::vector<Certificate> load_certificates(const std::string &path) { return load_all<Certificate>(path, PEM_read_bio_X509); }
+
+std::vector<Revocations> load_revocations(const std::string &path) { return load_all<Revocations>(path, PEM_read_bio_X509_CRL); }
 
 bool is_encrypted_key(const std::string &path) {
   std::ifstream file(path);
@@ -135,6 +141,14 @@ int days_left(const X509 *certificate) {
   int days = 0, seconds = 0;
   ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate));
   return seconds < 0 && days == 0 ? -1 : days;
+}
+
+bool is_revoked(const std::vector<Revocations> &lists, X509 *certificate) {
+  return std::any_of(lists.begin(), lists.end(), [&](const Revocations &list) {
+    X509_REVOKED *entry = nullptr;
+    return X509_NAME_cmp(X509_CRL_get_issuer(list.get()), X509_get_issuer_name(certificate)) == 0 &&
+           X509_CRL_get0_by_cert(list.get(), &entry, certificate) == 1;
+  });
 }
 
 bool is_expired(const X509 *certificate) { return X509_cmp_current_time(X509_get0_notAfter(certificate)) < 0; }

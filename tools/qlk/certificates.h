@@ -25,6 +25,10 @@ using Key = std::unique_ptr<EVP_PKEY, Ended<EVP_PKEY_free>>;
 // All certificates of the PEM file, in their order; empty when there is none or it cannot be read.
 std::vector<Certificate> load_certificates(const std::string &path);
 
+// All lists of revoked certificates of the PEM file, as load_certificates.
+using Revocations = std::unique_ptr<X509_CRL, Ended<X509_CRL_free>>;
+std::vector<Revocations> load_revocations(const std::string &path);
+
 // Whether the PEM file holds a key that a pass phrase protects.
 bool is_encrypted_key(const std::string &path);
 
@@ -42,6 +46,8 @@ std::vector<std::string> user_addresses(const X509 *certificate);
 int days_left(const X509 *certificate);
 bool is_expired(const X509 *certificate);
 bool is_not_valid_yet(const X509 *certificate);
+// Whether a list of its issuer's names it.
+bool is_revoked(const std::vector<Revocations> &lists, X509 *certificate);
 // The first and the last day, as 2026-01-31.
 std::string first_day(const X509 *certificate);
 std::string last_day(const X509 *certificate);

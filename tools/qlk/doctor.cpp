@@ -77,6 +77,7 @@ class Doctor {
     if (!values.certificate.empty()) look_at_certificate();
     if (!values.key.empty()) look_at_key();
     if (!values.ca.empty()) look_at_authorities();
+    if (!values.crl.empty()) look_at_revocations();
     for (const std::string &host : values.hosts) look_at_host(host);
     const unsigned faults = report_.faults();
     if (faults == 0) {
@@ -200,6 +201,22 @@ class Doctor {
                count == 1 ? name_of(X509_get_subject_name(authorities.front().get())) : std::to_string(count) + " certificates");
   }
 
+  void look_at_revocations() {
+    const std::string &path = settings_.values.crl;
+    const std::string mend = "get the authorities' new lists";
+    const std::vector<Revocations> lists = load_revocations(path);
+    if (lists.empty()) return report_.fault("revocations", "there is no list of revoked certificates in " + path, mend);
+    for (const Revocations &list : lists) {
+      const ASN1_TIME *next = X509_CRL_get0_nextUpdate(list.get());
+      if (next != nullptr && X509_cmp_current_time(next) < 0)
+        return report_.fault("revocations", "the list of " + name_of(X509_CRL_get_issuer(list.get())) + " is too old", mend);
+    }
+    if (!certificates_.empty() && is_revoked(lists, certificates_.front().get()))
+      return report_.fault("revocations", "the certificate is revoked", enroll());
+    report_.ok("revocations", lists.size() == 1 ? "the list of " + name_of(X509_CRL_get_issuer(lists.front().get()))
+                                                : std::to_string(lists.size()) + " lists");
+  }
+
   void look_at_host(const std::string &host) {
     const Probe probe = probe_host(host, settings_, stop_, [&](const std::string &address) {
       report_.ok("host", host == address ? host : host + " is " + address);
@@ -218,6 +235,11 @@ class Doctor {
     const std::string name = name_of(X509_get_subject_name(peer));
     const std::string mend = "the server's administrator renews it; on a local grid: quillon-grid server-certificate";
     if (is_expired(peer) || is_not_valid_yet(peer)) return look_at_validity("  server", peer, mend);
+    if (probe.verification == X509_V_ERR_CERT_REVOKED)
+      return report_.fault("  server", name + ": its certificate is revoked", mend);
+    if (probe.verification == X509_V_ERR_UNABLE_TO_GET_CRL) {
+      return report_.fault("  server", name + ": crl has no list of its authority", "crl must hold one of each authority in use");
+    }
     if (probe.verification != X509_V_OK) {
       return report_.fault(
           "  server", name + ": no authority in ca vouches for it (" + X509_verify_cert_error_string(probe.verification) + ")",

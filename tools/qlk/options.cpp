@@ -71,6 +71,7 @@ void add_connection_options(Command &command, ConnectionOptions &options) {
   command.option("--certificate", "FILE", options.certificate, "The user's certificate, with its chain, in PEM");
   command.option("--key", "FILE", options.key, "The certificate's private key in PEM");
   command.option("--ca", "FILE", options.ca, "The authorities that vouch for the server, in PEM");
+  command.option("--crl", "FILE", options.crl, "Lists of revoked certificates in PEM: a server that is listed is refused");
   command.number(
       "--passphrase-fd", "N", options.passphrase_fd, 0, 65535,
       "Read the key's pass phrase from this file descriptor; without it from the profile's passphrase_file, else it is "
@@ -100,6 +101,7 @@ Settings merge_settings(const ConnectionOptions &options) {
   override_text(values.certificate, options.certificate);
   override_text(values.key, options.key);
   override_text(values.ca, options.ca);
+  override_text(values.crl, options.crl);
   override_text(values.description, options.description);
   override_text(values.sasl_response, options.sasl_response);
   settings.races_hosts = options.races_hosts;
@@ -145,6 +147,7 @@ Settings complete_settings(const ConnectionOptions &options, const Stop &stop, N
   expect_readable("certificate", values.certificate);
   expect_readable("key", values.key);
   expect_readable("CA file", values.ca);
+  if (!values.crl.empty()) expect_readable("file of revocations", values.crl);
   if (!is_encrypted_key(values.key)) return settings;
   for (int tries = 1;; ++tries) {
     const bool was_asked = obtain_passphrase(options, stop, settings);

@@ -14,7 +14,7 @@
 namespace tool {
 
 struct ConnectionOptions {
-  std::string profile, user, certificate, key, ca, description, sasl_response;
+  std::string profile, user, certificate, key, ca, crl, description, sasl_response;
   std::vector<std::string> hosts, groups;
   bool races_hosts = false;
   int passphrase_fd = -1;

@@ -228,6 +228,11 @@ class Prober {
     context_.reset(SSL_CTX_new(TLS_client_method()));
     SSL_CTX_set_min_proto_version(context_.get(), TLS1_2_VERSION);
     SSL_CTX_load_verify_locations(context_.get(), settings_.values.ca.c_str(), nullptr);
+    if (!settings_.values.crl.empty()) {
+      X509_STORE *const store = SSL_CTX_get_cert_store(context_.get());
+      X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK);
+      for (const Revocations &list : load_revocations(settings_.values.crl)) X509_STORE_add_crl(store, list.get());
+    }
     SSL_CTX_set_cert_cb(context_.get(), show_certificate, this);
     // Whatever is wrong with the server's certificate is to be told, so the handshake goes on all the same.
     SSL_CTX_set_verify(context_.get(), SSL_VERIFY_NONE, nullptr);

@@ -101,6 +101,7 @@ Profile read_profile(const std::string &path) {
               {"key", file(profile.key)},
               {"passphrase_file", file(profile.passphrase_file)},
               {"ca", file(profile.ca)},
+              {"crl", file(profile.crl)},
               {"groups", texts(profile.groups)},
               {"description", text(profile.description)},
               {"sasl_response", text(profile.sasl_response)},

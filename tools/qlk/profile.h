@@ -9,7 +9,7 @@ namespace tool {
 // Paths are absolute, or relative to where the program runs; what is empty was not given.
 struct Profile {
   std::vector<std::string> hosts, groups;
-  std::string user, certificate, key, ca, passphrase_file, description, sasl_response, capability_namespace;
+  std::string user, certificate, key, ca, crl, passphrase_file, description, sasl_response, capability_namespace;
   std::string bulk_url, bulk_ca;
   int timeout_seconds = 0;
 };

@@ -98,6 +98,7 @@ Config make_config(const Settings &settings) {
   set_text(created, quillon_config_set_server_cert_chain_filename, values.ca, "the CA file's name");
   set_text(created, quillon_config_set_bulk_server_cert_chain_filename, values.bulk_ca.empty() ? values.ca : values.bulk_ca,
            "the CA file's name");
+  set_text(created, quillon_config_set_crl, values.crl, "the name of the file of revocations");
   if (!values.groups.empty()) {
     std::vector<const char *> groups = pointers_to(values.groups);
     expect_ok(quillon_config_set_groups(created, groups.data(), static_cast<int>(groups.size())), "set the groups");

@@ -19,7 +19,7 @@ _qlk_options() {
 _qlk() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word i
   local commands='doctor connect capabilities status subscribe publish query serve propose modify authorized token bulk'
-  local connection='--help --profile --host --race-hosts --user --certificate --key --ca --passphrase-fd --group --description --sasl-response --timeout --verbose'
+  local connection='--help --profile --host --race-hosts --user --certificate --key --ca --crl --passphrase-fd --group --description --sasl-response --timeout --verbose'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
@@ -36,7 +36,7 @@ _qlk() {
     [[ -n $command || $word == -* ]] || command=$word
   done
   case $previous in
-    --profile | --certificate | --key | --ca | --bulk-ca | --file | --request | -f)
+    --profile | --certificate | --key | --ca | --crl | --bulk-ca | --file | --request | -f)
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       compopt -o filenames 2>/dev/null
       return

@@ -1,0 +1,192 @@
+#include "credential_set.h"
+
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+struct BioFree {
+  void operator()(BIO *bio) const { BIO_free(bio); }
+};
+using BioPtr = std::unique_ptr<BIO, BioFree>;
+struct StackFree {
+  void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
+};
+using StackPtr = std::unique_ptr<STACK_OF(X509), StackFree>;
+
+constexpr QUILLON_STATUS kOurs = QUILLON_STATUS_CONNECTION_ERROR_CLIENT, kTheirs = QUILLON_STATUS_CONNECTION_ERROR_SERVER;
+
+bool refuse(qlk::CredentialFault &fault, QUILLON_STATUS status, std::string text) {
+  fault = {status, std::move(text)};
+  return false;
+}
+
+// The first error is the cause, the others follow from it.
+std::string first_reason() {
+  const unsigned long code = ERR_get_error();
+  const char *reason = ERR_reason_error_string(code);
+  if (ERR_SYSTEM_ERROR(code)) reason = std::strerror(ERR_GET_REASON(code));
+  ERR_clear_error();
+  return reason != nullptr ? reason : "it is no PEM file";
+}
+
+bool refuse_file(qlk::CredentialFault &fault, QUILLON_STATUS status, const char *purpose, const std::string &file) {
+  return refuse(fault, status, std::string(purpose) + " file '" + file + "' cannot be used: " + first_reason());
+}
+
+// Appends all objects of a kind that the PEM file holds. False when there is none, or one that cannot be read.
+template <typename List, typename Read>
+bool read_all(const std::string &file, List &list, Read read) {
+  ERR_clear_error();
+  const BioPtr bio(BIO_new_file(file.c_str(), "r"));
+  if (bio == nullptr) return false;
+  while (auto *const object = read(bio.get(), nullptr, nullptr, nullptr)) list.emplace_back(object);
+  const bool is_at_end = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+  if (list.empty() || !is_at_end) return false;
+  ERR_clear_error();
+  return true;
+}
+
+// OpenSSL asks for the pass phrase here. None at all is an answer too: it must not ask the terminal.
+int give_passphrase(char *buffer, int size, int /*writing*/, void *files) {
+  const std::string &phrase = static_cast<const qlk::CredentialFiles *>(files)->passphrase;
+  if (phrase.empty() || phrase.size() > static_cast<size_t>(size)) return 0;
+  std::memcpy(buffer, phrase.data(), phrase.size());
+  return static_cast<int>(phrase.size());
+}
+
+std::string name_of(const X509 *certificate) {
+  const BioPtr text(BIO_new(BIO_s_mem()));
+  if (text == nullptr || X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253) < 0) return {};
+  char *bytes = nullptr;
+  const long length = BIO_get_mem_data(text.get(), &bytes);
+  return std::string(bytes, static_cast<size_t>(length));
+}
+
+int64_t seconds_of(const ASN1_TIME *time) {
+  tm parts = {};
+  return ASN1_TIME_to_tm(time, &parts) == 1 ? static_cast<int64_t>(timegm(&parts)) : 0;
+}
+
+// Says in the log what OpenSSL otherwise tells in a few words, where it tells them at all.
+int tell_revocation(int verified, X509_STORE_CTX *store) {
+  if (verified == 1) return verified;
+  const int error = X509_STORE_CTX_get_error(store);
+  const bool is_about_revocation = error == X509_V_ERR_CERT_REVOKED || error == X509_V_ERR_UNABLE_TO_GET_CRL ||
+                                   error == X509_V_ERR_CRL_HAS_EXPIRED || error == X509_V_ERR_CRL_NOT_YET_VALID;
+  const X509 *certificate = X509_STORE_CTX_get_current_cert(store);
+  if (!is_about_revocation || certificate == nullptr) return verified;
+  char name[256] = "";
+  X509_NAME_oneline(X509_get_subject_name(certificate), name, sizeof name);
+  if (error == X509_V_ERR_CERT_REVOKED) {
+    wb_log(WB_LOG_ERROR, "the server's certificate is revoked: %s", name);
+  } else {
+    wb_log(WB_LOG_ERROR, "whether the server's certificate is revoked cannot be told: %s: %s",
+           X509_verify_cert_error_string(error), name);
+  }
+  return verified;
+}
+
+void demand_revocations(SSL_CTX *context) {
+  X509_STORE_set_flags(SSL_CTX_get_cert_store(context), X509_V_FLAG_CRL_CHECK);
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER, tell_revocation);
+}
+
+}  // namespace
+
+namespace qlk {
+
+CredentialFiles::~CredentialFiles() { OPENSSL_cleanse(passphrase.data(), passphrase.size()); }
+
+bool CredentialSet::load_own(const CredentialFiles &files, CredentialFault &fault) {
+  if (files.certificate.empty() || files.key.empty()) return refuse(fault, kOurs, "no client certificate and key files are set");
+  if (!read_all(files.certificate, chain_, PEM_read_bio_X509)) {
+    return refuse_file(fault, kOurs, "client certificate chain", files.certificate);
+  }
+  const BioPtr file(BIO_new_file(files.key.c_str(), "r"));
+  if (file != nullptr) {
+    key_.reset(PEM_read_bio_PrivateKey(file.get(), nullptr, give_passphrase, const_cast<CredentialFiles *>(&files)));
+  }
+  if (key_ == nullptr) return refuse_file(fault, kOurs, "client key", files.key);
+  return true;
+}
+
+bool CredentialSet::load_trusted(const CredentialFiles &files, CredentialFault &fault) {
+  if (!files.ca.empty() && !read_all(files.ca, authorities_, PEM_read_bio_X509))
+    return refuse_file(fault, kTheirs, "server CA", files.ca);
+  if (!files.bulk_ca.empty() && !read_all(files.bulk_ca, bulk_authorities_, PEM_read_bio_X509))
+    return refuse_file(fault, kTheirs, "bulk server CA", files.bulk_ca);
+  if (files.crl.empty()) return true;
+  if (!read_all(files.crl, revocations_.emplace(), PEM_read_bio_X509_CRL))
+    return refuse_file(fault, kTheirs, "revocation list", files.crl);
+  for (const auto &list : *revocations_) {
+    const ASN1_TIME *next = X509_CRL_get0_nextUpdate(list.get());
+    if (next != nullptr && X509_cmp_current_time(next) < 0)
+      return refuse(fault, kTheirs, "revocation list file '" + files.crl + "' holds a list that is past its next update");
+  }
+  return true;
+}
+
+bool CredentialSet::check_own(const CredentialFiles &files, CredentialFault &fault) {
+  X509 *const own = chain_.front().get();
+  const std::string certificate = "client certificate chain file '" + files.certificate + "'";
+  if (X509_check_private_key(own, key_.get()) != 1) {
+    ERR_clear_error();
+    return refuse(fault, kOurs, "client key file '" + files.key + "' is not the key of the certificate");
+  }
+  for (const auto &each : chain_) {
+    if (X509_cmp_current_time(X509_get0_notAfter(each.get())) < 0)
+      return refuse(fault, kOurs, certificate + ": a certificate has expired: " + name_of(each.get()));
+    if (X509_cmp_current_time(X509_get0_notBefore(each.get())) > 0)
+      return refuse(fault, kOurs, certificate + ": a certificate is not valid yet: " + name_of(each.get()));
+    const int64_t end = seconds_of(X509_get0_notAfter(each.get()));
+    expires_ = expires_ == 0 ? end : std::min(expires_, end);
+  }
+  if (revocations_) {
+    for (const auto &list : *revocations_) {
+      X509_REVOKED *entry = nullptr;
+      const bool is_of_issuer = X509_NAME_cmp(X509_CRL_get_issuer(list.get()), X509_get_issuer_name(own)) == 0;
+      if (is_of_issuer && X509_CRL_get0_by_cert(list.get(), &entry, own) == 1)
+        return refuse(fault, kOurs, certificate + ": the certificate is revoked");
+    }
+  }
+  subject_ = name_of(own);
+  return true;
+}
+
+std::shared_ptr<const CredentialSet> CredentialSet::load(const CredentialFiles &files, CredentialFault &fault) {
+  auto set = std::make_shared<CredentialSet>();
+  if (!set->load_own(files, fault) || !set->load_trusted(files, fault) || !set->check_own(files, fault)) return nullptr;
+  return set;
+}
+
+bool CredentialSet::fill(SSL_CTX *context, bool is_bulk_download) const {
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+  if (revocations_) demand_revocations(context);
+  const StackPtr issuers(sk_X509_new_null());
+  bool filled = issuers != nullptr;
+  for (size_t i = 1; i < chain_.size() && filled; ++i) filled = sk_X509_push(issuers.get(), chain_[i].get()) > 0;
+  filled = filled && SSL_CTX_use_cert_and_key(context, chain_.front().get(), key_.get(), issuers.get(), 1) == 1;
+  X509_STORE *const store = SSL_CTX_get_cert_store(context);
+  for (const auto &authority : is_bulk_download ? bulk_authorities_ : authorities_)
+    filled = filled && X509_STORE_add_cert(store, authority.get()) == 1;
+  if (revocations_) {
+    for (const auto &list : *revocations_) filled = filled && X509_STORE_add_crl(store, list.get()) == 1;
+  }
+  return filled;
+}
+
+bool look_for_revocations(SSL_CTX *context, const char *file) {
+  demand_revocations(context);
+  X509_LOOKUP *lookup = X509_STORE_add_lookup(SSL_CTX_get_cert_store(context), X509_LOOKUP_file());
+  return lookup != nullptr && X509_load_crl_file(lookup, file, X509_FILETYPE_PEM) > 0;
+}
+
+}  // namespace qlk
