@@ -17,6 +17,7 @@ const Commands::Command Commands::kCommands[] = {
     {"status", 0, &Commands::status},
     {"accounts", 0, &Commands::list_accounts},
     {"capabilities", 0, &Commands::list_capabilities},
+    {"members", 0, &Commands::list_members},
     {"approve", 1, &Commands::approve},
     {"deny", 1, &Commands::deny},
     {"disable", 1, &Commands::disable},
@@ -80,7 +81,16 @@ void Commands::list_capabilities(const Fields &, const Reply &reply) {
   AdministrationSocket::Answer answer;
   for (const Store::Row &row : store_.rows("SELECT name, version, description FROM capabilities ORDER BY name")) {
     answer.rows.push_back({row[0], row[1], std::to_string(directory_.publishers(row[0]).size()),
-                           std::to_string(directory_.subscriber_count(row[0])), row[2]});
+                           std::to_string(directory_.subscribers(row[0]).size()), row[2]});
+  }
+  reply(answer);
+}
+
+void Commands::list_members(const Fields &, const Reply &reply) {
+  AdministrationSocket::Answer answer;
+  for (const Store::Row &row : store_.rows("SELECT name FROM capabilities ORDER BY name")) {
+    for (const std::string &jid : directory_.publishers(row[0])) answer.rows.push_back({row[0], "publishes", jid});
+    for (const std::string &jid : directory_.subscribers(row[0])) answer.rows.push_back({row[0], "subscribes", jid});
   }
   reply(answer);
 }

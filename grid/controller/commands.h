@@ -32,6 +32,7 @@ class Commands {
   void status(const Fields &fields, const Reply &reply);
   void list_accounts(const Fields &fields, const Reply &reply);
   void list_capabilities(const Fields &fields, const Reply &reply);
+  void list_members(const Fields &fields, const Reply &reply);
   void approve(const Fields &fields, const Reply &reply);
   void deny(const Fields &fields, const Reply &reply);
   void disable(const Fields &fields, const Reply &reply);

@@ -194,13 +194,20 @@ void Directory::expel(const std::string &user, const std::string &capability, co
   }
 }
 
-std::vector<std::string> Directory::publishers(const std::string &capability) const {
+std::vector<std::string> Directory::those_present(const char *sql, const std::string &capability) const {
   std::vector<std::string> jids;
-  for (const Store::Row &row :
-       store_.rows("SELECT jid FROM publications WHERE capability = ? AND active = 1 ORDER BY rowid", {capability})) {
+  for (const Store::Row &row : store_.rows(sql, {capability})) {
     if (present_.count(row[0]) != 0) jids.push_back(row[0]);
   }
   return jids;
+}
+
+std::vector<std::string> Directory::publishers(const std::string &capability) const {
+  return those_present("SELECT jid FROM publications WHERE capability = ? AND active = 1 ORDER BY rowid", capability);
+}
+
+std::vector<std::string> Directory::subscribers(const std::string &capability) const {
+  return those_present("SELECT jid FROM subscriptions WHERE capability = ? AND active = 1 ORDER BY rowid", capability);
 }
 
 std::map<std::string, std::vector<std::string>> Directory::all_publishers() const {
@@ -209,12 +216,6 @@ std::map<std::string, std::vector<std::string>> Directory::all_publishers() cons
     if (present_.count(row[1]) != 0) all[row[0]].push_back(row[1]);
   }
   return all;
-}
-
-size_t Directory::subscriber_count(const std::string &capability) const {
-  const auto rows = store_.rows("SELECT jid FROM subscriptions WHERE capability = ? AND active = 1", {capability});
-  return static_cast<size_t>(
-      std::count_if(rows.begin(), rows.end(), [this](const Store::Row &row) { return present_.count(row[0]) != 0; }));
 }
 
 std::vector<std::string> Directory::sessions(const std::string &user) const {

@@ -50,7 +50,7 @@ class Directory {
 
   std::vector<std::string> publishers(const std::string &capability) const;
   std::map<std::string, std::vector<std::string>> all_publishers() const;  // by capability
-  size_t subscriber_count(const std::string &capability) const;
+  std::vector<std::string> subscribers(const std::string &capability) const;
   // Those too that were asked by recover and have not answered yet.
   std::vector<std::string> sessions(const std::string &user) const;
   const std::set<std::string> &present() const { return present_; }
@@ -61,6 +61,7 @@ class Directory {
   void note(const Announcement &announcement, const char *table, bool active);
   std::vector<std::string> topics_of(const Announcement &announcement) const;
   bool was_dynamic(const Announcement &announcement) const;
+  std::vector<std::string> those_present(const char *sql, const std::string &capability) const;
   bool is_put_out(const std::string &user, const std::string &capability) const;
 
   Store &store_;

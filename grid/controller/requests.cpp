@@ -214,7 +214,7 @@ void Requests::tell_status(const Request &request) {
     registry_.describe(name, response);
     response.add("status", publishers > 0 ? "active" : "inactive");
     response.add("publishers", std::to_string(publishers));
-    response.add("subscribers", std::to_string(directory_.subscriber_count(name)));
+    response.add("subscribers", std::to_string(directory_.subscribers(name).size()));
   });
 }
 

@@ -7,7 +7,7 @@ import os
 import shlex
 import sys
 
-from . import control, processes, profile
+from . import control, processes, profile, web
 from .errors import GridError
 from .grid import DOMAIN, NODES_MAX, SERVERS, Grid
 
@@ -47,8 +47,14 @@ def make_parser():
                     "before, at first auto)")
     up.add_argument("--controller", metavar="PATH", help="the controller's program (default: $QUILLON_GRID_CONTROLLER, else the built one)")
     up.add_argument("--domain", help=f"the XMPP domain (default: as before, at first {DOMAIN})")
+    up.add_argument("--web", action="store_true", help="also serve the administrator's page, and print its address")
     command("down", run_down, "stops the grid; accounts, capabilities and certificates stay in the folder")
     command("status", run_status, "tells whether the grid is up, and counts")
+    command("web", run_web, "prints the address of the administrator's page")
+    # Not for users: what up --web starts.
+    served = commands.add_parser("web-serve", parents=[common])
+    served.set_defaults(run=lambda grid, options: web.serve(grid.folder, options.port))
+    served.add_argument("port", type=port_number)
     env = command("env", run_env, "prints NAME=value lines for the shell: address, port, domain, CA certificate and bulk service")
     env.add_argument("--export", action="store_true", help="for the programs that the shell starts, too")
     stop = command("server-stop", run_server_stop, "stops the XMPP server only")
@@ -94,15 +100,23 @@ def port_number(text):
 def run_up(grid, options):
     if options.lifeline and not options.foreground:
         raise GridError("--lifeline goes with --foreground", 2)
-    fresh = grid.up(options.port, options.approval, options.controller, options.domain, options.server, options.nodes)
+    fresh = grid.up(options.port, options.approval, options.controller, options.domain, options.server, options.nodes, options.web)
     if options.foreground and fresh:
         grid.heed_signals()  # before anybody is told that the grid is up, and may end it
     print(f"the grid is {'up' if fresh else 'up already'} at {' and '.join(grid.hosts)} in {grid.folder}", flush=True)
+    if options.web:
+        run_web(grid, options)
     if not options.foreground:
         return 0
     if not fresh:
         raise GridError("it runs in the background: take it down first")
     return grid.watch(options.lifeline)
+
+
+def run_web(grid, _):
+    if not grid.is_running("web"):
+        raise GridError("the administrator's page is not served: see 'quillon-grid up --web'", 3)
+    print(f"the administrator's page: {web.address(grid.folder, grid.state['web_port'])}", flush=True)
 
 
 def run_down(grid, _):

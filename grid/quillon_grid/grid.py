@@ -12,7 +12,7 @@ import select
 import signal
 import sys
 
-from . import bulk, certificates, control, ejabberd, processes, prosody
+from . import bulk, certificates, control, ejabberd, processes, prosody, web
 from .errors import GridError
 
 DOMAIN = "grid.quillon.internal"
@@ -54,7 +54,8 @@ class Grid:
         self.stops = []  # the signals received, once they are heeded
         # A server of several nodes has further processes and ports: server2, server2_port and so on; and a port mapper.
         self.state = {"domain": None, "kind": "prosody", "nodes": 1, "port": None, "approval": "auto", "server": None, "controller": None,
-                      "servers_wanted": [], "bulk": None, "bulk_port": None, "mapper": None, "mapper_port": None}
+                      "servers_wanted": [], "bulk": None, "bulk_port": None, "mapper": None, "mapper_port": None,
+                      "web": None, "web_port": None}
         self.load()
 
     def path(self, *names):
@@ -94,6 +95,11 @@ class Grid:
     def servers(self):
         """The names of the server's processes, one a node."""
         return ["server"] + [f"server{number}" for number in range(2, self.state["nodes"] + 1)]
+
+    @property
+    def daemons(self):
+        """In the order in which they are stopped: the controller takes its leave of the server."""
+        return ["web", "bulk", "controller", *self.servers, "mapper"]
 
     @property
     def hosts(self):
@@ -138,13 +144,15 @@ class Grid:
 
     # --- up and down
 
-    def up(self, port=0, approval=None, controller=None, domain=None, kind=None, nodes=None):
+    def up(self, port=0, approval=None, controller=None, domain=None, kind=None, nodes=None, has_web=False):
         """Returns when the grid is ready. False when it was up already."""
         with self.locked(create=True):
             is_same_server = kind in (None, self.state["kind"]) and nodes in (None, self.state["nodes"])
             if self.is_server_running() and self.is_controller_running() and self.is_bulk_running():
                 if not is_same_server:
                     raise GridError("the grid is up with another server: take it down first")
+                if has_web:
+                    self.start_web()
                 return False
             # Its controller died: the clients need not notice.
             keeps_server = self.is_server_running() and is_same_server and port in (0, self.state["port"])
@@ -167,6 +175,8 @@ class Grid:
                     self.start_controller(program)
                 if not self.is_bulk_running():
                     self.start_bulk(bulk_program)
+                if has_web:
+                    self.start_web()
                 self.wait_until_ready()
             except BaseException:
                 self.stop_processes()
@@ -178,8 +188,7 @@ class Grid:
         if not os.path.isdir(self.folder):
             return False
         with self.locked():
-            names = ("bulk", "controller", *self.servers, "mapper")  # the controller takes its leave of the server
-            running = any(map(self.is_running, names))
+            running = any(map(self.is_running, self.daemons))
             self.stop_processes()
             return running
 
@@ -187,7 +196,7 @@ class Grid:
         self.state["servers_wanted"] = []
         if os.path.exists(self.path("grid.json")):
             self.save()
-        for name in ("bulk", "controller", *self.servers, "mapper"):  # the controller takes its leave of the server
+        for name in self.daemons:
             self.stop_process(name)
 
     def stop_process(self, name, how=processes.GENTLY):
@@ -217,7 +226,8 @@ class Grid:
     def start_servers(self, port=0):
         """Those that do not run, each on the port that was asked for, else on the one that it had before if that is free, else on a free one."""
         if self.state["kind"] == "ejabberd":
-            self.start_mapper()
+            if not self.is_running("mapper"):
+                self.start_service("mapper", lambda port: ejabberd.start_mapper(self.folder, port))
             if not any(map(self.is_running, self.servers)):
                 ejabberd.forget(self.folder)
         for server in self.servers:
@@ -249,19 +259,6 @@ class Grid:
         member = next((self.servers.index(other) + 1 for other in self.servers if other != server and self.is_running(other)), None)
         return ejabberd.start(self.folder, self.domain, port, self.state["mapper_port"], self.servers.index(server) + 1, member)
 
-    def start_mapper(self):
-        for _ in range(PORT_ATTEMPTS):
-            if self.is_running("mapper"):
-                return
-            port = processes.pick_port()
-            started = ejabberd.start_mapper(self.folder, port)
-            if started is not None:
-                self.state["mapper"], self.children["mapper"] = started
-                self.state["mapper_port"] = port
-                self.save()
-        if not self.is_running("mapper"):
-            raise GridError("no port could be had for ejabberd's port mapper")
-
     def start_controller(self, program):
         hosts = [word for host in self.hosts for word in ("--host", host)]
         command = [program, "--domain", self.domain, *hosts, "--ca", self.ca, "--certificate", self.path(CONTROLLER, "certificate.pem"), "--key",
@@ -269,19 +266,26 @@ class Grid:
         self.state["controller"], self.children["controller"] = processes.start(command, self.path("controller.log"), self.folder)
         self.save()
 
-    def start_bulk(self, program):
+    def start_service(self, name, start):
         """On the port that it had before if that is free, else on a free one."""
         for _ in range(PORT_ATTEMPTS):
-            kept = self.state["bulk_port"]
+            kept = self.state[f"{name}_port"]
             port = kept if kept and processes.is_port_free(kept) else processes.pick_port()
-            started = bulk.start(program, self.folder, self.domain, self.ca, port)
+            started = start(port)
             if started is not None:
-                self.state["bulk"], self.children["bulk"] = started
-                self.state["bulk_port"] = port
+                self.state[name], self.children[name] = started
+                self.state[f"{name}_port"] = port
                 self.save()
                 return
-            self.state["bulk_port"] = None
-        raise GridError("no port could be had for the bulk service")
+            self.state[f"{name}_port"] = None
+        raise GridError(f"no port could be had for {name}")
+
+    def start_bulk(self, program):
+        self.start_service("bulk", lambda port: bulk.start(program, self.folder, self.domain, self.ca, port))
+
+    def start_web(self):
+        if not self.is_running("web"):
+            self.start_service("web", lambda port: web.start(self.folder, port))
 
     def wait_until_ready(self):
         child = self.children.get("controller")
