@@ -156,6 +156,49 @@ Flow query_flow(Member &member) {
               }};
 }
 
+// Begun, and called back with what became of it, exactly once.
+Flow async_flow(Member &member, const char *name, const std::function<void()> &prepare) {
+  static wb_dom_node *request;
+  static std::atomic<int> calls;
+  const auto write = [prepare] {
+    prepare();
+    request = test_support::parse("<question xmlns='urn:test'/>").release();
+    calls = 0;
+  };
+  const auto ask = [&member] {
+    const auto count = [](const quillon_query_result *, void *) { ++calls; };
+    const QUILLON_STATUS status =
+        quillon_connection_query_async(member.connection(), member.capability(), request, 1000, count, nullptr, nullptr);
+    if (status == kOk) eventually(kDeadline, [] { return calls > 0; });
+    return status;
+  };
+  return {.name = name,
+          .statuses = {QUILLON_STATUS_PTHREAD_ERROR},
+          .prepare = write,
+          .act = ask,
+          .verify = [write, ask](QUILLON_STATUS status) {
+            EXPECT_EQ(status == kOk ? 1 : 0, calls);
+            if (status != kOk) test_support::NodeRelease()(request);
+            write();
+            EXPECT_EQ(kOk, ask());
+            EXPECT_EQ(1, calls);
+          }};
+}
+
+Flow async_query_flow(Member &member) {
+  return async_flow(member, "async query", [&member] {
+    member.expect_works_again([&] { return quillon_capability_subscribe(member.capability(), member.connection()); });
+  });
+}
+
+// The first of a connection, which starts its threads.
+Flow first_async_query_flow(Member &member) {
+  return async_flow(member, "first async query", [&member] {
+    member.destroy_connection();
+    member.make_connection();
+  });
+}
+
 // The controller asks the member in turn.
 Flow answer_flow(Member &member) {
   return {.name = "answer",
@@ -443,6 +486,8 @@ std::vector<Row> rows() {
                          {"Subscribe", subscribe_flow},
                          {"Publish", publish_flow},
                          {"Query", query_flow},
+                         {"AsyncQuery", async_query_flow},
+                         {"FirstAsyncQuery", first_async_query_flow, true},
                          {"Answer", answer_flow},
                          {"Notify", notify_flow},
                          {"Token", token_flow},
