@@ -1311,5 +1311,6 @@ QUILLON_API QUILLON_STATUS quillon_bulkdownload_get_error_details(quillon_bulkdo
 #include <quillon_async.h>
 #include <quillon_credentials.h>
 #include <quillon_reconnection_options.h>
+#include <quillon_statistics.h>
 
 #endif

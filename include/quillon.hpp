@@ -34,6 +34,7 @@
 #include <quillon/config.hpp>
 #include <quillon/connection.hpp>
 #include <quillon/result.hpp>
+#include <quillon/statistics.hpp>
 #include <quillon/xml.hpp>
 
 #endif

@@ -24,7 +24,7 @@ struct AsyncCall {
   quillon_query_done_cb callback = nullptr;
   void *user_data = nullptr;
   CapabilityPtr capability;  // null: the controller is asked
-  SteadyClock::time_point deadline;
+  SteadyClock::time_point begun, deadline;
   size_t start = 0, count = 1;  // the publisher asked first, and how many may be asked
 
   // Used by whoever asks: one thread at a time, from the moment that it sets asking.
@@ -74,6 +74,15 @@ SteadyClock::time_point end_of_share(const AsyncCall &call, size_t left, int sen
   SteadyClock::duration share = (call.deadline - now) / static_cast<SteadyClock::rep>(left);
   if (send_timeout > 0) share = std::min<SteadyClock::duration>(share, std::chrono::seconds(send_timeout));
   return now + share;
+}
+
+void count_end(QueryStatistics &statistics, const AsyncCall &call) {
+  using Outcome = QueryStatistics::Outcome;
+  static constexpr Outcome kOutcomes[] = {Outcome::answered, Outcome::refused, Outcome::not_sent, Outcome::unknown};
+  const bool is_late = call.outcome == QUILLON_QUERY_OUTCOME_UNKNOWN && call.status == QUILLON_STATUS_SEND_TIMEOUT;
+  const Outcome outcome = is_late ? Outcome::timed_out : kOutcomes[call.outcome];
+  statistics.end(QueryStatistics::Kind::asynchronous, outcome,
+                 outcome == Outcome::answered ? SteadyClock::now() - call.begun : SteadyClock::duration());
 }
 
 void call_back(AsyncCall &call) {
@@ -160,6 +169,7 @@ void AsyncQueries::call_back_all(std::unique_lock<std::mutex> &lock) {
     AsyncCallPtr call = std::move(first_ended_);
     first_ended_ = std::move(call->next);
     if (first_ended_ == nullptr) last_ended_ = nullptr;
+    waiting_.fetch_sub(1, std::memory_order_relaxed);
     // Who is just asking still reads the request; a handle that is kept need not keep it for longer than that.
     NodePtr request = call->asking ? nullptr : std::move(call->request);
     ++callbacks_;
@@ -195,7 +205,8 @@ QUILLON_STATUS AsyncQueries::begin(quillon_capability *capability, wb_dom_node *
   call->engine = shared_from_this();
   call->callback = callback;
   call->user_data = user_data;
-  call->deadline = SteadyClock::now() + time;
+  call->begun = SteadyClock::now();
+  call->deadline = call->begun + time;
   if (capability != nullptr) {
     call->capability = capability->weak_self.lock();
     call->index = call->start = StickyIndex(*connection_.query, *capability).read();
@@ -208,6 +219,7 @@ QUILLON_STATUS AsyncQueries::begin(quillon_capability *capability, wb_dom_node *
     if (refuses_new_ || is_closed_ || is_stopped_) return QUILLON_STATUS_NO_CONNECTION;
     if (!start_threads_locked()) return QUILLON_STATUS_PTHREAD_ERROR;
     call->place = in_flight_.emplace(call->deadline, call);
+    connection_.query->statistics.begin();
     // From here on it has begun, and nothing but its callback tells what becomes of it.
     call->request.reset(request);
     if (pending != nullptr) *pending = handle.release();
@@ -339,9 +351,12 @@ void AsyncQueries::finish_locked(AsyncCall &call, End end) {
   call.ended = true;
   call.outcome = end.outcome;
   call.status = end.status;
+  count_end(connection_.query->statistics, call);
   if (end.status == QUILLON_STATUS_XMPP_ERROR) call.publisher = call.refused_by;
   AsyncCall *const last = std::exchange(last_ended_, &call);
   (last != nullptr ? last->next : first_ended_) = std::move(ended);
+  const size_t waiting = waiting_.fetch_add(1, std::memory_order_relaxed) + 1;
+  if (waiting > waiting_highest_.load(std::memory_order_relaxed)) waiting_highest_.store(waiting, std::memory_order_relaxed);
   wake_completions_locked();
 }
 
@@ -402,6 +417,10 @@ void AsyncQueries::wait_until_quiet() {
   if (!calls_back_here_locked()) quiet_.wait(lock, [this] { return is_quiet_locked(); });
 }
 
+quillon_handler_queue_usage AsyncQueries::completions_usage() const {
+  return {waiting_.load(std::memory_order_relaxed), waiting_highest_.load(std::memory_order_relaxed), 0};
+}
+
 void AsyncQueries::give_up_waiting() {
   const std::lock_guard lock(mutex_);
   is_left_ = true;
@@ -444,10 +463,13 @@ QUILLON_STATUS begin(quillon_connection *connection, quillon_capability *capabil
                      quillon_query_done_cb callback, void *user_data, quillon_pending_query **pending) {
   if (request == nullptr) return qlk::refuse("request is null");
   if (callback == nullptr) return qlk::refuse("callback is null");
-  return qlk::guarded("quillon_connection_query_async", [&] {
+  const QUILLON_STATUS status = qlk::guarded("quillon_connection_query_async", [&] {
     return connection->extra->async_queries->begin(capability, request, std::chrono::milliseconds(milliseconds), callback,
                                                    user_data, pending);
   });
+  // Once it has begun, its callback may have destroyed the connection.
+  if (status != QUILLON_STATUS_OK) connection->query->statistics.count_not_sent(qlk::QueryStatistics::Kind::asynchronous);
+  return status;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -44,6 +45,9 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   bool settle(SteadyClock::time_point deadline);
   // Waits until no callback is to come or runs, however long it takes. Called by a callback it does not wait.
   void wait_until_quiet();
+
+  // Those that have ended and wait for their callback. Any thread.
+  quillon_handler_queue_usage completions_usage() const;
 
   // The connection is being destroyed: nobody waits in the two any more.
   void give_up_waiting();
@@ -101,7 +105,8 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   size_t callbacks_ = 0;                                              // that are under way, each but the first within another
   size_t excused_ = 0;                                                // so many of them, the outer ones, are in settle
   bool refuses_new_ = false, is_left_ = false, is_stopped_ = false, is_closed_ = false;
-  bool has_timer_ = false, has_completions_ = false;  // threads to be joined
+  std::atomic<size_t> waiting_ = 0, waiting_highest_ = 0;  // for their callback; changed under mutex_
+  bool has_timer_ = false, has_completions_ = false;       // threads to be joined
   pthread_t timer_ = {}, completions_ = {};
 };
 

@@ -28,6 +28,7 @@ void _client_connected_callback(wb_event_data *, void *arg) {
     const std::lock_guard lock(connection->extra->mutex);
     wanted = connection->extra->session.wanted;
     if (wanted) connection->is_xmpp_connected = true;
+    if (wanted) connection->extra->phases.count_session();
   }
   if (!wanted) {
     wb_log(WB_LOG_INFO, "a session that its connect no longer waits for is ended");
@@ -51,6 +52,7 @@ void mark_disconnected(quillon_connection &connection, bool calls_for_restraint)
   connection.extra->session = {};
   connection.extra->calls_for_restraint = calls_for_restraint;
   connection.extra->changed.notify_all();
+  qlk::note_phase_locked(connection);
 }
 
 void _client_disconnected_callback(wb_event_data *event, void *arg) {

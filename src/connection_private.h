@@ -14,6 +14,7 @@
 #include "client_gate.h"
 #include "event_loop.h"
 #include "quillon_connection.h"
+#include "statistics.h"
 
 namespace qlk {
 
@@ -32,6 +33,7 @@ struct ConnectionPrivate {
   std::atomic<unsigned> holds = 1;      // see ConnectionHold; the first is the application's
   std::atomic<bool> destroyed = false;  // the application has let go; only what is under way still sees the record
   std::atomic<bool> uses_loop = false;
+  PhaseStatistics phases;
   std::mutex disconnect_mutex;  // one disconnect at a time waits for the end of the session
 
   std::condition_variable changed;  // with mutex: the session has ended, or whoever waits is to look again
@@ -45,12 +47,18 @@ struct ConnectionPrivate {
   bool calls_for_restraint = false;  // the server ended the last session for a reason that coming back at once would repeat
   size_t hosts = 1;                  // whose turns make up a round
   std::chrono::steady_clock::time_point lost_at = {};  // when the connection ceased to be part of the grid
+  bool pending = false;                                // it waits for the account to be enabled
   // What the XMPP table points to: copies, changed only while no session is open.
   std::string user_jid;
   std::string sasl_response;
   std::string host;
   std::string other_hosts;  // to be raced with it
+  quillon_stanza_trace_cb stanza_trace = nullptr;
+  void *stanza_trace_user_data = nullptr;
 };
+
+// Takes what the connection is about down for its statistics, whenever that may have changed. With the mutex held.
+void note_phase_locked(const quillon_connection &connection);
 
 // Keeps the record while a function uses it that may call the application, who may destroy the connection in that call.
 class ConnectionHold {

@@ -15,6 +15,7 @@
 #include "owners.h"
 #include "quillon_grid.h"
 #include "quillon_string.h"
+#include "tls_key_log.h"
 
 namespace {
 
@@ -236,6 +237,7 @@ void quillon_config_destroy(quillon_config *config) {
   quillon_string_destroy(&config->bulk_server_cert_chain_filename);
   release_secret(config->client_cert_key_password);
   quillon_string_destroy(&config->jid);
+  quillon_string_destroy(&config->tls_key_log_filename);
   quillon_string_destroy(&config->user_group);
   quillon_string_destroy(&config->crl_filename);
   delete config->live;
@@ -274,6 +276,7 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   copy.crl_filename = copy_of(config->crl_filename);
   copy.expiry_warning_days = config->expiry_warning_days;
   copy.live->set_live(config->live != nullptr && config->live->is_live());
+  copy.tls_key_log_filename = copy_of(config->tls_key_log_filename);
 }
 
 QUILLON_STATUS quillon_config_set_host(quillon_config *config, const char *host) {
@@ -457,6 +460,7 @@ void quillon_config_fill_ssl_ctx(const quillon_config *config, void *ssl_ctx, bo
   if (ssl_ctx == nullptr) return wb_log(WB_LOG_ERROR, "Invalid ssl_ctx object");
   auto *context = static_cast<SSL_CTX *>(ssl_ctx);
   ERR_clear_error();
+  qlk::log_tls_keys(*config, context);
   if (const auto set = config->live != nullptr ? config->live->current(*config) : nullptr; set != nullptr) {
     if (!set->fill(context, is_bulk_download)) wb_log(WB_LOG_ERROR, "quillon_config_fill_ssl_ctx: no memory for the credentials");
     return ERR_clear_error();

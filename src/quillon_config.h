@@ -33,6 +33,7 @@ struct _quillon_config {
   quillon_string *crl_filename;
   int32_t expiry_warning_days;  // 0: never
   qlk::LiveCredentials *live;   // null for a record that was not created
+  quillon_string *tls_key_log_filename;
 };
 
 namespace qlk {

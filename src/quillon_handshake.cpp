@@ -190,6 +190,7 @@ void open_new_session(qlk::ConnectionPrivate &extra) {
   if (++extra.sessions_begun == 0) extra.sessions_begun = 1;  // 0 stands for none
   extra.session = {.number = extra.sessions_begun, .open = true, .posted = false, .wanted = true};
   extra.calls_for_restraint = false;
+  extra.phases.count_attempt();
 }
 
 void forget_session(qlk::ConnectionPrivate &extra) {
@@ -359,10 +360,18 @@ QUILLON_STATUS _connect_request(quillon_connection &connection) {
   return status;
 }
 
+void set_pending(quillon_connection &connection, bool pending) {
+  const std::lock_guard lock(connection.extra->mutex);
+  connection.extra->pending = pending;
+  qlk::note_phase_locked(connection);
+}
+
 // Waits, as long as it takes, for the controller's word on the account, which came after the monitor was cleared or is yet to
 // come.
 QUILLON_STATUS wait_for_approval(quillon_connection &connection) {
+  set_pending(connection, true);
   qlk::wait_notified(*connection.connection_update_monitor, std::nullopt);
+  set_pending(connection, false);
   if (connection.extra->destroyed) return QUILLON_STATUS_CONNECTION_ERROR;
   if (connection.state_enum == QUILLON_CONNECTION_STATE_ENABLED) return QUILLON_STATUS_OK;
   log_with_text("_connect_request", QUILLON_STATUS_CONNECTION_ERROR_AUTOREGOFF);
@@ -375,6 +384,7 @@ bool mark_grid_connected(quillon_connection &connection) {
   const std::lock_guard lock(connection.extra->mutex);
   if (!connection.is_xmpp_connected || connection.extra->cancelled || connection.extra->destroyed) return false;
   connection.is_grid_connected = true;
+  qlk::note_phase_locked(connection);
   return true;
 }
 
@@ -401,20 +411,23 @@ QUILLON_STATUS join_grid(quillon_connection &connection) {
 // Marks the connect under way for the length of its scope, within connect_lock.
 class Connecting {
  public:
-  explicit Connecting(quillon_connection &connection) : extra_(*connection.extra) {
+  explicit Connecting(quillon_connection &connection) : connection_(connection), extra_(*connection.extra) {
     const std::lock_guard lock(extra_.mutex);
     extra_.connecting = true;
     extra_.connect_thread = pthread_self();
     extra_.cancelled = false;
+    qlk::note_phase_locked(connection_);
   }
   ~Connecting() {
     const std::lock_guard lock(extra_.mutex);
     extra_.connecting = false;
+    qlk::note_phase_locked(connection_);
   }
   Connecting(const Connecting &) = delete;
   Connecting &operator=(const Connecting &) = delete;
 
  private:
+  const quillon_connection &connection_;
   qlk::ConnectionPrivate &extra_;
 };
 

@@ -54,10 +54,15 @@ QUILLON_STATUS send_and_wait(quillon_connection *connection, const quillon_strin
 }
 
 // One attempt; consumes the payload.
-QUILLON_STATUS ask(const quillon_query &query, const quillon_string &jid, qlk::NodePtr payload, qlk::NodePtr &response) {
+QUILLON_STATUS ask(const quillon_query &query, const quillon_string &jid, qlk::NodePtr payload, qlk::NodePtr &response,
+                   qlk::CountedQuery &counted) {
+  const bool has_session = query.connection->is_xmpp_connected;
+  const int timeout_seconds = qlk::send_timeout_seconds(*query.connection);
   qlk::NodePtr reply;
-  const QUILLON_STATUS status = send_and_wait(query.connection, jid, std::move(payload), reply);
-  return status == QUILLON_STATUS_OK ? qlk::read_reply(std::move(reply), response) : status;
+  QUILLON_STATUS status = send_and_wait(query.connection, jid, std::move(payload), reply);
+  if (status == QUILLON_STATUS_OK) status = qlk::read_reply(std::move(reply), response);
+  counted.end_attempt(status, has_session, timeout_seconds);
+  return status;
 }
 
 bool tries_next(QUILLON_STATUS status) { return status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR; }
@@ -68,7 +73,7 @@ bool has_left(const _quillon_query &query) { return query.calls.is_closed() && !
 // Asks the publishers in turn, each once, beginning with the sticky one. On CAPABILITY_NOT_FOUND the request is left to its
 // owner.
 QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &capability, qlk::NodePtr &request,
-                              qlk::NodePtr &response) {
+                              qlk::NodePtr &response, qlk::CountedQuery &counted) {
   qlk::StickyIndex sticky(query, capability);
   const size_t start = sticky.read();
   const size_t count = qlk::capability_count_jids(capability);
@@ -83,7 +88,7 @@ QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &c
     const bool last = attempt == count;
     qlk::NodePtr payload = last ? std::move(request) : qlk::copy_payload(request.get());
     if (payload == nullptr) return QUILLON_STATUS_XML_ERROR;
-    status = ask(query, *jid, std::move(payload), response);
+    status = ask(query, *jid, std::move(payload), response, counted);
     if (!tries_next(status)) break;
     if (last || has_left(query)) return status;
   }
@@ -98,8 +103,9 @@ bool put_handler(_quillon_query &query, char *key, quillon_query_callback_info *
 }
 
 // While the connection is drained nothing new is asked.
-QUILLON_STATUS refuse_call(wb_dom_node *request) {
+QUILLON_STATUS refuse_call(_quillon_query &query, wb_dom_node *request) {
   const qlk::NodePtr unsent(request);
+  query.statistics.count_not_sent(qlk::QueryStatistics::Kind::synchronous);
   wb_log(WB_LOG_ERROR, "the connection is drained: no query is sent");
   return QUILLON_STATUS_NO_CONNECTION;
 }
@@ -185,11 +191,12 @@ QUILLON_STATUS quillon_query_call(quillon_query *query, quillon_capability *capa
   if (query->connection == nullptr) return qlk::refuse("invalid connection object");
   const std::shared_ptr<_quillon_query> kept = query->self;  // a destroy that wakes this call does not wait for it
   const qlk::CallGate::Pass pass(query->calls);
-  if (!pass) return refuse_call(request);
+  if (!pass) return refuse_call(*query, request);
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     qlk::NodePtr owned(request);
+    qlk::CountedQuery counted(query->statistics);
     qlk::NodePtr received;
-    const QUILLON_STATUS status = ask_publishers(*query, *capability, owned, received);
+    const QUILLON_STATUS status = ask_publishers(*query, *capability, owned, received, counted);
     if (status == QUILLON_STATUS_CAPABILITY_NOT_FOUND) static_cast<void>(owned.release());  // stays the caller's
     hand_over(std::move(received), response);
     return status;
@@ -206,10 +213,12 @@ QUILLON_STATUS quillon_query_call_with_jid(quillon_query *query, const quillon_s
   if (query->connection == nullptr) return qlk::refuse("invalid connection object");
   const std::shared_ptr<_quillon_query> kept = query->self;  // a destroy that wakes this call does not wait for it
   const qlk::CallGate::Pass pass(query->calls);
-  if (!pass) return refuse_call(request);
+  if (!pass) return refuse_call(*query, request);
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
+    qlk::NodePtr owned(request);
+    qlk::CountedQuery counted(query->statistics);
     qlk::NodePtr received;
-    const QUILLON_STATUS status = ask(*query, *jid, qlk::NodePtr(request), received);
+    const QUILLON_STATUS status = ask(*query, *jid, std::move(owned), received, counted);
     hand_over(std::move(received), response);
     return status;
   });

@@ -7,6 +7,7 @@
 #include "dispatch_thread.h"
 #include "owners.h"
 #include "quillon.h"
+#include "statistics.h"
 
 struct _quillon_query {
   quillon_connection *connection = nullptr;         // borrowed
@@ -15,6 +16,7 @@ struct _quillon_query {
   std::mutex map_mutex;                            // guards both tables
   qlk::DispatchThread request_handler{"queries"};  // thread, queue and run flag
   qlk::CallGate calls;                             // synchronous queries
+  qlk::QueryStatistics statistics;                 // of all queries of the connection
   std::shared_ptr<_quillon_query> self;            // the creator's reference; the handler thread has one too
 };
 

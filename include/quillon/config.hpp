@@ -117,6 +117,13 @@ class config {
         handle(), static_cast<int>(std::clamp<decltype(seconds)>(seconds, limits::min(), limits::max())));
   }
 
+  // Has the keys of TLS sessions appended to the file, for debugging: whoever has it can read all that they carry. An empty text
+  // ends that. Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_UNKNOWN for a file that cannot be opened, or that others may read
+  result<> set_tls_key_log(std::string_view file) noexcept {
+    if (file.empty()) return quillon_config_set_tls_key_log(handle(), nullptr);
+    return set(quillon_config_set_tls_key_log, file);
+  }
+
   // Sets what the client's first response of SASL EXTERNAL carries, from the next connect on; at first the user name. Returns:
   // QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for no such value
   result<> set_sasl_response(QUILLON_SASL_RESPONSE response) noexcept {

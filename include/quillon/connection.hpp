@@ -6,6 +6,7 @@
 #include <quillon/capability.hpp>
 #include <quillon/config.hpp>
 #include <quillon/detail.hpp>
+#include <quillon/statistics.hpp>
 #include <quillon/xml.hpp>
 
 #include <chrono>
@@ -124,6 +125,22 @@ class connection {
     if (state_ == nullptr) return QUILLON_STATUS_INVALID_ARGS;
     return state_->handlers.add(std::move(handler), [&](void *argument) {
       return quillon_connection_register_topic_notification_handler(handle(), call_with_view, argument);
+    });
+  }
+
+  // Shows each stanza that is sent or received, and each other element of the stream, as XML with its secrets hidden: see
+  // quillon_stanza_trace_cb. On the event loop, in the order of the stream: it must return soon, may not block on the connection
+  // and may not destroy it. An empty function: nobody is shown anything any more.
+  result<> on_stanza(std::function<void(QUILLON_TRACE_DIRECTION, std::string_view xml)> handler) noexcept {
+    if (state_ == nullptr || !handler) return quillon_connection_set_stanza_trace(handle(), nullptr, nullptr);
+    return state_->handlers.add(std::move(handler), [&](void *argument) {
+      using called = detail::handler<void(QUILLON_TRACE_DIRECTION, std::string_view)>;
+      return quillon_connection_set_stanza_trace(
+          handle(),
+          [](quillon_connection *, QUILLON_TRACE_DIRECTION direction, const char *xml, size_t length, void *kept) {
+            called::call(kept, direction, std::string_view(xml, length));
+          },
+          argument);
     });
   }
 
@@ -271,6 +288,15 @@ class connection {
     const QUILLON_STATUS status = quillon_connection_get_handler_queue_usage(handle(), queue, &usage);
     if (status != QUILLON_STATUS_OK) return status;
     return usage;
+  }
+
+  // What the connection has counted since it was made. Thread: any, handlers too; it does not block.
+  result<connection_statistics> statistics() const noexcept {
+    connection_statistics read = {};
+    read.size = sizeof(quillon_statistics);
+    const QUILLON_STATUS status = quillon_connection_get_statistics(handle(), &read);
+    if (status != QUILLON_STATUS_OK) return status;
+    return read;
   }
 
   // Asks the controller whether the user may perform the operation of the capability. True only when it says so: a refusal and a

@@ -4,8 +4,10 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <optional>
 #include <quillon.hpp>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "quillon_capability.h"
@@ -60,6 +62,22 @@ TEST(CppConnection, TellsHowItsHandlerQueuesAreUsed) {
   EXPECT_EQ(0U, made.handler_queue_usage(QUILLON_HANDLER_QUEUE_QUERIES).value().depth);
   EXPECT_EQ(0U, made.handler_queue_usage(QUILLON_HANDLER_QUEUE_NOTIFICATIONS).value().dropped);
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.handler_queue_usage(QUILLON_HANDLER_QUEUE_MAX).status());
+}
+
+TEST(CppConnection, TellsWhatItHasCounted) {
+  connection made = make_connection();
+  EXPECT_TRUE(made.on_stanza([](QUILLON_TRACE_DIRECTION, std::string_view) {}));
+  EXPECT_TRUE(made.on_stanza({}));
+  EXPECT_FALSE(made.connect());  // nobody listens there
+  const quillon::connection_statistics counted = made.statistics().value();
+  EXPECT_EQ(1U, counted.session_attempts);
+  EXPECT_EQ(0U, counted.sessions);
+  EXPECT_EQ(0U, counted.bytes_sent);
+  EXPECT_EQ(std::nullopt, counted.latency_within(0.5));
+  EXPECT_EQ(counted.phase_milliseconds[QUILLON_CONNECTION_PHASE_DOWN], counted.time_in(QUILLON_CONNECTION_PHASE_DOWN).count());
+  EXPECT_EQ(0, counted.time_in(QUILLON_CONNECTION_PHASE_MAX).count());
+  const connection moved = std::move(made);
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.statistics().status());  // NOLINT(bugprone-use-after-move)
 }
 
 // What a handler captured lives as long as the connection, and no longer when its name was refused.

@@ -1,6 +1,7 @@
 #include "channel.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "dom_node.h"
 #include "guard.h"
@@ -37,7 +38,7 @@ void Channel::open(std::string own_jid, size_t stanza_bytes_max, size_t queue_by
   stanza_bytes_max_ = stanza_bytes_max;
   queue_bytes_max_ = queue_bytes_max;
   backlog_ = 0;
-  bytes_.clear();
+  drop_locked();
   open_ = true;
 }
 
@@ -49,8 +50,16 @@ void Channel::refuse() {
 void Channel::close() {
   const std::lock_guard lock(mutex_);
   open_ = false;
-  bytes_.clear();
+  backlog_ = 0;
+  drop_locked();
   bytes_.shrink_to_fit();
+}
+
+void Channel::drop_locked() {
+  bytes_.clear();
+  stanzas_ = 0;
+  elements_.clear();
+  traffic_.set_waiting(backlog_);
 }
 
 bool Channel::take_unanswered(TrackedIq &iq) {
@@ -82,8 +91,19 @@ bool Channel::send(wb_dom_node *stanza, wb_err *err) {
   const std::lock_guard lock(mutex_);
   if (!admit_locked(bytes.size(), err)) return false;
   wake_loop_locked();
-  bytes_.append(bytes.view());
+  append_locked(bytes.view());
   return true;
+}
+
+void Channel::append_locked(std::string_view stanza) {
+  bytes_.append(stanza);
+  ++stanzas_;
+  traffic_.set_waiting(bytes_.size() + backlog_);
+  if (!traffic_.is_traced()) return;
+  guarded(nullptr, __func__, [&] {
+    elements_.emplace_back(stanza);
+    return true;
+  });
 }
 
 void Channel::begin_attendance() {
@@ -126,7 +146,7 @@ bool Channel::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds tim
   const Clock::time_point deadline = Clock::now() + timeout;
   arm_expiry_locked(deadline);
   iqs_.add(id, value_of(to), tracked, timeout, deadline);
-  bytes_.append(bytes.view());
+  append_locked(bytes.view());
   if (must_write != nullptr && !attended_ && !wanted_scheduled_) attended_ = *must_write = true;
   return true;
 }
@@ -143,16 +163,21 @@ bool Channel::answer(wb_dom_node *iq) {
   return true;
 }
 
-void Channel::take(std::string &bytes) {
+void Channel::take(std::string &bytes, std::vector<std::string> *elements) {
   const std::lock_guard lock(mutex_);
   if (bytes.capacity() > kBufferBytesKept) bytes = std::string();
   bytes.swap(bytes_);
   backlog_ += bytes.size();
+  traffic_.count_sent_stanzas(std::exchange(stanzas_, 0));
+  if (elements_.empty()) return;
+  if (elements != nullptr) elements->swap(elements_);
+  elements_.clear();
 }
 
 void Channel::set_backlog(size_t bytes) {
   const std::lock_guard lock(mutex_);
   backlog_ = bytes;
+  traffic_.set_waiting(bytes_.size() + backlog_);
 }
 
 // The timer is touched only when the earliest deadline moves forward: with one time-out in use, once a time-out and not once a

@@ -6,9 +6,12 @@
 
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "iq_table.h"
 #include "loop_gate.h"
+#include "traffic.h"
 
 namespace wb {
 
@@ -41,15 +44,19 @@ class Channel {
   // On the loop: hands an answer to whom it belongs. False when nobody waits for it.
   bool answer(wb_dom_node *iq);
   // On the loop: moves what waits into bytes, which is empty. It counts as waiting until the session tells how much it has yet to
-  // write.
-  void take(std::string &bytes);
+  // write. Where traffic is traced, elements gets the text of each stanza.
+  void take(std::string &bytes, std::vector<std::string> *elements = nullptr);
   void set_backlog(size_t bytes);
+
+  Traffic &traffic() { return traffic_; }
 
  private:
   using Clock = IqTable::Clock;
 
   bool admit_locked(size_t bytes, wb_err *err) const;
   void wake_loop_locked();
+  void append_locked(std::string_view stanza);
+  void drop_locked();
   void on_expiry();
   void arm_expiry_locked(Clock::time_point deadline);
 
@@ -60,11 +67,14 @@ class Channel {
   size_t queue_bytes_max_ = 0;
   size_t backlog_ = 0;
   std::string bytes_;
+  uint64_t stanzas_ = 0;               // in bytes_
+  std::vector<std::string> elements_;  // of them those that are to be shown
   bool wanted_scheduled_ = false;
   bool attended_ = false;
   IqTable iqs_;
   Clock::time_point expiry_armed_ = Clock::time_point::max();
 
+  Traffic traffic_;
   LoopEvent wanted_;
   LoopEvent expiry_;
 };

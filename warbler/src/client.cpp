@@ -1,5 +1,8 @@
 #include <warbler/client.h>
+#include <warbler/inspect.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "client_core.h"
@@ -73,4 +76,21 @@ bool wb_client_reconnect_get_status(const wb_event_data *event, wb_reconnect_sta
 
 wb_event *wb_client_event(wb_client *client, const char *name) {
   return client != nullptr && name != nullptr ? client->core->event(name) : nullptr;
+}
+
+bool wb_client_get_statistics(const wb_client *client, wb_client_statistics *statistics, wb_err *err) {
+  constexpr size_t kFirstVersion = offsetof(wb_client_statistics, bytes_waiting_highest) + sizeof(size_t);
+  if (client == nullptr || statistics == nullptr || statistics->size < kFirstVersion)
+    return WB_FAIL(err, WB_ERR_INVALID_ARG, "no client, no place for the statistics, or no size of it");
+  wb_client_statistics read = {};
+  client->core->channel().traffic().read(read);
+  const size_t size = statistics->size;
+  read.size = std::min(size, sizeof read);
+  std::memset(statistics, 0, size);
+  std::memcpy(statistics, &read, read.size);
+  return true;
+}
+
+void wb_client_set_trace(wb_client *client, wb_client_trace function, void *arg) {
+  if (client != nullptr) client->core->channel().traffic().set_trace(function, arg);
 }

@@ -88,7 +88,11 @@ void ClientCore::write_here() {
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellable);
   {
     const LoopGate::Pass pass(gate_, std::try_to_lock);
-    if (pass && session_ != nullptr) session_->write_off_loop();
+    if (pass && session_ != nullptr) {
+      writes_here_ = true;
+      session_->write_off_loop();
+      writes_here_ = false;
+    }
   }
   channel_.end_attendance();
   pthread_setcancelstate(cancellable, nullptr);
@@ -162,6 +166,13 @@ void ClientCore::call_back_unanswered() {
   while (channel_.take_unanswered(tracked)) tracked.callback(nullptr, tracked.arg);
 }
 
+// Only the loop shows them.
+void ClientCore::take_outgoing(std::string &bytes) {
+  std::vector<std::string> elements;
+  channel_.take(bytes, &elements);
+  if (!elements.empty() && !writes_here_) channel_.traffic().show_sent(elements);
+}
+
 bool ClientCore::goes_step_by_step(const Endpoint &server) const {
   return std::find(step_by_step_servers_.begin(), step_by_step_servers_.end(), server) != step_by_step_servers_.end();
 }
@@ -196,10 +207,11 @@ void ClientCore::on_session_stanza(wb_dom_node *stanza) {
   const Name &found = *as_element(stanza)->name;
   const std::string_view name(found.local, found.local_length);
   if (found.uri->view() != ns::kClient) return wb_log(WB_LOG_DEBUG, "dropped an element that is no stanza");
-  if (name == "iq") return on_iq(stanza);
-  if (name == "message") return raise(kMessage, stanza);
-  if (name == "presence") return raise(kPresence, stanza);
-  wb_log(WB_LOG_DEBUG, "dropped an element that is no stanza");
+  const bool is_iq = name == "iq", is_message = !is_iq && name == "message";
+  if (!is_iq && !is_message && name != "presence") return wb_log(WB_LOG_DEBUG, "dropped an element that is no stanza");
+  channel_.traffic().count_received_stanza();
+  if (is_iq) return on_iq(stanza);
+  raise(is_message ? kMessage : kPresence, stanza);
 }
 
 void ClientCore::on_iq(wb_dom_node *iq) {

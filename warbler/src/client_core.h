@@ -45,8 +45,9 @@ class ClientCore final : public Session::Owner, public Buriable, public std::ena
   void on_session_leaving() override { channel_.refuse(); }
   void on_session_end(wb_errcode reason, wb_dom_node *error) override;
   void on_session_stanza(wb_dom_node *stanza) override;
-  void take_outgoing(std::string &bytes) override { channel_.take(bytes); }
+  void take_outgoing(std::string &bytes) override;
   void set_backlog(size_t bytes) override { channel_.set_backlog(bytes); }
+  Traffic &traffic() override { return channel_.traffic(); }
   void begin_attendance() override { channel_.begin_attendance(); }
   void no_attendance() override { channel_.no_attendance(); }
   bool goes_step_by_step(const Endpoint &server) const override;
@@ -71,8 +72,9 @@ class ClientCore final : public Session::Owner, public Buriable, public std::ena
   Channel channel_;
   LoopEvent countdown_;
   bool counting_ = false;
-  bool wanted_ = false;    // the application has asked for a session and not for its end
-  ClientOptions options_;  // of the last connect
+  bool writes_here_ = false;  // a thread that is not the loop's writes, in a pass of its own
+  bool wanted_ = false;       // the application has asked for a session and not for its end
+  ClientOptions options_;     // of the last connect
   std::deque<Endpoint> step_by_step_servers_;
   std::shared_ptr<Session> session_;
 };

@@ -1,16 +1,15 @@
 #include <warbler/log.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <new>
 #include <string>
 #include <string_view>
 
 #include "log_context.h"
+#include "secrets.h"
 
 namespace {
 
@@ -52,41 +51,6 @@ WB_PRINTF(1, 2) void write_plain_record(const char *format, ...) {
   va_end(args);
 }
 
-// ---- What no log may tell
-
-// Elements whose text is a secret, by their local names, in whatever namespace.
-constexpr std::string_view kSecretElements[] = {"token", "password"};
-
-bool is_secret(std::string_view name) {
-  if (const size_t colon = name.find(':'); colon != name.npos) name.remove_prefix(colon + 1);
-  return std::find(std::begin(kSecretElements), std::end(kSecretElements), name) != std::end(kSecretElements);
-}
-
-// The end of a tag, before its '>'. An attribute's value may have one, too.
-char *end_of_tag(char *at) {
-  char quote = '\0';
-  for (; *at != '\0' && (quote != '\0' || *at != '>'); ++at) {
-    if (quote != '\0') {
-      if (*at == quote) quote = '\0';
-    } else if (*at == '"' || *at == '\'') {
-      quote = *at;
-    }
-  }
-  return at;
-}
-
-// Overwrites the secrets in what the serialiser wrote, where '<' begins a tag and nothing else. Their lengths still show.
-void hide_secrets(char *xml) {
-  for (char *tag = std::strchr(xml, '<'); tag != nullptr; tag = std::strchr(tag, '<')) {
-    const std::string_view name(tag + 1, std::strcspn(tag + 1, " />"));
-    char *end = end_of_tag(tag);
-    const bool has_content = *end == '>' && end[-1] != '/';
-    tag = end;
-    if (!has_content || !is_secret(name)) continue;
-    for (++tag; *tag != '\0' && *tag != '<'; ++tag) *tag = '*';
-  }
-}
-
 }  // namespace
 
 bool wb::log_passes(wb_log_level level) {
@@ -116,7 +80,7 @@ void wb_log_err(wb_log_level level, const wb_err *err, const char *caption) {
 void wb_log_dom(wb_log_level level, const wb_dom_node *node, const char *format, ...) {
   if (!wb::log_passes(level)) return;
   char *xml = nullptr;
-  if (node != nullptr && wb_serialize_xml(node, &xml, nullptr, nullptr)) hide_secrets(xml);
+  if (node != nullptr && wb_serialize_xml(node, &xml, nullptr, nullptr)) wb::hide_secrets(xml);
   const std::unique_ptr<char, decltype(&std::free)> owned(xml, &std::free);
   va_list args;
   va_start(args, format);

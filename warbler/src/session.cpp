@@ -79,6 +79,7 @@ Session::Session(wb_workq &queue, std::shared_ptr<LoopGate> gate, ClientOptions 
       gate_(std::move(gate)),
       options_(std::move(options)),
       owner_(owner),
+      traffic_(owner.traffic()),
       names_{options_.domain, options_.endpoint.host},
       server_(options_.endpoint),
       keepalive_(options_.idle_probe),
@@ -199,6 +200,7 @@ void Session::read_pieces() {
       case Link::Io::done:
         break;
     }
+    traffic_.count_received_bytes(got);
     const StreamError error = parser_.parse(got);
     if (has_ended() || state_ == State::leaving) return;
     if (error != StreamError::none) return on_parse_error(error);
@@ -245,9 +247,20 @@ void Session::write(std::string_view bytes) {
   spoken_ = Clock::now();
   if (sent_ != sending_.size()) {
     sending_.append(bytes);  // part of a stanza may have gone to the link already
-  } else if (link_->write(bytes) != Link::Io::done) {
+  } else if (link_->write(bytes) == Link::Io::done) {
+    traffic_.count_sent_bytes(bytes.size());
+  } else {
     end(WB_ERR_TLS, "cannot encrypt: " + link_->reason());
   }
+}
+
+void Session::write_element(std::string_view element) {
+  show_sent(element);
+  write(element);
+}
+
+void Session::show_sent(std::string_view element) {
+  if (traffic_.is_traced() && !element.empty()) traffic_.show(WB_TRACE_SENT, element);
 }
 
 void Session::write_waiting() {
@@ -281,6 +294,7 @@ Session::Written Session::write_share() {
     const std::string_view piece = std::string_view(sending_).substr(sent_, kWriteBytes);
     if (link_->write_through(piece) != Link::Io::done) return Written::refused;
     sent_ += piece.size();
+    traffic_.count_sent_bytes(piece.size());
     spoken_ = Clock::now();
   }
 }
@@ -306,7 +320,7 @@ void Session::pump() {
 
 void Session::write_off_loop() {
   // What is not all written is waited for, and what the owner has comes behind it.
-  if (state_ != State::established || !is_all_written()) return;
+  if (state_ != State::established || !is_all_written() || traffic_.is_traced()) return;
   const bool went_smoothly = guarded(nullptr, __func__, [this] { return write_share() == Written::all; });
   if (went_smoothly) return;
   more_to_write_ = true;
@@ -363,6 +377,7 @@ void Session::on_stream_close() {
 
 void Session::on_stanza(wb_dom_node *stanza) {
   run([&] {
+    if (traffic_.is_traced()) traffic_.show_received(stanza);
     if (wb_log_get_level() >= WB_LOG_TRACE) wb_log_dom(WB_LOG_TRACE, stanza, "received");
     if (is_in_streams(stanza, "error")) return on_stream_error(stanza);
     if (is_negotiating()) return on_negotiation(stanza);
@@ -411,6 +426,7 @@ void Session::leave(std::string_view last_words, wb_errcode code, const std::str
   parser_.stop();
   owner_.on_session_leaving();
   take_last();
+  show_sent(last_words.substr(0, last_words.find("</stream:stream>")));
   write(last_words);
   if (has_ended()) return;
   deadline_ = Clock::now() + kLeavingTime;
@@ -506,7 +522,8 @@ void Session::on_idle() {
     probed_ = true;
     std::string ping = "<iq type='get' id='probe'";
     append_attribute(ping, "to", options_.domain);
-    write(ping.append("><ping xmlns='").append(ns::kPing).append("'/></iq>"));
+    write_element(ping.append("><ping xmlns='").append(ns::kPing).append("'/></iq>"));
+    traffic_.count_sent_stanzas(1);
   } else if (now - spoken_ >= Clock::duration(keepalive_) / 2) {
     write(" ");
   }

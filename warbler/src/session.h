@@ -22,6 +22,7 @@
 #include "link.h"
 #include "sasl.h"
 #include "stream_parser.h"
+#include "traffic.h"
 #include "workq.h"
 
 namespace wb {
@@ -39,6 +40,8 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
     // Bytes that wait to be written; empties them into the argument.
     virtual void take_outgoing(std::string &bytes) = 0;
     virtual void set_backlog(size_t bytes) = 0;
+    // That of all sessions.
+    virtual Traffic &traffic() = 0;
     // In between the session is going to look for outgoing bytes without being told.
     virtual void begin_attendance() = 0;
     virtual void no_attendance() = 0;
@@ -105,6 +108,8 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   void on_parse_error(StreamError error);
   void ignore_input();
   void write(std::string_view bytes);
+  void write_element(std::string_view element);
+  void show_sent(std::string_view element);
   Written write_share();
   void pump();
   void take_last();
@@ -160,6 +165,7 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   const std::shared_ptr<LoopGate> gate_;
   const ClientOptions options_;
   Owner &owner_;
+  Traffic &traffic_;
   std::weak_ptr<Session> self_;
   State state_ = State::resolving;
   ExpectedNames names_;

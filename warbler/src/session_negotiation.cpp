@@ -90,6 +90,7 @@ void Session::open_stream(std::string_view with) {
   request_sent_ = ahead_ = !with.empty();
   ahead_deadline_ = Clock::now() + (deadline_ - Clock::now()) / kAheadShare;
   arm_timer();
+  show_sent(with);
   write(head.append(with));
   pump();
 }
@@ -121,7 +122,7 @@ void Session::on_opening(wb_dom_node *stanza) {
     if (find_child(stanza, ns::kTls, "starttls") == nullptr) return end(WB_ERR_TLS, "the server offers no STARTTLS");
     if (request_sent_) return;
     request_sent_ = true;
-    write(kStartTls);
+    write_element(kStartTls);
     return pump();
   }
   if (is_named(stanza, ns::kTls, "proceed") && features_seen_) return begin_tls();
@@ -207,7 +208,7 @@ bool Session::authenticate_with_offered(size_t from) {
     if (!is_offered(i)) continue;
     std::string auth;
     if (make_auth(i, auth)) {
-      write(auth);
+      write_element(auth);
       pump();
     }
     return true;
@@ -256,13 +257,13 @@ void Session::on_challenge(wb_dom_node *challenge) {
   if (!answered) {
     wb_log_err(WB_LOG_ERROR, &err, "SASL challenge");
     std::string abort = "<abort xmlns='";
-    write(abort.append(ns::kSasl).append("'/>"));
+    write_element(abort.append(ns::kSasl).append("'/>"));
     pump();
     return end(WB_ERR_NOT_AUTHORIZED, "the SASL exchange was aborted");
   }
   std::string response = "<response xmlns='";
   response.append(ns::kSasl).append("'>").append(output.present ? output.base64 : "").append("</response>");
-  write(response);
+  write_element(response);
   pump();
 }
 
@@ -316,7 +317,7 @@ void Session::on_bind_features(wb_dom_node *features) {
   }
   if (request_sent_) return;
   request_sent_ = true;
-  write(bind_request(options_.resource));
+  write_element(bind_request(options_.resource));
   pump();
 }
 

@@ -12,6 +12,7 @@
 #include <warbler/err.h>
 #include <warbler/event.h>
 #include <warbler/htable.h>
+#include <warbler/inspect.h>
 #include <warbler/items.h>
 #include <warbler/log.h>
 #include <warbler/sasl.h>
