@@ -17,7 +17,7 @@ from programs import PATIENCE_SECONDS, Grid, Running  # noqa: E402 pylint: disab
 
 QLK, GRID, CONTROLLER, COMPLETION = (os.path.abspath(argument) for argument in sys.argv[1:5])
 COMMANDS = ("doctor", "connect", "capabilities", "status", "subscribe", "publish", "query", "serve", "propose", "modify", "authorized",
-            "token", "bulk")
+            "token", "bulk", "top")
 
 
 class Terminal:

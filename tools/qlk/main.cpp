@@ -16,6 +16,7 @@
 #include "subscribe.h"
 #include "terminal.h"
 #include "text.h"
+#include "top.h"
 
 namespace {
 
@@ -32,7 +33,8 @@ constexpr char kFooter[] =
 constexpr decltype(&tool::add_connect_command) kCommands[] = {
     tool::add_doctor_command,    tool::add_connect_command,    tool::add_capabilities_command, tool::add_status_command,
     tool::add_subscribe_command, tool::add_publish_command,    tool::add_query_command,        tool::add_serve_command,
-    tool::add_define_commands,   tool::add_authorized_command, tool::add_token_command,        tool::add_bulk_command};
+    tool::add_define_commands,   tool::add_authorized_command, tool::add_token_command,        tool::add_bulk_command,
+    tool::add_top_command};
 
 int exit_with(tool::ExitCode code) { return static_cast<int>(code); }
 

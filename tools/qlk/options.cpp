@@ -81,6 +81,9 @@ void add_connection_options(Command &command, ConnectionOptions &options) {
   command.option("--sasl-response", "WHAT", options.sasl_response,
                  "What SASL EXTERNAL tells the server: user-name, bare-jid or none (default: user-name)");
   command.number("--timeout", "SECONDS", options.timeout_seconds, 1, 86400, "How long to wait for each answer (default: 15)");
+  command.flag("--trace", options.traces, "Show each stanza on standard error, > sent and < received, with its secrets hidden");
+  command.option("--tls-key-log", "FILE", options.tls_key_log,
+                 "Append the keys of the TLS sessions to this file, for programs that decode captured traffic: keep it secret");
   command.counted_flag("-v,--verbose", options.verbosity, "Show the library's log; twice: also the stanzas that arrive");
 }
 
@@ -88,6 +91,8 @@ void add_connection_options(Command &command, ConnectionOptions &options) {
 
 Settings merge_settings(const ConnectionOptions &options) {
   Settings settings;
+  settings.tls_key_log = options.tls_key_log;
+  settings.traces = options.traces;
   const std::string path = options.profile.empty() ? default_profile_path() : options.profile;
   const bool is_named = !options.profile.empty() || std::getenv("QLK_PROFILE") != nullptr;
   if (!path.empty() && (is_named || access(path.c_str(), F_OK) == 0)) {

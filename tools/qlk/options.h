@@ -14,12 +14,13 @@
 namespace tool {
 
 struct ConnectionOptions {
-  std::string profile, user, certificate, key, ca, crl, description, sasl_response;
+  std::string profile, user, certificate, key, ca, crl, description, sasl_response, tls_key_log;
   std::vector<std::string> hosts, groups;
   bool races_hosts = false;
   int passphrase_fd = -1;
   int timeout_seconds = 0;
   int verbosity = 0;
+  bool traces = false;
 };
 
 struct Settings {
@@ -27,6 +28,8 @@ struct Settings {
   Profile values;
   bool races_hosts = false;
   Secret passphrase;
+  std::string tls_key_log;  // empty: none is written
+  bool traces = false;
 };
 
 // What becomes of a session that was lost.

@@ -76,6 +76,21 @@ QUILLON_SASL_RESPONSE sasl_response_of(const std::string &name) {
   throw Failure(ExitCode::usage, "the SASL response is user-name, bare-jid or none, not '" + name + "'");
 }
 
+// On the event loop. One call each, so that lines of several threads do not mix.
+void print_trace(quillon_connection *, QUILLON_TRACE_DIRECTION direction, const char *xml, size_t length, void *) {
+  const std::string text = printable(std::string_view(xml, length));
+  std::fprintf(stderr, "%c %s\n", direction == QUILLON_TRACE_SENT ? '>' : '<', text.c_str());
+}
+
+void write_keys(quillon_config *config, const std::string &file) {
+  if (file.empty()) return;
+  if (quillon_config_set_tls_key_log(config, file.c_str()) != QUILLON_STATUS_OK) {
+    throw Failure(ExitCode::usage, "the keys of TLS sessions cannot be written to " + file,
+                  "It has to be a new file, or one of yours that nobody else may read (chmod 600).");
+  }
+  note("whoever can read " + file + " can read what this session carries");
+}
+
 }  // namespace
 
 std::vector<const char *> pointers_to(const std::vector<std::string> &texts) {
@@ -110,6 +125,7 @@ Config make_config(const Settings &settings) {
   quillon_config_set_sasl_response(created, sasl_response_of(values.sasl_response));
   quillon_config_set_send_timeout_seconds(created, values.timeout_seconds);
   quillon_config_set_address_racing(created, settings.races_hosts);
+  write_keys(created, settings.tls_key_log);
   return config;
 }
 
@@ -131,6 +147,7 @@ Session::Session(const Settings &settings, Stop &stop, Report report)
   quillon_connection_set_account_cb_user_data(created, this);
   quillon_connection_set_disconnect_cb(created, on_disconnected);
   quillon_connection_set_disconnect_cb_user_data(created, this);
+  if (settings.traces) quillon_connection_set_stanza_trace(created, print_trace, nullptr);
   listener_.on_address = [this](const std::string &address) { hear_address(address); };
   listener_.on_stanza = [this](const wb_dom_node *stanza) { hear_stanza(stanza); };
   listener_.on_session_end = [this](const std::string &stage, const std::string &reason) { hear_session_end(stage, reason); };

@@ -107,6 +107,12 @@ size_t terminal_width(FILE *stream) {
   return size.ws_col;
 }
 
+size_t terminal_height(FILE *stream) {
+  winsize size = {};
+  if (ioctl(fileno(stream), TIOCGWINSZ, &size) != 0 || size.ws_row == 0) return 24;
+  return size.ws_row;
+}
+
 void note(std::string_view text) {
   wipe();
   std::fprintf(stderr, "qlk: %.*s\n", static_cast<int>(text.size()), text.data());

@@ -18,6 +18,8 @@ bool is_terminal(FILE *stream);
 
 // Columns of the terminal; 80 where that cannot be told.
 size_t terminal_width(FILE *stream);
+// Its lines; 24 where that cannot be told.
+size_t terminal_height(FILE *stream);
 
 // "qlk: text" on standard error; after a progress bar, on a line of its own.
 void note(std::string_view text);

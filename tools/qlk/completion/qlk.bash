@@ -12,14 +12,15 @@ _qlk_options() {
     serve) echo --namespace --dynamic --file --element --limit --reconnect --reconnect-pause --quiet ;;
     propose | modify) echo --namespace --dynamic --define-version --query --action --about --platform ;;
     authorized) echo --quiet ;;
+    top) echo --ask --count --json --reconnect --reconnect-pause ;;
     bulk) echo --request --bulk-ca --expect --limit --json --count ;;
   esac
 }
 
 _qlk() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word i
-  local commands='doctor connect capabilities status subscribe publish query serve propose modify authorized token bulk'
-  local connection='--help --profile --host --race-hosts --user --certificate --key --ca --crl --passphrase-fd --group --description --sasl-response --timeout --verbose'
+  local commands='doctor connect capabilities status subscribe publish query serve propose modify authorized token bulk top'
+  local connection='--help --profile --host --race-hosts --user --certificate --key --ca --crl --passphrase-fd --group --description --sasl-response --timeout --trace --tls-key-log --verbose'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
@@ -36,7 +37,7 @@ _qlk() {
     [[ -n $command || $word == -* ]] || command=$word
   done
   case $previous in
-    --profile | --certificate | --key | --ca | --crl | --bulk-ca | --file | --request | -f)
+    --profile | --certificate | --key | --ca | --crl | --tls-key-log | --bulk-ca | --file | --request | -f)
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       compopt -o filenames 2>/dev/null
       return
