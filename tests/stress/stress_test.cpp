@@ -133,7 +133,7 @@ void harm(testpeer::Connection &session, Random &random) {
 // What callbacks are given. It outlives its connection, so that a call that comes too late is seen.
 struct Watch {
   std::atomic<bool> is_gone = false;
-  std::atomic<unsigned> late = 0, connected = 0, disconnected = 0, received = 0;
+  std::atomic<unsigned> late = 0, connected = 0, disconnected = 0, received = 0, traced = 0;
 
   void seen(std::atomic<unsigned> &counter) {
     ++counter;
@@ -145,6 +145,9 @@ struct Watch {
 void on_connect(quillon_connection *, void *watch) { Watch::of(watch).seen(Watch::of(watch).connected); }
 void on_disconnect(quillon_connection *, QUILLON_STATUS, void *watch) { Watch::of(watch).seen(Watch::of(watch).disconnected); }
 void on_account(quillon_connection *, QUILLON_STATUS, void *watch) { Watch::of(watch).seen(Watch::of(watch).received); }
+void on_stanza(quillon_connection *, QUILLON_TRACE_DIRECTION, const char *, size_t, void *watch) {
+  Watch::of(watch).seen(Watch::of(watch).traced);
+}
 void on_news(wb_dom_node *, void *watch) { Watch::of(watch).seen(Watch::of(watch).received); }
 wb_dom_node *on_query(wb_dom_node *request, void *watch) {
   Watch::of(watch).seen(Watch::of(watch).received);
@@ -242,6 +245,7 @@ class Stress {
       EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_connect(slot.member.connection.get()));
       EXPECT_EQ(QUILLON_STATUS_OK, ask(slot.member));
       EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_disconnect(slot.member.connection.get()));
+      EXPECT_EQ(0U, statistics_of(slot.member.connection.get()).queries_in_flight);
       slot.member.connection.reset();  // before what it uses
       slot.member.watch->is_gone = true;
     }
@@ -337,9 +341,19 @@ class Stress {
       EXPECT_EQ(QUILLON_STATUS_OK,
                 quillon_connection_get_handler_queue_usage(connection, QUILLON_HANDLER_QUEUE_NOTIFICATIONS, &usage));
       EXPECT_LE(usage.depth, usage.highest + kWorkers);
+      const quillon_statistics now = statistics_of(connection);
+      EXPECT_LE(now.queries_in_flight, now.queries_in_flight_highest + kWorkers);
+      quillon_connection_set_stanza_trace(connection, pick(random, 2) == 0 ? on_stanza : nullptr, member.watch);
       static_cast<void>(quillon_connection_is_connected(connection));
       quillon_connection_wakeup(connection);
     }
+  }
+
+  static quillon_statistics statistics_of(const quillon_connection *connection) {
+    quillon_statistics now;
+    now.size = sizeof now;
+    EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_get_statistics(connection, &now));
+    return now;
   }
 
   static void set_callbacks(quillon_connection *connection, Watch &watch, bool none) {
