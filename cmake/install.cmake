@@ -4,7 +4,10 @@ include(CMakePackageConfigHelpers)
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 
 install(DIRECTORY include/ warbler/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
-install(FILES LICENSE README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The pages, laid to each other as they are here, so that their links lead somewhere.
+install(FILES LICENSE README.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        FILES_MATCHING PATTERN "*.md" PATTERN "*.png" PATTERN "*.[ch]" PATTERN "*.[ch]pp" PATTERN man EXCLUDE)
 
 # Two sets: who links the shared libraries needs none of the packages that the archives need.
 install(TARGETS qlk_shared warbler_shared EXPORT libqlk-shared

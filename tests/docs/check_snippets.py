@@ -20,7 +20,7 @@ PAGES = ("README.md", "docs/guide.md", "examples/README.md")
 ELSEWHERE = {
     "./quickstart": "run for every change",
     "./run-tests": "this very test is part of it",
-    "scripts/build-preset release": "run by ./run-tests",
+    "scripts/build-preset release installed": "run by ./run-tests",
     "scripts/install-dependencies": "run by ./run-tests",
     "(cd build/release && cpack)": "tests/packages",
     "sudo apt install ./build/release/packages/*.deb": "changes the machine; tests/packages asks the package manager whether it would",
@@ -58,9 +58,8 @@ class Reader:
     def terminal(self, name="main"):
         if name not in self.terminals:
             self.terminals[name] = Terminal(self.checkout, self.environment)
-            if name != "main":  # a reader opens it where he is, with the same settings
-                variables = self.run("declare -px | grep -v ' _=' ; printf 'cd %q\\n' \"$PWD\"")[1]
-                self.terminals[name].run(variables)
+            if name != "main":  # a reader opens it where he is; nothing of what he has set is set there
+                self.terminals[name].run(f"cd '{self.folder()}'")
         return self.terminals[name]
 
     def run(self, commands):
