@@ -17,14 +17,18 @@ class Grid:
     """A grid in a temporary folder; command is quillon-grid."""
 
     def __init__(self, command, controller, approval):
-        self.command = command
+        self.command, self.controller = command, controller
         self.place = tempfile.TemporaryDirectory(prefix="a grid ")  # with a blank, which every layer has to get right
         self.folder = pathlib.Path(self.place.name, "grid")
-        self.run("up", "--controller", controller, "--approval", approval)
+        self.up("--approval", approval)
 
     def close(self):
         self.run("down")
         self.place.cleanup()
+
+    def up(self, *arguments):
+        """With the programs of the build that is tested, never those of another."""
+        self.run("up", "--controller", self.controller, *arguments)
 
     def run(self, *arguments):
         done = subprocess.run([self.command, "--folder", self.folder, *arguments], capture_output=True, text=True, check=False,
@@ -36,7 +40,7 @@ class Grid:
     def restart_controller(self):
         """It dies without a word, and is brought back beside the running server."""
         os.kill(json.loads(pathlib.Path(self.folder, "grid.json").read_text(encoding="utf-8"))["controller"]["pid"], signal.SIGKILL)
-        self.run("up")
+        self.up()
 
     def enroll(self, user, *arguments):
         """Returns the paths of certificate, key and profile."""
