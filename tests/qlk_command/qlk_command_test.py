@@ -13,8 +13,8 @@ import time
 import tomllib
 import unittest
 
+import inside_cases
 import support
-from inside_cases import Inside  # noqa: F401 pylint: disable=unused-import
 from support import COMMANDS, COMPLETION, PATIENCE_SECONDS, Case
 
 ESCAPE = "\x1b"
@@ -412,6 +412,10 @@ esac\n""")
         self.assertIn("what answers?", self.qlk(ann, "serve", "Weather", "--element", "x", code=1)[1])
         self.assertIn("no XML element", self.qlk(ann, "serve", "Weather", "--file", self.file("junk", "hello"), code=1)[1])
         self.assertIn("no XML element", self.qlk(ann, "query", "Weather", "hello", code=1)[1])
+
+
+class Inside(inside_cases.Inside):
+    """Here, so that it has this module's grid."""
 
 
 class Bulk(Case):
