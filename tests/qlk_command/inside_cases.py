@@ -26,7 +26,7 @@ class Inside(Case):
 
     def test_the_view_on_a_terminal(self):
         terminal = self.terminal(self.grid.member("ann"), "top", "--ask")
-        terminal.read_until(r"(?s)\x1b\[H\x1b\[J.*\x1b\[H\x1b\[J.*completions.*answers in")
+        terminal.read_until(r"(?s)\x1b\[H\x1b\[J.*\x1b\[H\x1b\[J.*completions.*answers.*within")
         terminal.type("\x03")
         self.assertEqual(130, terminal.wait())
         lines = re.sub(r"\x1b\[[\d;]*[A-Za-z]", "", terminal.shown).splitlines()

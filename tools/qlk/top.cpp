@@ -204,8 +204,8 @@ class Screen {
   // A bar for each bucket, from the first that is in use to the last; where there is no room for all, for the last ones.
   void add_latency() {
     const auto quantile = [&](double part) { return short_time(quillon_statistics_latency_quantile(&now_, part)); };
-    heading("answers in", {quantile(0.5), quantile(0.9), quantile(0.99), quantile(1)});
-    add_row("", {"50%", "90%", "99%", "all"}, Style::faint);
+    heading("answers", {"50%", "90%", "99%", "all"});
+    add_row("within", {quantile(0.5), quantile(0.9), quantile(0.99), quantile(1)});
     const uint64_t *const begin = now_.latency, *const end = begin + QUILLON_LATENCY_BUCKETS;
     const uint64_t most = *std::max_element(begin, end);
     if (most == 0) return;
