@@ -16,18 +16,20 @@ extern "C" {
 
 /* ---- Live credentials --------------------------------------------------------------------------------------- */
 
-/* Reads a set of credentials from the files of the configuration and puts it into force, in place of the one before. From then on
- * connects and bulk downloads use the set, and not the files: see quillon_config_fill_ssl_ctx. What is under way goes on with
- * what it began with; quillon_connection_renew changes that. When the set is refused, the one before stays in force, and where
- * there is none, files are read as before; the reason is logged as an error and told by quillon_config_get_credentials_info. A
- * certificate that is about to expire is logged as a warning.
- *   The file names and the pass phrase may be set meanwhile, on any thread: they belong to the next set.
+/* Reads a set of credentials from the files of the configuration and puts it into force, in place of the one before. From
+ * then on connects and bulk downloads use the set, and not the files: see quillon_config_fill_ssl_ctx. What is under way goes
+ * on with what it began with; quillon_connection_renew changes that. When the set is refused, the one before stays in force,
+ * and where there is none, files are read as before; the reason is logged as an error and told by
+ * quillon_config_get_credentials_info.
+ *   While a certificate that is about to expire is in force, this and each use of it logs a warning, once a day. The file
+ * names and the pass phrase may be set meanwhile, on any thread: they belong to the next set.
  * Thread:  any, callbacks too, several at once. It reads files, and does not block otherwise.
  * Returns: QUILLON_STATUS_OK                       the set is in force
- *          QUILLON_STATUS_CONNECTION_ERROR_CLIENT  certificate or key: a file is not set or cannot be read, the pass phrase does
- * not open the key, the key is not the certificate's, a certificate of the chain has expired or is not valid yet, or it is in the
- * list of those revoked QUILLON_STATUS_CONNECTION_ERROR_SERVER  a CA file, or the list of those revoked, cannot be read; or the
- * list is too old */
+ *          QUILLON_STATUS_CONNECTION_ERROR_CLIENT  certificate or key: a file is not set or cannot be read, the pass phrase
+ *                                                  does not open the key, the key is not the certificate's, a certificate of
+ *                                                  the chain has expired or is not valid yet, or ours is revoked
+ *          QUILLON_STATUS_CONNECTION_ERROR_SERVER  a CA file, or that of the revocations, cannot be read; or a list of
+ *                                                  revocations is past its next update */
 QUILLON_API QUILLON_STATUS quillon_config_reload_credentials(quillon_config *config);
 
 /* True: each connect, and each bulk download, first looks whether one of the files has changed (by name, place, size and times),
@@ -67,11 +69,11 @@ QUILLON_API QUILLON_STATUS quillon_connection_renew(quillon_connection *connecti
 
 /* ---- Revoked certificates ----------------------------------------------------------------------------------- */
 
-/* Sets the PEM file with the lists of revoked certificates, one of each CA that has issued a server's certificate; NULL clears
- * it, and then nobody looks for revocations. A server whose certificate is listed is refused, and so is every server whose CA has
- * no list in the file, or one that is past its next update: an error in the log says which. Only the server's own certificate is
- * looked up, not those of the CAs between it and the trusted one. Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for
- * a text that is empty or longer than 65536 bytes */
+/* Sets the PEM file with the lists of revoked certificates, one of each CA that has issued a server's certificate; NULL
+ * clears it, and then nobody looks for revocations. A server whose certificate is listed is refused, and so is every server
+ * whose CA has no list in the file, or one that is past its next update: an error in the log says which. Only the server's
+ * own certificate is looked up, not those of the CAs between it and the trusted one.
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS for a text that is empty or longer than 65536 bytes */
 QUILLON_API QUILLON_STATUS quillon_config_set_crl(quillon_config *config, const char *filename);
 
 #ifdef __cplusplus

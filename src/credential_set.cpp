@@ -58,7 +58,7 @@ bool read_all(const std::string &file, List &list, Read read) {
 int give_passphrase(char *buffer, int size, int /*writing*/, void *files) {
   const std::string &phrase = static_cast<const qlk::CredentialFiles *>(files)->passphrase;
   if (phrase.empty() || phrase.size() > static_cast<size_t>(size)) return 0;
-  std::memcpy(buffer, phrase.data(), phrase.size());
+  std::copy(phrase.begin(), phrase.end(), buffer);  // OpenSSL wants no terminator
   return static_cast<int>(phrase.size());
 }
 

@@ -43,8 +43,7 @@ bool is_about_to_expire(int64_t expires, int warning_days) {
   return warning_days > 0 && expires - static_cast<int64_t>(time(nullptr)) < warning_days * kDay;
 }
 
-void warn_of_expiry(const qlk::CredentialSet &set, int warning_days) {
-  if (!is_about_to_expire(set.expires(), warning_days)) return;
+void warn_of_expiry(const qlk::CredentialSet &set) {
   const time_t expires = static_cast<time_t>(set.expires());
   tm parts = {};
   char day[16] = "";
@@ -95,20 +94,36 @@ QUILLON_STATUS LiveCredentials::load(const quillon_config &config) {
     wb_log(WB_LOG_ERROR, "the new credentials are refused, and the ones before stay in force: %s", fault.text.c_str());
   } else {
     wb_log(WB_LOG_INFO, "new credentials are in force: %s", set->subject().c_str());
-    warn_of_expiry(*set, config.expiry_warning_days);
   }
   const std::lock_guard lock(mutex_);
   if (set != nullptr) {
     in_force_.swap(set);
     ++sets_;
+    warned_ = 0;
   }
   last_ = std::move(fault);
   return last_.status;
 }
 
+// Once a set, and then once a day.
+std::shared_ptr<const CredentialSet> LiveCredentials::take(int warning_days) {
+  std::shared_ptr<const CredentialSet> set;
+  {
+    const std::lock_guard lock(mutex_);
+    set = in_force_;
+    const time_t now = time(nullptr);
+    if (set == nullptr || now - warned_ < kDay || !is_about_to_expire(set->expires(), warning_days)) return set;
+    warned_ = now;
+  }
+  warn_of_expiry(*set);
+  return set;
+}
+
 QUILLON_STATUS LiveCredentials::reload(const quillon_config &config) {
   const std::lock_guard one_at_a_time(loading_);
-  return load(config);
+  const QUILLON_STATUS status = load(config);
+  take(config.expiry_warning_days);
+  return status;
 }
 
 bool LiveCredentials::has_changed(const quillon_config &config) {
@@ -124,8 +139,7 @@ std::shared_ptr<const CredentialSet> LiveCredentials::current(const quillon_conf
     const std::lock_guard one_at_a_time(loading_);
     return has_changed(config) ? load(config) : QUILLON_STATUS_OK;
   });
-  const std::lock_guard lock(mutex_);
-  return in_force_;
+  return take(config.expiry_warning_days);
 }
 
 void LiveCredentials::set_live(bool is_live) {

@@ -51,6 +51,7 @@ class LiveCredentials {
  private:
   bool has_changed(const quillon_config &config);
   QUILLON_STATUS load(const quillon_config &config);
+  std::shared_ptr<const CredentialSet> take(int warning_days);
   void copy_settings(const quillon_config &config, CredentialFiles &files, CredentialVersion &version);
 
   std::mutex settings_;  // of the configuration, and what follows
@@ -62,6 +63,7 @@ class LiveCredentials {
   std::mutex mutex_;           // guards what follows
   std::shared_ptr<const CredentialSet> in_force_;
   uint32_t sets_ = 0;
+  time_t warned_ = 0;  // when its end was last announced
   CredentialFault last_;
 };
 

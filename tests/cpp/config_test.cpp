@@ -67,6 +67,19 @@ TEST(CppConfig, LimitsTheHandlerQueues) {
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.set_handler_queue_bound(-1, QUILLON_HANDLER_QUEUE_OVERFLOW_DROP).status());
 }
 
+TEST(CppConfig, TellsWhichCredentialsAreInForce) {
+  config made = config::create().value();
+  EXPECT_TRUE(made.set_crl("revoked.pem"));
+  EXPECT_EQ("revoked.pem", text(made.handle()->crl_filename));
+  EXPECT_TRUE(made.set_crl(""));
+  EXPECT_EQ(nullptr, made.handle()->crl_filename);
+  EXPECT_TRUE(made.set_live_credentials(true));
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.set_expiry_warning_days(-1).status());
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR_CLIENT, made.reload_credentials().status());
+  EXPECT_STREQ("no client certificate and key files are set", made.credentials().value().failure);
+  EXPECT_EQ(QUILLON_STATUS_NO_CONNECTION, quillon::connection::create(made).value().renew(1s).status());
+}
+
 TEST(CppConfig, RefusesATextThatCannotBeOneAndKeepsTheOldOne) {
   config made = config::create({.hosts = {"a"}, .user = "alice", .groups = {"G"}}).value();
   using setter = result<> (config::*)(std::string_view);

@@ -74,6 +74,33 @@ TEST(GridReconnection, TwentyRestartsOfTheServerLeaveEverySubscriptionLiveAndNot
   EXPECT_LE(footprint().descriptors, before.descriptors);
 }
 
+// Beside a host that is not there.
+TEST(GridReconnection, WithItsOptionsItComesBackByItselfAndSaysSo) {
+  test_support::LocalGrid grid(test_support::LocalGrid::Approval::automatic);
+  Client client(grid, "again-soon");
+  const std::string host = grid.host();
+  const char *hosts[] = {"127.0.0.1:1", host.c_str()};
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_hosts(client.config, hosts, 2));
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_address_racing(client.config, true));
+  grid_test::Record<QUILLON_RECONNECTION_STATE> states;  // outlives the thread that tells them
+  const ReconnectionPtr reconnection = make_reconnection(client);
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_set_delays(reconnection.get(), 20, 200, 500));
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_set_jitter(reconnection.get(), true));
+  const auto keep = [](const quillon_reconnection_report *report, void *to) {
+    static_cast<grid_test::Record<QUILLON_RECONNECTION_STATE> *>(to)->add(report->state);
+  };
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_set_report_cb(reconnection.get(), keep, &states));
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection.get()));
+  ASSERT_EQ(1u, states.wait_for(1).size());
+  grid.server_stop();
+  ASSERT_EQ(2u, states.wait_for(2).size());
+  grid.server_start();
+  EXPECT_EQ((std::vector<QUILLON_RECONNECTION_STATE>{QUILLON_RECONNECTION_STATE_UP, QUILLON_RECONNECTION_STATE_DOWN,
+                                                     QUILLON_RECONNECTION_STATE_UP}),
+            states.wait_for(3));
+  EXPECT_TRUE(client.is_connected());
+}
+
 TEST(GridReconnection, EndsWhileItsConnectWaitsForApprovalOrForAServer) {
   test_support::LocalGrid grid(test_support::LocalGrid::Approval::manual);
   Client pending(grid, "again-pending");

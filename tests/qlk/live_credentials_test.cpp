@@ -200,6 +200,10 @@ TEST_F(LiveCredentialsTest, AnEndThatIsNearIsTold) {
     EXPECT_EQ(c.is_told, info().is_about_to_expire) << c.days;
     EXPECT_EQ(warnings, log_.count("the client's certificate expires on ")) << c.days;
   }
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_expiry_warning_days(config_.get(), 60));
+  serve();
+  for (int use = 0; use < 2; ++use) subject_seen();
+  EXPECT_EQ(warnings + 1, log_.count("the client's certificate expires on "));  // the days go by while a set is in force
   const int64_t left = info().expires - static_cast<int64_t>(time(nullptr));
   EXPECT_NEAR(30.0 * 86400, static_cast<double>(left), 86400);
 }

@@ -310,7 +310,7 @@ class Notifications(Case):
 
     def test_a_session_that_is_lost(self):
         ann, bob = self.grid.member("ann"), self.grid.member("bob")
-        leaving, staying = self.subscribed(ann, "Weather"), self.subscribed(bob, "Weather", "--reconnect", "--count", "1")
+        leaving, staying = self.subscribed(ann, "Weather"), self.subscribed(bob, "Weather", "--reconnect", "--reconnect-pause", "1", "--count", "1")
         self.grid.run("server-stop")
         self.assertEqual(2, leaving.wait())
         self.assertIn("the session is lost", "".join(leaving.err))
@@ -551,6 +551,9 @@ class Doctor(Case):
         with socket.create_server(("127.0.0.1", 0)) as closed:
             nobody = f"127.0.0.1:{closed.getsockname()[1]}"
         self.assertIn("refused", self.found(ann, "--host", nobody)["host"])
+        host = tomllib.loads(ann.read_text(encoding="utf-8"))["hosts"]
+        host = host if isinstance(host, str) else host[0]
+        self.assertNotIn("trying", self.qlk(ann, "connect", "--race-hosts", "--host", nobody, "--host", host)[1])
         self.assertIn("cannot be resolved", self.found(ann, "--host", "nothing.invalid")["host"])
         self.assertIn("is no host", self.found(ann, "--host", "127.0.0.1:x")["host"])
         bulk_port = tomllib.loads(ann.read_text(encoding="utf-8"))["bulk"]["url"].split(":")[2].split("/")[0]

@@ -160,7 +160,7 @@ void Connector::on_ready(Attempts::iterator attempt, short what) {
   }
   Outcome outcome{.fd = std::exchange(attempt->fd, -1), .host = attempt->host, .text = std::move(attempt->text)};
   drop_all();
-  report(std::move(outcome));
+  report(outcome);
 }
 
 void Connector::note_failure(const std::string &address, int error) {
@@ -182,7 +182,7 @@ void Connector::drop_all() {
   gate_->bury(std::move(turn_));
 }
 
-void Connector::report(Outcome outcome) {
+void Connector::report(const Outcome &outcome) {
   gate_->bury(std::move(turn_));
   done_(outcome);
 }

@@ -61,7 +61,7 @@ class Connector final : public Buriable {
   void note_failure(const std::string &address, int error);
   void drop(Attempts::iterator attempt);
   void drop_all();
-  void report(Outcome outcome);
+  void report(const Outcome &outcome);
   template <typename Function>
   void run(Function &&function);
   std::chrono::milliseconds patience() const;
