@@ -216,10 +216,14 @@ QUILLON_STATUS AsyncQueries::begin(quillon_capability *capability, wb_dom_node *
   std::unique_ptr<quillon_pending_query> handle(pending != nullptr ? new quillon_pending_query{call} : nullptr);
   {
     const std::lock_guard lock(mutex_);
-    if (refuses_new_ || is_closed_ || is_stopped_) return QUILLON_STATUS_NO_CONNECTION;
-    if (!start_threads_locked()) return QUILLON_STATUS_PTHREAD_ERROR;
+    if (is_closed_ || is_stopped_) return QUILLON_STATUS_NO_CONNECTION;
+    QueryStatistics &statistics = connection_.query->statistics;
+    if (refuses_new_ || !start_threads_locked()) {
+      statistics.count_not_sent(QueryStatistics::Kind::asynchronous);
+      return refuses_new_ ? QUILLON_STATUS_NO_CONNECTION : QUILLON_STATUS_PTHREAD_ERROR;
+    }
     call->place = in_flight_.emplace(call->deadline, call);
-    connection_.query->statistics.begin();
+    statistics.begin();
     // From here on it has begun, and nothing but its callback tells what becomes of it.
     call->request.reset(request);
     if (pending != nullptr) *pending = handle.release();
@@ -463,13 +467,10 @@ QUILLON_STATUS begin(quillon_connection *connection, quillon_capability *capabil
                      quillon_query_done_cb callback, void *user_data, quillon_pending_query **pending) {
   if (request == nullptr) return qlk::refuse("request is null");
   if (callback == nullptr) return qlk::refuse("callback is null");
-  const QUILLON_STATUS status = qlk::guarded("quillon_connection_query_async", [&] {
+  return qlk::guarded("quillon_connection_query_async", [&] {
     return connection->extra->async_queries->begin(capability, request, std::chrono::milliseconds(milliseconds), callback,
                                                    user_data, pending);
   });
-  // Once it has begun, its callback may have destroyed the connection.
-  if (status != QUILLON_STATUS_OK) connection->query->statistics.count_not_sent(qlk::QueryStatistics::Kind::asynchronous);
-  return status;
 }
 
 }  // namespace

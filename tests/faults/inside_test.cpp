@@ -142,6 +142,11 @@ TEST_F(Inside, CountsAKnownExchange) {
   EXPECT_EQ((Counts{5, 1, 1, 1, 1}), all_of(read().synchronous_queries));
   EXPECT_TRUE(reads([](const auto &later) { return later.phase == QUILLON_CONNECTION_PHASE_DOWN; }));
   now = read();
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_drain(connection(), 0));
+  EXPECT_EQ(QUILLON_STATUS_NO_CONNECTION, begin(kQuestion));
+  EXPECT_EQ(QUILLON_STATUS_NO_CONNECTION, application_.ask());
+  EXPECT_EQ((Counts{5, 1, 2, 1, 1}), all_of(read().synchronous_queries));
+  EXPECT_EQ((Counts{2, 1, 3, 1, 1}), all_of(read().asynchronous_queries));
   EXPECT_EQ(2U, now.sessions);
   EXPECT_EQ(2U, now.session_attempts);
   EXPECT_EQ(1U, now.reconnects);

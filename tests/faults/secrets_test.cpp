@@ -70,6 +70,7 @@ TEST_F(Secrets, AreNotLoggedWhereAllIsWell) {
 TEST_F(Secrets, AreNotLoggedWhereThePeerRefuses) {
   Options options = correct();
   options.sasl_challenge = "s3cret";
+  options.sasl_failure_text = "why";
   options.sasl_failure = "not-authorized";
   const ScriptedPeer peer(options);
   application_.use(peer.host());

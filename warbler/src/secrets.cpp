@@ -38,8 +38,9 @@ char *hide_in_tag(char *tag) {
   return at + std::strcspn(at, ">");
 }
 
-bool is_of_sasl(const char *tag, const char *end) {
-  return std::string_view(tag, static_cast<size_t>(end - tag)).find(ns::kSasl) != std::string_view::npos;
+// Why it failed is told.
+bool holds_sasl_payload(std::string_view name, std::string_view tag) {
+  return name != "failure" && tag.find(ns::kSasl) != std::string_view::npos;
 }
 
 }  // namespace
@@ -59,7 +60,7 @@ void hide_secrets(char *xml) {
       if (open > 0) --open;
     } else if (end[-1] != '/') {
       const std::string_view name(tag + 1, std::strcspn(tag + 1, " />"));
-      if (open > 0 || is_secret(name) || (tag == xml && is_of_sasl(tag, end))) ++open;
+      if (open > 0 || is_secret(name) || (tag == xml && holds_sasl_payload(name, {tag, end}))) ++open;
     }
   }
 }
