@@ -98,6 +98,8 @@ def port_number(text):
 
 
 def run_up(grid, options):
+    if options.server not in (None, *SERVERS):  # out of the environment, which the parser does not look at
+        raise GridError(f"QUILLON_GRID_SERVER={options.server} is none of {', '.join(SERVERS)}", 2)
     if options.lifeline and not options.foreground:
         raise GridError("--lifeline goes with --foreground", 2)
     fresh = grid.up(options.port, options.approval, options.controller, options.domain, options.server, options.nodes, options.web)

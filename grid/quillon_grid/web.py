@@ -4,6 +4,7 @@ It is for whoever runs the grid, on this machine. The address that "quillon-grid
 request exchanges for a cookie; without it nothing is shown and nothing is done. Plain HTML; the counts need the one script that
 goes along, everything else works without.
 """
+import contextlib
 import hmac
 import html
 import http
@@ -12,8 +13,10 @@ import http.server
 import json
 import os
 import secrets
+import socket
 import socketserver
 import sys
+import threading
 import urllib.parse
 
 from . import control, processes
@@ -26,6 +29,8 @@ OFFERED = {"pending": ("approve", "deny"), "approved": ("disable", "reauthorize"
 STATES = ("pending", "approved", "disabled", "denied")
 COUNTS = ("state", "sessions", "accounts", "pending", "capabilities", "publishers")
 FORM_BYTES_MAX = 4096
+TOKEN_BYTES = 24
+REQUEST_SECONDS = 10  # for all of a request
 
 STYLE = """
 body { font: 16px/1.5 system-ui, sans-serif; margin: 2rem auto; max-width: 60rem; padding: 0 1rem; color: #1c2430; background: #fff }
@@ -73,10 +78,15 @@ def token_of(folder):
     """The token of this grid's page; made when there is none."""
     path = token_path(folder)
     if not os.path.exists(path):
-        with open(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600), "w", encoding="ascii") as file:
-            file.write(secrets.token_urlsafe(24))
+        fresh = path + ".new"
+        with open(os.open(fresh, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600), "w", encoding="ascii") as file:
+            file.write(secrets.token_urlsafe(TOKEN_BYTES))
+        os.replace(fresh, path)
     with open(path, encoding="ascii") as file:
-        return file.read().strip()
+        token = file.read().strip()
+    if len(token) < TOKEN_BYTES:
+        raise GridError(f"{path} holds no token: delete it, and there will be a new one")
+    return token
 
 
 def address(folder, port):
@@ -150,9 +160,27 @@ def page(body):
 # --- who may see it
 
 
+def is_same(given, secret):
+    return hmac.compare_digest(given.encode(errors="replace"), secret.encode())
+
+
 class Handler(http.server.BaseHTTPRequestHandler):
     server_version, sys_version = "quillon-grid", ""
-    timeout = 30
+
+    def setup(self):
+        super().setup()
+        # A time-out of the socket would begin anew with each byte.
+        self.deadline = threading.Timer(REQUEST_SECONDS, self.break_off)
+        self.deadline.daemon = True
+        self.deadline.start()
+
+    def break_off(self):
+        with contextlib.suppress(OSError):
+            self.connection.shutdown(socket.SHUT_RDWR)
+
+    def finish(self):
+        self.deadline.cancel()
+        super().finish()
 
     def do_GET(self):
         parts = urllib.parse.urlsplit(self.path)
@@ -161,8 +189,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if parts.path == "/live.js":
             return self.send("text/javascript", SCRIPT)
         token = urllib.parse.parse_qs(parts.query).get("token", [""])[0]
-        if parts.path == "/" and self.is_local() and self.is_token(token):
-            return self.go_home({"Set-Cookie": f"{self.cookie}={token}; HttpOnly; SameSite=Strict; Path=/"})
+        if parts.path == "/" and self.is_local() and is_same(token, self.server.token):
+            return self.go_home({"Set-Cookie": f"{self.cookie}={self.server.key}; HttpOnly; SameSite=Strict; Path=/"})
         if not self.is_allowed():
             return self.refuse()
         if parts.path == "/":
@@ -172,8 +200,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         return self.send("text/html", page("<p>There is no such page.</p>"), http.HTTPStatus.NOT_FOUND)
 
     def do_POST(self):
-        form = self.read_form()
-        if form is None or not self.is_allowed() or not hmac.compare_digest(form.get("form", ""), self.server.form_token):
+        form = self.read_form() if self.is_allowed() else None
+        if form is None or not is_same(form.get("form", ""), self.server.form_token):
             return self.refuse()
         action, user = self.path.lstrip("/"), form.get("user", "")
         if action not in ACTIONS or not user:
@@ -206,15 +234,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
         """A name that somebody else's page has turned to this machine is not ours."""
         return self.headers.get("Host") in (f"127.0.0.1:{self.port}", f"localhost:{self.port}")
 
-    def is_token(self, text):
-        return hmac.compare_digest(text.encode(), self.server.token.encode())
-
     def is_allowed(self):
         try:
             cookie = http.cookies.SimpleCookie(self.headers.get("Cookie", "")).get(self.cookie)
         except http.cookies.CookieError:
             return False
-        return self.is_local() and cookie is not None and self.is_token(cookie.value)
+        return self.is_local() and cookie is not None and is_same(cookie.value, self.server.key)
 
     def refuse(self):
         self.close_connection = True  # what it sent besides was not read
@@ -259,7 +284,9 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
 
     def __init__(self, folder, port):
         super().__init__(("127.0.0.1", port), Handler)
-        self.folder, self.token, self.form_token = folder, token_of(folder), secrets.token_urlsafe(24)
+        self.folder, self.token = folder, token_of(folder)
+        # The cookie's value lasts as long as this process: browsers show cookies to whatever else listens on this machine.
+        self.key, self.form_token = secrets.token_urlsafe(TOKEN_BYTES), secrets.token_urlsafe(TOKEN_BYTES)
 
 
 def serve(folder, port):

@@ -114,6 +114,7 @@ class UpAndDown(GridCase):
         self.assertIsNone(self.state()["server"])
 
     def test_a_cluster_of_ejabberd_nodes(self):
+        self.assertIn("QUILLON_GRID_SERVER", self.up(code=2, env={**os.environ, "QUILLON_GRID_SERVER": "apache"}))
         self.assertIn("only ejabberd", self.up("--nodes", "2", code=2))
         self.assertRegex(self.up("--server", "ejabberd", "--nodes", "2"), r"up at 127\.0\.0\.1:\d+ and 127\.0\.0\.1:\d+ in")
         before = self.state()
@@ -129,9 +130,10 @@ class UpAndDown(GridCase):
         self.assertRegex(self.run_grid("status", code=3), r"server: stopped\nserver2: running")
         self.run_grid("server-start")
         self.run_grid("status")
+        pids = [self.pid(name) for name in ("server", "server2", "mapper")]
         self.assertIn("another server", self.up("--server", "prosody", code=1))
         self.run_grid("down")
-        self.assertFalse(any(is_alive(self.state()[name] or 0) for name in ("server", "server2", "mapper")))
+        self.assertFalse(any(map(is_alive, pids)))
         self.up()  # as before, with the ports that it had
         self.assertEqual((before["port"], before["server2_port"]), (self.state()["port"], self.state()["server2_port"]))
 

@@ -31,7 +31,8 @@ class Browser(Page):
         return self.browser.find_element(By.XPATH, f"//tr[td[1][text()='{user}']]")
 
     def press(self, user, action):
-        self.row(user).find_element(By.XPATH, f".//button[text()='{action}']").click()
+        # The page may be loaded anew between the look and the click.
+        self.wait(lambda: self.row(user).find_element(By.XPATH, f".//button[text()='{action}']").click() is None)
 
     def test_an_account_is_approved_and_its_work_is_seen(self):
         self.browser.get(self.address)

@@ -3,6 +3,7 @@
 import http.client
 import pathlib
 import re
+import subprocess
 import unittest
 import urllib.parse
 
@@ -45,6 +46,10 @@ class Guard(Page):
         self.assertEqual(303, self.ask("POST", "/disable", body, Cookie=cookie, **form)[0])
         self.assertRegex(self.grid("accounts"), r"eve +disabled")
         self.assertEqual(409, self.ask("POST", "/disable", urllib.parse.urlencode({"form": token, "user": "nobody"}), Cookie=cookie, **form)[0])
+        # A file that a full disk has left empty must not let in whoever knows nothing.
+        pathlib.Path(self.folder, "web.token").write_text("", encoding="ascii")
+        with self.assertRaises(subprocess.CalledProcessError):
+            self.grid("web")
         self.assertNotIn(place.query, pathlib.Path(self.folder, "web.log").read_text(encoding="utf-8"))
         self.assertEqual(0o600, pathlib.Path(self.folder, "web.token").stat().st_mode & 0o777)
 

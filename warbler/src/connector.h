@@ -45,8 +45,8 @@ class Connector final : public Buriable {
     socklen_t size;
   };
   struct Attempt {
-    int fd;
-    size_t host;
+    int fd = -1;
+    size_t host = 0;
     std::string text;
     std::shared_ptr<LoopEvent> ready;
   };
