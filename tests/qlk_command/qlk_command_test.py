@@ -40,9 +40,10 @@ class Help(Case):
         self.assertEqual({"--json"}, offered("bulk", "--j"))
 
     def test_wrong_usage(self):
-        for arguments, text in (((), "which command"), (("conect",), "no command 'conect'"), (("connect", "--nothing"), "--nothing"),
+        for arguments, text in (((), "which command"), (("conect",), "no command 'conect'; is it 'connect'?"), (("connect", "--nothing"), "--nothing"),
                                 (("status",), "NAME is required"), (("connect", "--timeout", "0"), "--timeout"),
-                                (("bulk", "--json", "--count", "--request", "x"), "excludes")):
+                                (("bulk", "--json", "--count", "--request", "x"), "excludes"), (("query", "X", "--repeat", "x"), "'x' is no value"),
+                                (("--timeout", "5", "connect"), "stand after the command: qlk COMMAND --timeout")):
             with self.subTest(arguments):
                 self.assertIn(text, self.qlk(None, *arguments, code=1)[1])
         self.assertRegex(self.qlk(None, "--version")[0], r"^qlk \d+\.\d+\.\d+$")
@@ -149,6 +150,7 @@ class Connect(Case):
         self.assertIn(f"cannot connect to {nobody}: Connection refused", self.qlk(profile, "connect", "--host", nobody, code=2)[1])
         self.assertIn("cannot resolve", self.qlk(profile, "connect", "--host", "nothing.invalid", code=2)[1])
         self.assertIn("is no host", self.qlk(profile, "connect", "--host", "127.0.0.1:99999", code=1)[1])
+        self.assertIn("does not belong to the cert", self.qlk(profile, "connect", "--key", self.grid.enroll("other")[1], code=1)[1])
         other = profile.parent / "certificate.pem"
         self.assertIn("certificate is refused", self.qlk(profile, "connect", "--ca", other, code=2)[1])
         self.assertIn("qlk doctor", self.qlk(profile, "connect", "--user", "eve", code=2)[1])
@@ -170,7 +172,7 @@ class Connect(Case):
         staying.until(staying.out, "joined the grid")
         self.grid.run("disable", "sam")
         self.assertEqual(2, staying.wait())
-        self.assertIn("the account was disabled", "".join(staying.err))
+        self.assertRegex("".join(staying.err), r"the account was disabled or denied\n +An administrator")
 
     def test_colours_only_where_they_are_wanted(self):
         profile = self.grid.member("ann")
@@ -242,7 +244,7 @@ class Notifications(Case):
         self.assertIn("published 2 notifications", self.qlk(bob, "publish", "Weather", "<a xmlns='urn:x'>1</a>", "<b/>")[1])
         self.qlk(bob, "publish", "Weather", "--file", self.file("one.xml", "<?xml version='1.0'?>\n<c>\nlong</c>\n"))
         self.qlk(bob, "publish", "Weather", "--file", "-", stdin="<d/>\n")
-        self.qlk(bob, "publish", "Weather", stdin="<e/>\n\n<f/>")
+        self.assertRegex(self.qlk(bob, "publish", "Weather", stdin="<e/>\n\n<f/>\n<", code=1)[1], "published 2 (.|\\n)*line 4 of standard input")
         self.assertEqual(0, subscriber.wait())
         self.assertEqual(['<a xmlns="urn:x">1</a>\n', "<b/>\n", "<c>&#10;long</c>\n", "<d/>\n", "<e/>\n", "<f/>\n"], subscriber.out)
 
@@ -380,6 +382,8 @@ class Queries(Case):
 *slow) echo $$ >'{pid}.new'; mv '{pid}.new' '{pid}'; sleep 100 ;;
 esac\n""")
         server = self.serving(ann, "Weather", *(f"--element={{urn:x}}{name}" for name in ("fail", "junk", "slow")), "--limit", "1", "--", "sh", script)
+        self.assertIn("no answer in 1 s from ann@", self.qlk(bob, "query", "Weather", "<fail/>", "--timeout", "1", code=4)[1])
+        server.until(server.err, "fail from bob@grid.quillon.internal/qlk: no answer, this is not served")
         for name, why in (("fail", "ended with code 3"), ("junk", "no XML element"), ("slow", "not done in time")):
             self.assertIn("Weather: ", self.qlk(bob, "query", "Weather", f"<{name} xmlns='urn:x'/>", "--timeout", "1", code=4)[1])
             server.until(server.err, f"{name} from bob@grid.quillon.internal: no answer, .*{why}")
@@ -410,6 +414,7 @@ esac\n""")
     def test_usage(self):
         ann = self.grid.member("ann")
         self.assertIn("what answers?", self.qlk(ann, "serve", "Weather", "--element", "x", code=1)[1])
+        self.assertIn("stands after --", self.qlk(ann, "serve", "Weather", "--element", "x", "--", "no-such-command", code=1)[1])
         self.assertIn("no XML element", self.qlk(ann, "serve", "Weather", "--file", self.file("junk", "hello"), code=1)[1])
         self.assertIn("no XML element", self.qlk(ann, "query", "Weather", "hello", code=1)[1])
 
@@ -513,6 +518,8 @@ class Doctor(Case):
         expired = self.grid.enroll("old", "--days", "-1")[2]
         self.assertEqual({"validity"}, set(self.found(expired)) & {"validity", "user", "chain", "key"})
         self.assertIn("missing: ", self.found(self.file("empty.toml", "user = \"ann\"\n"))["profile"])
+        ann.write_text(re.sub("certificate = .*\n", "", ann.read_text(encoding="utf-8")), encoding="utf-8")
+        self.assertEqual({"profile"}, set(self.found(ann)))  # the rest follows from that
 
     def test_what_is_revoked(self):
         ann, place = self.grid.member("ann"), self.place
@@ -561,6 +568,13 @@ class Doctor(Case):
         with socket.create_server(("127.0.0.1", 0)) as silent:
             host = f"127.0.0.1:{silent.getsockname()[1]}"
             self.assertIn("no answer in 1 s", self.found(ann, "--timeout", "1", "--host", host)["TLS"])
+            looking = self.start(ann, "doctor", "--host", host)
+            looking.until(looking.out, f"host .*{host}")
+            peers = [silent.accept()[0] for _ in range(2)]  # of the one before, and of this one
+            peers[1].sendall(b"<stream:stream><stream:error><host-unknown/></stream:error>")
+            self.assertEqual(8, looking.wait())
+            self.assertIn("no server of the domain grid.quillon.internal", "".join(looking.out))
+            list(map(socket.socket.close, peers))
             looking = self.start(ann, "doctor", "--host", host)
             looking.until(looking.out, f"host .*{host}")
             self.assertEqual(130, looking.end())

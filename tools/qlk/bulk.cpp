@@ -106,7 +106,7 @@ ExitCode run(const Context &context, const Options &options, Stop &stop) {
     transfer(options, items, progress, stop);
   } catch (...) {
     progress.end();
-    if (shows) note(progress.summary());
+    if (shows) note(progress.summary() + (stop.requested() ? ", then interrupted" : ""));
     throw;
   }
   progress.end();

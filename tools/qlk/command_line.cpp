@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <numeric>
+#include <utility>
 
 #include "failure.h"
 #include "terminal.h"
@@ -101,17 +103,61 @@ std::string lower_first(std::string text) {
   return text;
 }
 
+// How many letters have to be changed, added or left out.
+size_t distance(const std::string &one, const std::string &other) {
+  std::vector<size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (size_t i = 1; i <= one.size(); ++i) {
+    size_t diagonal = std::exchange(row[0], i);
+    for (size_t j = 1; j <= other.size(); ++j) {
+      const size_t replaced = diagonal + (one[i - 1] == other[j - 1] ? 0 : 1);
+      diagonal = std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1, replaced}));
+    }
+  }
+  return row.back();
+}
+
+// The command that may have been meant; empty when none is near.
+std::string meant_by(const CLI::App &app, const std::string &word) {
+  std::string nearest;
+  size_t least = 3;
+  for (const CLI::App *command : app.get_subcommands({})) {
+    const size_t far = distance(word, command->get_name());
+    if (far < least && far < word.size()) {
+      least = far;
+      nearest = command->get_name();
+    }
+  }
+  return nearest;
+}
+
+// What the parser says, in words of ours where its own are those of a programmer.
+std::string text_of(const CLI::ParseError &error) {
+  constexpr std::string_view kConversion = "Could not convert: ";
+  const std::string text = error.what();
+  const size_t equals = text.find(" = ");
+  if (!text.starts_with(kConversion) || equals == std::string::npos) return lower_first(text);
+  return "'" + text.substr(equals + 3) + "' is no value for " + text.substr(kConversion.size(), equals - kConversion.size());
+}
+
 int report_usage(const CLI::App &app, const CLI::ParseError &error, const char *first) {
   if (error.get_exit_code() == 0) {
     std::fputs(app.help().c_str(), stdout);
     return 0;
   }
   const auto chosen = app.get_subcommands();
-  const bool is_unknown = chosen.empty() && first != nullptr && *first != '-';
-  const std::string what = first == nullptr ? "which command?"
-                           : is_unknown     ? std::string("there is no command '") + first + "'"
-                                            : lower_first(error.what());
-  complain(what, "See: qlk " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help");
+  const std::string word = first != nullptr ? first : "";
+  const std::string see = "See: qlk " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help";
+  if (word.empty()) {
+    complain("which command?", see);
+  } else if (word.front() == '-' && word != "--help") {
+    complain(text_of(error), "Options stand after the command: qlk COMMAND " + word);
+  } else if (chosen.empty()) {
+    const std::string meant = meant_by(app, word);
+    complain("there is no command '" + word + "'" + (meant.empty() ? "" : "; is it '" + meant + "'?"), see);
+  } else {
+    complain(text_of(error), see);
+  }
   return static_cast<int>(ExitCode::usage);
 }
 
@@ -135,7 +181,7 @@ void Command::option(const char *names, const char *type, std::string &value, co
 }
 
 void Command::repeated(const char *names, const char *type, std::vector<std::string> &values, const char *text) {
-  add(app_->add_option(names, values, text)->expected(1)->take_all(), type);
+  add(app_->add_option(names, values, text)->expected(1)->take_all()->allow_extra_args(false), type);
 }
 
 void Command::number(const char *names, const char *type, uint64_t &value, const char *text) {

@@ -51,7 +51,7 @@ void stay(Session &session, const Stop &stop) {
     pollfd waited[] = {{stop.descriptor(), POLLIN, 0}, {session.lost_descriptor(), POLLIN, 0}};
     poll(waited, 2, -1);
     stop.check();
-    if (session.is_lost()) session.join_again({}, nullptr);
+    if (session.is_lost()) throw session.loss("");
   }
 }
 

@@ -27,7 +27,7 @@ ExitCode run(const Context &context, const Options &options, Define define, cons
                         queries.data(), static_cast<int>(queries.size()), actions.data(), static_cast<int>(actions.size()),
                         options.description.c_str(), options.platform.c_str()),
                  verb + " " + capability.name());
-  note(capability.name() + " " + options.version + " is registered");
+  note(capability.name() + (verb == "modify" ? " is now " : " is registered as ") + options.version);
   return ExitCode::done;
 }
 

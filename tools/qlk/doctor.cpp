@@ -20,7 +20,7 @@ namespace {
 constexpr int kSoonDays = 30;
 constexpr size_t kTextColumn = 21;
 
-enum class Mark { ok, warning, fault };
+enum class Mark { ok, warning, fault, skipped };
 
 // Prints what was found, and counts the faults.
 class Report {
@@ -33,13 +33,20 @@ class Report {
     ++faults_;
     print(Mark::fault, title, text, mend);
   }
+  // What cannot be judged because of a fault that was found before, and is no fault of its own.
+  void skip(const std::string &title, const std::string &text) { print(Mark::skipped, title, "not looked at: " + text, ""); }
   unsigned faults() const { return faults_; }
 
  private:
   static void print(Mark mark, std::string title, const std::string &text, const std::string &mend) {
     title.resize(kTextColumn - 7, ' ');
-    const char *word = mark == Mark::ok ? "ok     " : mark == Mark::warning ? "note   " : "FAULT  ";
-    const Style style = mark == Mark::ok ? Style::good : mark == Mark::warning ? Style::warning : Style::bad;
+    struct Shown {
+      const char *word;
+      Style style;
+    };
+    static constexpr Shown kShown[] = {
+        {"ok     ", Style::good}, {"note   ", Style::warning}, {"FAULT  ", Style::bad}, {"-      ", Style::faint}};
+    const auto &[word, style] = kShown[static_cast<size_t>(mark)];
     print_line(paint(stdout, style, word) + paint(stdout, Style::strong, title) + folded(text));
     if (!mend.empty()) print_line(std::string(kTextColumn, ' ') + folded("Mend: " + mend));
     flush_output();
@@ -76,8 +83,9 @@ class Doctor {
     const Profile &values = settings_.values;
     if (!values.certificate.empty()) look_at_certificate();
     if (!values.key.empty()) look_at_key();
-    if (!values.ca.empty()) look_at_authorities();
     if (!values.crl.empty()) look_at_revocations();
+    has_own_faults_ = report_.faults() > 0;
+    if (!values.ca.empty()) look_at_authorities();
     for (const std::string &host : values.hosts) look_at_host(host);
     const unsigned faults = report_.faults();
     if (faults == 0) {
@@ -175,6 +183,7 @@ class Doctor {
       return report_.fault("key", "it does not belong to the certificate",
                            "take the key that the certificate was made for; " + enroll());
     }
+    if (certificates_.empty()) return report_.skip("key", "there is no certificate that it could belong to");
     report_.ok("key",
                is_encrypted ? "opened by its pass phrase; it belongs to the certificate" : "it belongs to the certificate");
   }
@@ -184,6 +193,7 @@ class Doctor {
     std::string why;
     if (!is_readable(path, why)) return report_.fault("authorities", path + " cannot be read: " + why, "name the right file: ca");
     const std::vector<Certificate> authorities = load_certificates(path);
+    has_authorities_ = !authorities.empty();
     if (authorities.empty()) {
       return report_.fault("authorities", "there is no certificate in " + path, "it must be a PEM file of CA certificates");
     }
@@ -225,7 +235,14 @@ class Doctor {
       return report_.fault("host", (probe.complaint.starts_with(host) ? "" : host + ": ") + probe.complaint,
                            "is the grid up, and is this its address? A local grid tells: quillon-grid status");
     }
-    if (probe.tls.empty()) return report_.fault("  TLS", probe.complaint, "the port must be the one for XMPP clients");
+    if (probe.tls.empty()) {
+      return report_.fault(
+          "  TLS", probe.complaint,
+          probe.is_of_another_domain
+              ? "a local grid is of this domain after, in a new folder: quillon-grid up --domain " QLK_GRID_DOMAIN
+                "; for a grid of another one, libqlk and qlk are built with its name (QLK_GRID_DOMAIN)"
+              : "the port must be the one for XMPP clients");
+    }
     report_.ok("  TLS", probe.tls);
     if (probe.peer != nullptr) look_at_server(probe);
   }
@@ -233,6 +250,7 @@ class Doctor {
   void look_at_server(const Probe &probe) {
     const X509 *peer = probe.peer.get();
     const std::string name = name_of(X509_get_subject_name(peer));
+    if (!has_authorities_) return report_.skip("  server", "without authorities nobody vouches for it");
     const std::string mend = "the server's administrator renews it; on a local grid: quillon-grid server-certificate";
     if (is_expired(peer) || is_not_valid_yet(peer)) return look_at_validity("  server", peer, mend);
     if (probe.verification == X509_V_ERR_CERT_REVOKED)
@@ -252,6 +270,7 @@ class Doctor {
     }
     report_.ok("  server", name + ", until " + last_day(peer));
     if (probe.accepts_user) return report_.ok("  accepts you", "by your certificate (SASL EXTERNAL)");
+    if (has_own_faults_) return report_.skip("  accepts you", "mend what is yours first");
     report_.fault("  accepts you", probe.complaint,
                   "the certificate must be the user's, and its authority one that the server trusts; " + enroll());
   }
@@ -261,6 +280,7 @@ class Doctor {
   Report report_;
   Settings settings_;
   std::vector<Certificate> certificates_;
+  bool has_own_faults_ = false, has_authorities_ = false;
 };
 
 }  // namespace

@@ -49,6 +49,16 @@ void expect_readable(const std::string &what, const std::string &path) {
   if (!file) throw Failure(ExitCode::usage, "the " + what + " " + path + " cannot be read: " + std::strerror(errno));
 }
 
+// The library would log a key that is not the certificate's and go on without showing either; the server's answer to that tells
+// nobody what is wrong.
+void expect_matching(const Profile &values, const Secret &passphrase) {
+  const std::vector<Certificate> chain = load_certificates(values.certificate);
+  const Key key = load_key(values.key, passphrase);
+  if (chain.empty() || key == nullptr || X509_check_private_key(chain.front().get(), key.get()) == 1) return;
+  throw Failure(ExitCode::usage, "the key " + values.key + " does not belong to the certificate " + values.certificate,
+                "'qlk doctor' says what is wrong and how to mend it.");
+}
+
 void expect_complete(const Settings &settings, Needs needs) {
   const std::string missing = missing_settings(settings.values, needs);
   if (missing.empty()) return;
@@ -64,7 +74,7 @@ void expect_complete(const Settings &settings, Needs needs) {
 void add_connection_options(Command &command, ConnectionOptions &options) {
   command.option(
       "--profile", "FILE", options.profile,
-      "The file with the settings (default: $QLK_PROFILE, else ~/.config/qlk/profile.toml); the options below go before it");
+      "The file with the settings (default: $QLK_PROFILE, else ~/.config/qlk/profile.toml); the options below override it");
   command.repeated("--host", "HOST[:PORT]", options.hosts, "Where the grid's server is; several are tried in turn");
   command.flag("--race-hosts", options.races_hosts, "Dial all hosts in a race, and take the first that answers");
   command.option("--user", "NAME", options.user, "The user's name in the grid");
@@ -94,7 +104,8 @@ Settings merge_settings(const ConnectionOptions &options) {
   settings.tls_key_log = options.tls_key_log;
   settings.traces = options.traces;
   const std::string path = options.profile.empty() ? default_profile_path() : options.profile;
-  const bool is_named = !options.profile.empty() || std::getenv("QLK_PROFILE") != nullptr;
+  const char *variable = std::getenv("QLK_PROFILE");
+  const bool is_named = !options.profile.empty() || (variable != nullptr && *variable != '\0');
   if (!path.empty() && (is_named || access(path.c_str(), F_OK) == 0)) {
     settings.values = read_profile(path);
     settings.profile_path = path;
@@ -153,15 +164,17 @@ Settings complete_settings(const ConnectionOptions &options, const Stop &stop, N
   expect_readable("key", values.key);
   expect_readable("CA file", values.ca);
   if (!values.crl.empty()) expect_readable("file of revocations", values.crl);
-  if (!is_encrypted_key(values.key)) return settings;
-  for (int tries = 1;; ++tries) {
+  const bool is_encrypted = is_encrypted_key(values.key);
+  for (int tries = 1; is_encrypted; ++tries) {
     const bool was_asked = obtain_passphrase(options, stop, settings);
-    if (load_key(values.key, settings.passphrase) != nullptr) return settings;
+    if (load_key(values.key, settings.passphrase) != nullptr) break;
     if (!was_asked || tries == kPromptTries) {
       throw Failure(ExitCode::usage, "the pass phrase does not open the key " + values.key);
     }
     note("this does not open the key; once more");
   }
+  expect_matching(values, settings.passphrase);
+  return settings;
 }
 
 void add_reconnection_options(Command &command, Reconnecting &options) {

@@ -165,9 +165,8 @@ class Prober {
     while (reply.find(end) == std::string::npos) {
       if (reply.size() > kReplyBytesMax) throw Complaint{"it is no XMPP server: it answers with something else"};
       if (reply.size() >= 1 && reply.front() != '<') throw Complaint{"it is no XMPP server: it answers with something else"};
-      if (reply.find("<stream:error") != std::string::npos || reply.find("</stream:stream>") != std::string::npos) {
-        throw Complaint{"it refuses the stream: " + printable(reply.substr(0, 200))};
-      }
+      if (reply.find("</stream:error>") != std::string::npos || reply.find("</stream:stream>") != std::string::npos)
+        refuse(reply);
       char piece[4096];
       const ssize_t got =
           tls_ != nullptr ? SSL_read(tls_.get(), piece, sizeof piece) : recv(socket_.get(), piece, sizeof piece, 0);
@@ -179,6 +178,16 @@ class Prober {
       }
     }
     return reply;
+  }
+
+  [[noreturn]] void refuse(const std::string &reply) {
+    probe_.is_of_another_domain = reply.find("<host-unknown") != std::string::npos;
+    if (probe_.is_of_another_domain) throw Complaint{"it is no server of the domain " QLK_GRID_DOMAIN " (host-unknown)"};
+    const size_t error = reply.find("<stream:error");
+    const size_t condition = error == std::string::npos ? error : reply.find('<', error + 1);
+    if (condition == std::string::npos) throw Complaint{"it ends the stream"};
+    const size_t end = reply.find_first_of(" />", condition + 1);
+    throw Complaint{"it refuses the stream: " + printable(reply.substr(condition + 1, end - condition - 1))};
   }
 
   // After a call on the socket, or on TLS, that did not succeed.

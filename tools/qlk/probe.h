@@ -13,11 +13,12 @@
 namespace tool {
 
 struct Probe {
-  std::string address;      // that answered; empty: none
-  std::string tls;          // version and cipher; empty: there was no handshake
-  Certificate peer;         // the server's
-  long verification = 0;    // what the check of its chain said: X509_V_OK, or a fault
-  bool bears_name = false;  // it is made out for the grid's domain or for the host
+  std::string address;                // that answered; empty: none
+  std::string tls;                    // version and cipher; empty: there was no handshake
+  Certificate peer;                   // the server's
+  long verification = 0;              // what the check of its chain said: X509_V_OK, or a fault
+  bool bears_name = false;            // it is made out for the grid's domain or for the host
+  bool is_of_another_domain = false;  // it does not serve the one that this program was built for
   bool accepts_user = false;
   std::string complaint;  // why it went no further; empty when it went all the way
 };

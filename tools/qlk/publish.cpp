@@ -121,7 +121,11 @@ ExitCode publish_lines(const Options &options, const Settings &settings, Stop &s
   while (const std::optional<std::string> line = reader.next()) {
     ++number;
     if (is_blank(*line)) continue;
-    Element payload = parse_payload(*line, "line " + std::to_string(number) + " of standard input");
+    Element payload = parse_or_null(*line);
+    if (payload == nullptr) {
+      if (publisher.has_value()) publisher->finish();  // tells how many were sent before it
+      payload = parse_payload(*line, "line " + std::to_string(number) + " of standard input");
+    }
     if (!publisher.has_value()) {
       publisher.emplace(options, settings, stop, payload.get());
       publisher->begin();

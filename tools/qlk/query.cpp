@@ -8,6 +8,7 @@
 #include "payloads.h"
 #include "session.h"
 #include "terminal.h"
+#include "text.h"
 
 namespace tool {
 
@@ -85,6 +86,7 @@ class Asker {
   Asker(const Options &options, const Settings &settings, Stop &stop)
       : options_(options),
         stop_(stop),
+        seconds_(settings.values.timeout_seconds),
         payload_(read_payload(options, stop)),
         capability_(options.capability.name, namespace_of(options.capability, settings, payload_.get()),
                     options.capability.is_dynamic),
@@ -188,12 +190,28 @@ class Asker {
     explain(status, failure);
   }
 
+  // Who was asked, and for how long.
+  Failure silence() const {
+    const std::unique_ptr<quillon_array, Ended<quillon_array_destroy>> publishers(
+        quillon_capability_copy_jids(capability_.get()));
+    std::vector<std::string> asked;
+    for (int32_t i = 0; i < quillon_array_size(publishers.get()); ++i) {
+      const char *jid = quillon_string_cstr(static_cast<const quillon_string *>(quillon_array_get(publishers.get(), i)));
+      asked.push_back(printable(jid != nullptr ? jid : ""));
+    }
+    const std::string time =
+        options_.deadline_ms > 0 ? std::to_string(options_.deadline_ms) + " ms" : std::to_string(seconds_) + " s";
+    return {ExitCode::timed_out, "cannot query " + capability_.name() + ": no answer in " + time + " from " + joined(asked),
+            "A publisher answers only elements that it serves; their namespace counts."};
+  }
+
   // One that fails does not end the others, unless it shows that they would fail too.
   void explain(QUILLON_STATUS status, std::optional<Failure> &failure) {
     try {
       if (status == QUILLON_STATUS_CAPABILITY_NOT_FOUND) {
         throw Failure(ExitCode::not_found, "nobody publishes " + capability_.name() + " now");
       }
+      if (status == QUILLON_STATUS_SEND_TIMEOUT && !session_.is_lost()) throw silence();
       session_.expect(status, "query " + capability_.name());
     } catch (const Failure &thrown) {
       const bool goes_on = status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR;
@@ -204,6 +222,7 @@ class Asker {
 
   const Options &options_;
   Stop &stop_;
+  const int seconds_;
   const Element payload_;
   Timing timing_;
   const Capability capability_;

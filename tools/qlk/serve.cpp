@@ -1,6 +1,12 @@
 #include "serve.h"
 
 #include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <mutex>
+#include <sstream>
 
 #include "lookup.h"
 #include "payloads.h"
@@ -16,6 +22,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kSenderBytes = 2048;
+constexpr char kCommandHint[] = "A command stands after --, with options of its own: qlk serve NAME -- COMMAND";
 
 struct Options {
   CapabilityOptions capability;
@@ -40,18 +47,20 @@ class Server {
         stop_(stop),
         ns_(namespace_of(options.capability, settings)),
         capability_(options.capability.name, ns_, options.capability.is_dynamic),
-        session_(settings, stop) {}
+        session_(settings, stop) {
+    session_.set_stanza_watcher([this](const wb_dom_node *stanza) { hear(stanza); });
+  }
 
   [[noreturn]] void run() {
     session_.join();
     const std::vector<std::string> elements = elements_to_serve();
     for (const std::string &element : elements) serve(element);
-    announce(elements);
+    announce();
     for (;;) {
       pollfd waited[] = {{stop_.descriptor(), POLLIN, 0}, {session_.lost_descriptor(), POLLIN, 0}};
       poll(waited, 2, -1);
       stop_.check();
-      if (session_.is_lost()) session_.join_again(options_.reconnecting, [&] { announce(elements); });
+      if (session_.is_lost()) session_.join_again(options_.reconnecting, [&] { announce(); });
     }
   }
 
@@ -77,11 +86,25 @@ class Server {
     const QUILLON_STATUS status =
         quillon_connection_register_query_handler(session_.connection(), ns.c_str(), local.c_str(), on_query, this);
     if (status != QUILLON_STATUS_OK) throw Failure(ExitCode::usage, "'" + element + "' is no name of an element");
+    const std::lock_guard lock(mutex_);
+    served_.push_back(expanded_name(ns, local));
   }
 
-  void announce(const std::vector<std::string> &elements) {
+  void announce() {
     capability_.publish(session_);
-    note("serving " + capability_.name() + ": " + joined(elements) + "; Ctrl-C ends");
+    note("serving " + capability_.name() + ": " + joined(served_) + "; Ctrl-C ends");
+  }
+
+  // On the event loop. A question that no handler takes is left unanswered by the library, without a word.
+  void hear(const wb_dom_node *stanza) {
+    const wb_dom_node *grid = wb_dom_get_first_element(stanza, "{quillon}grid");
+    if (grid == nullptr || attribute(grid, "type") != "request") return;
+    const wb_dom_node *payload = wb_dom_get_first_child(grid);
+    const char *name = payload != nullptr ? wb_dom_get_ename(payload) : nullptr;
+    if (name == nullptr) return;
+    const std::lock_guard lock(mutex_);
+    if (std::find(served_.begin(), served_.end(), name) != served_.end()) return;
+    note(printable(name) + " from " + printable(attribute(stanza, "from")) + ": no answer, this is not served");
   }
 
   // On the library's thread for queries, one at a time.
@@ -129,14 +152,30 @@ class Server {
   const Options &options_;
   Stop &stop_;
   const std::string ns_;
+  std::mutex mutex_;
+  std::vector<std::string> served_;  // as {namespace}name
   const Capability capability_;
   Session session_;
 };
 
+// Before anybody is told that it answers.
+void expect_command(const std::string &name) {
+  const auto can_run = [](const std::string &path) { return access(path.c_str(), X_OK) == 0; };
+  bool is_there = name.find('/') != std::string::npos && can_run(name);
+  const char *path = std::getenv("PATH");
+  std::istringstream folders(path != nullptr ? path : "/bin:/usr/bin");
+  for (std::string folder; name.find('/') == std::string::npos && !is_there && std::getline(folders, folder, ':');) {
+    is_there = can_run((folder.empty() ? "." : folder) + "/" + name);
+  }
+  if (is_there) return;
+  throw Failure(ExitCode::usage, "there is no command '" + name + "' that can be run", kCommandHint);
+}
+
 [[noreturn]] void run(const Context &context, const Options &options, Stop &stop) {
   if (options.command.empty() == options.file.empty()) {
-    throw Failure(ExitCode::usage, "what answers? Either a command, or --file FILE", "See: qlk serve --help");
+    throw Failure(ExitCode::usage, "what answers? Either a command, or --file FILE", kCommandHint);
   }
+  if (!options.command.empty()) expect_command(options.command.front());
   if (!options.file.empty()) parse_payload(read_file(options.file, stop), origin_of(options.file));
   const Settings settings = complete_settings(context.connection, stop);
   Server(options, settings, stop).run();
@@ -148,8 +187,10 @@ void add_serve_command(CommandLine &line, Context &context) {
   const auto options = std::make_shared<Options>();
   Command command =
       add_command(line, context, "serve", "Publishes a capability and answers its queries, by running a command or from a file",
-                  "  qlk serve Weather --element day -- ./forecast.sh --short\n"
-                  "  qlk serve Weather --element day --file sunny.xml\n"
+                  "  qlk serve Weather -n urn:example --element day -- ./forecast.sh --short\n"
+                  "  qlk serve Weather -n urn:example --element day --file sunny.xml\n"
+                  "\n"
+                  "They answer: qlk query Weather '<day xmlns=\"urn:example\">Monday</day>'\n"
                   "\n"
                   "The command gets the question as XML on its standard input and prints the\n"
                   "answer. $QLK_CAPABILITY, $QLK_ELEMENT and $QLK_SENDER tell it more. Without an\n"

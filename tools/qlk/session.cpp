@@ -16,6 +16,7 @@ namespace tool {
 namespace {
 
 constexpr std::chrono::seconds kFirstPause{1}, kLongestPause{30};
+constexpr char kAdministratorDecides[] = "An administrator of the grid decides that.";
 constexpr char kSaslSuccess[] = "{urn:ietf:params:xml:ns:xmpp-sasl}success";
 constexpr char kBind[] = "{urn:ietf:params:xml:ns:xmpp-bind}bind";
 constexpr char kBoundJid[] = "{urn:ietf:params:xml:ns:xmpp-bind}jid";
@@ -46,7 +47,7 @@ const char *hint_for(const std::string &reason) {
 const char *account_text(QUILLON_STATUS status) {
   switch (status) {
     case QUILLON_STATUS_ACCOUNT_DISABLED:
-      return "disabled";
+      return "disabled or denied";  // the grid tells both in the same way
     case QUILLON_STATUS_ACCOUNT_DELETED:
       return "deleted";
     case QUILLON_STATUS_ACCOUNT_AUTHORIZATION_CHANGED:
@@ -185,13 +186,22 @@ void Session::join() {
   report_locked(Step::account, "approved");
 }
 
-void Session::join_again(const Reconnecting &reconnecting, const std::function<void()> &begin) {
+bool Session::has_conflict() const { return lost_reason().find("conflict") != std::string::npos; }
+
+Failure Session::loss(const std::string &advice) const {
   const std::string text = "the session is lost: " + lost_reason();
-  if (lost_reason().find("conflict") != std::string::npos) {  // to join again would throw the other one out in turn
-    throw Failure(ExitCode::no_connection, text, "A user has one session: another program has joined as " + user_ + ".");
+  if (has_conflict()) {
+    return {ExitCode::no_connection, text, "A user has one session: another program has joined as " + user_ + "."};
   }
-  if (!reconnecting.is_wanted) throw Failure(ExitCode::no_connection, text, "With --reconnect it is opened again.");
-  note(text);
+  const std::lock_guard lock(mutex_);
+  const bool is_out = account_ == QUILLON_STATUS_ACCOUNT_DISABLED || account_ == QUILLON_STATUS_ACCOUNT_DELETED;
+  return {ExitCode::no_connection, text, is_out ? kAdministratorDecides : advice};
+}
+
+void Session::join_again(const Reconnecting &reconnecting, const std::function<void()> &begin) {
+  const Failure failure = loss("With --reconnect it is opened again.");
+  if (has_conflict() || !reconnecting.is_wanted) throw failure;  // after a conflict it would throw the other one out in turn
+  note(failure.what());
   const bool is_random = reconnecting.longest_pause_seconds > 0;
   const std::chrono::seconds longest = is_random ? std::chrono::seconds(reconnecting.longest_pause_seconds) : kLongestPause;
   for (auto time = kFirstPause;; time = std::min(time * 2, longest)) {
@@ -201,8 +211,8 @@ void Session::join_again(const Reconnecting &reconnecting, const std::function<v
     try {
       join();
       return begin();
-    } catch (const Failure &failure) {
-      note(failure.what());
+    } catch (const Failure &lost) {
+      note(lost.what());
     }
   }
 }
@@ -315,7 +325,7 @@ Failure Session::explain(QUILLON_STATUS status) const {
             "An administrator of the grid decides that; on a local grid: quillon-grid approve " + user_};
   }
   if (status == QUILLON_STATUS_CONNECTION_ERROR && has_session_ && account_.has_value()) {
-    return {ExitCode::refused, who + "is " + account_text(*account_), "An administrator of the grid decides that."};
+    return {ExitCode::refused, who + "is " + account_text(*account_), kAdministratorDecides};
   }
   if (status == QUILLON_STATUS_SEND_TIMEOUT) {
     return {ExitCode::timed_out, "the server " + host_ + " let us in, but the grid's controller does not answer",

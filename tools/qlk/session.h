@@ -40,6 +40,8 @@ class Session {
   // After the session was lost: joins again until that succeeds, and begins again what the session is for. Throws Failure at once
   // when it is not to reconnect, and when another session of the user has taken the place of this one.
   void join_again(const Reconnecting &reconnecting, const std::function<void()> &begin);
+  // That the session is lost, for a command that ends then; advice is the hint where nothing better is known.
+  Failure loss(const std::string &advice) const;
 
   quillon_connection *connection() const { return connection_.get(); }
   const std::string &user() const { return user_; }
@@ -73,6 +75,7 @@ class Session {
   void hear_tls(const SSL *ssl);
   void report_locked(Step step, const std::string &text) const;
   Failure explain(QUILLON_STATUS status) const;
+  bool has_conflict() const;
 
   Stop &stop_;
   const Report report_;

@@ -25,7 +25,7 @@ Element parse_payload(std::string_view xml, const std::string &origin) {
   Element element = parse(xml, err);
   if (element != nullptr) return element;
   throw Failure(ExitCode::usage, origin + " is no XML element: " + (err.message != nullptr ? err.message : "it cannot be read"),
-                "A payload is one element, such as: <reading xmlns=\"urn:example\">21</reading>");
+                "A payload is one element, such as <reading>21</reading>.");
 }
 
 Element parse_or_null(std::string_view xml) {
