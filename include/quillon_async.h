@@ -94,7 +94,7 @@ QUILLON_API void quillon_pending_query_destroy(quillon_pending_query *pending);
 /* Leaves the grid by a deadline, in milliseconds from now. From the call on no query is sent any more: synchronous ones, and what
  * else asks the controller, return QUILLON_STATUS_NO_CONNECTION, as asynchronous ones do, until quillon_connection_connect is
  * called again. Those under way may end; then the requests that had arrived are answered; then the session is ended as
- * quillon_connection_disconnect does. Stop a quillon_reconnection first, or it connects again.
+ * quillon_connection_disconnect does. Stop a quillon_reconnection first, or it connects again when this is over.
  *   At the deadline what is left is cut short: asynchronous calls end with QUILLON_STATUS_SEND_TIMEOUT and their callbacks run,
  * synchronous ones return with the end of the session, and stanzas that wait for a handler are dropped (where a handler drains,
  * those that wait for it at once). After the return no callback of the connection runs, until it connects again.

@@ -46,6 +46,7 @@ struct ConnectionPrivate {
   bool cancelled = false;            // a disconnect came meanwhile
   bool calls_for_restraint = false;  // the server ended the last session for a reason that coming back at once would repeat
   size_t hosts = 1;                  // whose turns make up a round
+  int leaving = 0;                   // drains under way, and renewals
   std::chrono::steady_clock::time_point lost_at = {};  // when the connection ceased to be part of the grid
   bool pending = false;                                // it waits for the account to be enabled
   // What the XMPP table points to: copies, changed only while no session is open.
@@ -53,6 +54,7 @@ struct ConnectionPrivate {
   std::string sasl_response;
   std::string host;
   std::string other_hosts;  // to be raced with it
+  bool races_addresses = false;
   quillon_stanza_trace_cb stanza_trace = nullptr;
   void *stanza_trace_user_data = nullptr;
 };

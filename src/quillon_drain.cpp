@@ -28,7 +28,28 @@ struct Drained {
   const qlk::DispatchThread::Excused answering, hearing;
 };
 
+// While there is one a reconnection does not connect: what the new session brought would be taken for what is left of the old.
+class Leaving {
+ public:
+  explicit Leaving(quillon_connection &connection) : hold_(connection), extra_(*connection.extra) {
+    const std::lock_guard lock(extra_.mutex);
+    ++extra_.leaving;
+  }
+  ~Leaving() {
+    const std::lock_guard lock(extra_.mutex);
+    --extra_.leaving;
+    extra_.changed.notify_all();
+  }
+  Leaving(const Leaving &) = delete;
+  Leaving &operator=(const Leaving &) = delete;
+
+ private:
+  const qlk::ConnectionHold hold_;
+  qlk::ConnectionPrivate &extra_;
+};
+
 QUILLON_STATUS drain(quillon_connection &connection, SteadyClock::time_point deadline) {
+  const Leaving leaving(connection);
   const Drained drained(connection);
   const std::atomic<bool> &is_destroyed = connection.extra->destroyed;
   drained.query->calls.close();
@@ -49,7 +70,7 @@ QUILLON_STATUS drain(quillon_connection &connection, SteadyClock::time_point dea
 }
 
 QUILLON_STATUS renew(quillon_connection &connection, uint32_t milliseconds) {
-  const qlk::ConnectionHold hold(connection);
+  const Leaving leaving(connection);
   const QUILLON_STATUS status = drain(connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds));
   if (status != QUILLON_STATUS_OK && status != QUILLON_STATUS_SEND_TIMEOUT) return status;
   return qlk::connect(connection, nullptr);

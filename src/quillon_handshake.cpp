@@ -143,20 +143,22 @@ QUILLON_STATUS read_target(quillon_connection &connection) {
   const char *user_name = quillon_string_cstr(config->user_name);
   const char *jid = quillon_string_cstr(config->jid);
   if (user_name == nullptr || jid == nullptr) return fail("cannot connect: no user name is set", QUILLON_STATUS_INVALID_ARGS);
+  const bool races = config->races_addresses;
   const quillon_string *host = nullptr;
   std::string others;
   {
     const std::lock_guard lock(rotation_mutex);
     if (config->hosts_index >= 0) {
       host = static_cast<const quillon_string *>(quillon_list_get_at(config->hosts, static_cast<size_t>(config->hosts_index)));
-      if (config->races_addresses) others = hosts_behind(*config, config->hosts_index);
+      if (races) others = hosts_behind(*config, config->hosts_index);
     }
   }
   if (quillon_string_cstr(host) == nullptr) return fail("cannot connect: no host is set", QUILLON_STATUS_INVALID_ARGS);
   const std::lock_guard lock(connection.extra->mutex);
   connection.extra->host = quillon_string_cstr(host);
   connection.extra->other_hosts = std::move(others);
-  connection.extra->hosts = config->races_addresses ? 1 : static_cast<size_t>(std::max(config->hosts_count, 1));
+  connection.extra->races_addresses = races;
+  connection.extra->hosts = races ? 1 : static_cast<size_t>(std::max(config->hosts_count, 1));
   connection.extra->sasl_response = sasl_response(config->sasl_response, user_name, jid);
   connection.extra->user_jid = jid;
   return QUILLON_STATUS_OK;
@@ -177,7 +179,7 @@ bool put_target(quillon_connection &connection, wb_err *err) {
          wb_htable_put(table, "quillon.user_name", connection.extra->sasl_response.data(), nullptr, err) &&
          wb_htable_put(table, "host", connection.extra->host.data(), nullptr, err) &&
          wb_htable_put(table, "other_hosts", connection.extra->other_hosts.data(), nullptr, err) &&
-         wb_htable_put(table, "race_milliseconds", connection.config->races_addresses ? race_text : no_race_text, nullptr, err);
+         wb_htable_put(table, "race_milliseconds", connection.extra->races_addresses ? race_text : no_race_text, nullptr, err);
 }
 
 void advance_rotation(quillon_config &config) {

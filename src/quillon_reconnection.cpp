@@ -111,7 +111,8 @@ class Keeper {
   using Milliseconds = std::chrono::milliseconds;
 
   void connect_if_down() {
-    if (quillon_connection_is_connected(&run_.connection)) return;
+    wait_until(std::nullopt, [this] { return run_.connection.extra->leaving == 0; });
+    if (!goes_on() || quillon_connection_is_connected(&run_.connection)) return;
     ++attempts_;
     status_ = qlk::guarded("quillon_connection_connect", [&] { return qlk::connect(run_.connection, &run_.keep_running); });
     if (!is_expected(status_)) wb_log(WB_LOG_ERROR, "_reconnection_thread error %s", quillon_status_get_message(status_));
@@ -159,12 +160,13 @@ class Keeper {
   // Perhaps it was the application that connected.
   void report_up() {
     status_ = QUILLON_STATUS_OK;
-    report(QUILLON_RECONNECTION_STATE_UP, Milliseconds(0));
+    if (goes_on()) report(QUILLON_RECONNECTION_STATE_UP, Milliseconds(0));
     attempts_ = 0;
   }
 
   // Once an outage.
   void report_down(Milliseconds next) {
+    if (status_ == QUILLON_STATUS_OK) status_ = QUILLON_STATUS_CONNECTION_ERROR;  // it was lost as soon as it was there
     if (told_ != QUILLON_RECONNECTION_STATE_DOWN && goes_on()) report(QUILLON_RECONNECTION_STATE_DOWN, next);
   }
 

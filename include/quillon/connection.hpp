@@ -465,6 +465,16 @@ class reconnection {
     });
   }
 
+  reconnection(reconnection &&) noexcept = default;
+  reconnection &operator=(reconnection &&other) noexcept {
+    handle_ = std::move(other.handle_);  // first, since the thread that this ends calls the handlers
+    handlers_ = std::move(other.handlers_);
+    return *this;
+  }
+  reconnection(const reconnection &) = delete;
+  reconnection &operator=(const reconnection &) = delete;
+  ~reconnection() = default;
+
   // The object for functions of quillon.h; NULL after a move. It stays this object's, whose destructor stops the thread and waits
   // up to 5 seconds for it, unless it runs on that thread itself.
   quillon_reconnection *handle() const noexcept { return handle_.get(); }
@@ -507,7 +517,7 @@ class reconnection {
  private:
   explicit reconnection(quillon_reconnection *created) noexcept : handle_(created) {}
 
-  std::unique_ptr<detail::handler_list> handlers_;  // outlives the handle
+  std::unique_ptr<detail::handler_list> handlers_;  // outlives the handle, whose thread calls them
   detail::owner<quillon_reconnection, quillon_reconnection_destroy> handle_;
 };
 

@@ -196,6 +196,34 @@ TEST_F(ReconnectionTest, TheLibrarysThreadsTakeNoSignalsButThoseOfTheirFaults) {
   }
 }
 
+TEST_F(ReconnectionTest, DoesNotConnectWhileADrainIsUnderWay) {
+  serve();
+  std::atomic<bool> is_answering = false, is_released = false, came_early = false;
+  std::function<void()> block = [&] {
+    is_answering = true;
+    wait_for([&] { return is_released.load(); });
+  };
+  const auto handler = [](wb_dom_node *, void *arg) -> wb_dom_node * {
+    (*static_cast<std::function<void()> *>(arg))();
+    return nullptr;
+  };
+  quillon_connection_register_query_handler(raw(), "urn:x", "ask", handler, &block);
+  in_connect_cb_ = [&] { came_early = came_early || (is_answering && !is_released); };
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_set_delays(reconnection_, 1, 100, 1));
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_reconnection_start(reconnection_));
+  ASSERT_TRUE(wait_for([this] { return seen().connected == 1; }));
+  server_->send("<iq type='get' id='1' from='b@d/qlk'><grid xmlns='quillon' type='request'><ask xmlns='urn:x'/></grid></iq>");
+  ASSERT_TRUE(wait_for([&] { return is_answering.load(); }));
+  std::thread drain([this] { EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, quillon_connection_drain(raw(), 0)); });
+  EXPECT_TRUE(wait_for([this] { return !seen().disconnected.empty(); }));
+  // Delay: time for what must not happen.
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  is_released = true;
+  drain.join();
+  EXPECT_TRUE(wait_for([this] { return seen().connected == 2; }));
+  EXPECT_FALSE(came_early);
+}
+
 TEST_F(ReconnectionTest, OutlivesItsConnection) {
   serve();
   approve_with(kPending);
@@ -281,6 +309,7 @@ TEST_F(ReconnectionTest, TellsOfAnOutageOnceHoweverManyAttemptsItTakes) {
                   {QUILLON_RECONNECTION_STATE_UP, QUILLON_STATUS_OK, 3, 0},  // each dials twice before it gives up
                   {QUILLON_RECONNECTION_STATE_DOWN, QUILLON_STATUS_CONNECTION_ERROR, 0, 4},  // the third delay: it did not last
                   {QUILLON_RECONNECTION_STATE_UP, QUILLON_STATUS_OK, 1, 0}};
+  ASSERT_EQ(std::size(expected), told.size());
   for (size_t i = 0; i < told.size(); ++i) {
     SCOPED_TRACE(i);
     EXPECT_EQ(expected[i].state, told[i].state);

@@ -74,6 +74,17 @@ TEST(ClientRace, FamiliesTakeTurns) {
   EXPECT_EQ((std::vector<std::string>{hole.host(), "[::1]:1", "127.0.0.3:1", "[::1]:2", peer.host()}), dialled);
 }
 
+// What is said later is about the host that answered, and not the one that was first.
+TEST(ClientRace, TheEndNamesWhoWasReached) {
+  const test_support::BlackHole hole;
+  const test_support::LogCapture log;
+  const testpeer::ScriptedPeer peer({.domain = "another.test"});
+  TestClient client(client_settings({{"other_hosts", peer.host()}, {"race_milliseconds", "10"}}));
+  ASSERT_TRUE(client.connect(hole.host()));
+  ASSERT_TRUE(client.wait_for("disconnected")) << log.all();
+  EXPECT_TRUE(log.contains("session with " + peer.host() + " ended")) << log.all();
+}
+
 TEST(ClientRace, RefusesWhatIsNoHost) {
   TestClient client(client_settings({{"other_hosts", "127.0.0.1:1 127.0.0.1:none"}}));
   wb_err err{};

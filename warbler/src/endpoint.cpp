@@ -49,6 +49,11 @@ bool parse_endpoint(std::string_view text, Endpoint &endpoint) {
   return true;
 }
 
+std::string text_of(const Endpoint &endpoint) {
+  const std::string host = is_ipv6(endpoint.host) ? "[" + endpoint.host + "]" : endpoint.host;
+  return endpoint.port == kDefaultPort ? host : host + ":" + std::to_string(endpoint.port);
+}
+
 bool is_address_literal(const std::string &host) {
   in_addr address;
   return inet_pton(AF_INET, host.c_str(), &address) == 1 || is_ipv6(host);

@@ -18,6 +18,9 @@ struct Endpoint {
 // False, with endpoint as it was, when the text is none of the forms.
 bool parse_endpoint(std::string_view text, Endpoint &endpoint);
 
+// The endpoint in the form that parse_endpoint reads.
+std::string text_of(const Endpoint &endpoint);
+
 // True when the host is an address in numbers and no name.
 bool is_address_literal(const std::string &host);
 

@@ -66,7 +66,7 @@ class Attendance {
 template <typename Function>
 void Session::run(Function &&function) {
   if (has_ended()) return;
-  const LogContext context(options_.host_text.c_str());
+  const LogContext context(host_text().c_str());
   const bool done = guarded(nullptr, __func__, [&] {
     function();
     return true;
@@ -81,11 +81,14 @@ Session::Session(wb_workq &queue, std::shared_ptr<LoopGate> gate, ClientOptions 
       owner_(owner),
       traffic_(owner.traffic()),
       names_{options_.domain, options_.endpoint.host},
+      host_texts_{options_.host_text},
       server_(options_.endpoint),
       keepalive_(options_.idle_probe),
       timer_(queue.base(), -1, 0, gate_, [this](short) { run([this] { on_timer(); }); }),
       more_(queue.base(), -1, 0, gate_, [this](short) { run([this] { on_more(); }); }),
-      parser_(*this, options_.limits) {}
+      parser_(*this, options_.limits) {
+  for (const Endpoint &other : options_.other_endpoints) host_texts_.push_back(text_of(other));
+}
 
 Session::~Session() {
   if (link_ == nullptr) return;
@@ -139,12 +142,13 @@ void Session::on_connected(const Connector::Outcome &outcome) {
   lookups_.clear();
   gate_->bury(std::move(connector_));
   if (fd < 0) {
-    const std::string host = options_.host_text + ": ";
+    const std::string host = host_text() + ": ";
     const bool is_named = text.compare(0, host.size(), host) == 0;  // a host in numbers is the address that failed
     return end(WB_ERR_SOCKET_CONNECT, "cannot connect to " + (is_named ? "" : host) + text);
   }
   if (dialled_.size() > 1) {
-    server_ = dialled_[outcome.host];
+    host_ = outcome.host;
+    server_ = dialled_[host_];
     names_.host = server_.host;
     step_by_step_ = owner_.goes_step_by_step(server_);
   }
@@ -451,7 +455,7 @@ void Session::log_end(wb_errcode code, std::string_view reason) const {
   const wb_log_level level = code == WB_ERR_NONE                                   ? WB_LOG_VERBOSE
                              : code == WB_ERR_TLS || code == WB_ERR_NOT_AUTHORIZED ? WB_LOG_ERROR
                                                                                    : WB_LOG_WARN;
-  wb_log(level, "session with %s ended while %s: %.*s", options_.host_text.c_str(), state_name(), static_cast<int>(reason.size()),
+  wb_log(level, "session with %s ended while %s: %.*s", host_text().c_str(), state_name(), static_cast<int>(reason.size()),
          reason.data());
 }
 

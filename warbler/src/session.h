@@ -97,6 +97,9 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   void on_stream_close() override;
   void on_tls_answer(bool accept) override;
 
+  // The host that the session is about, as the configuration has it.
+  const std::string &host_text() const { return host_texts_[host_]; }
+
   // session.cpp: the socket and the end
   void resolve(std::vector<Endpoint> where);
   void on_resolved(size_t host, const AddressList &addresses, int error);
@@ -169,8 +172,10 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   std::weak_ptr<Session> self_;
   State state_ = State::resolving;
   ExpectedNames names_;
-  Endpoint server_;      // the configured one, or where it sent us
-  std::string address_;  // of the server that the socket leads to, in numbers
+  std::vector<std::string> host_texts_;  // of all that are dialled, as configured, and never changed
+  size_t host_ = 0;                      // which of them it is about
+  Endpoint server_;                      // the configured one, or where it sent us
+  std::string address_;                  // of the server that the socket leads to, in numbers
   unsigned redirects_ = 0;
   bool step_by_step_ = false;
   bool features_seen_ = false;        // of the stream that is open
