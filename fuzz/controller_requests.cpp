@@ -22,7 +22,7 @@ const Options &options() {
   static const Options made = [] {
     wb_log_set_level(WB_LOG_NONE);
     Options defaults;
-    defaults.host = "127.0.0.1:9";
+    defaults.hosts = {"127.0.0.1:9"};
     return defaults;
   }();
   return made;
