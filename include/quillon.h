@@ -443,8 +443,8 @@ QUILLON_API QUILLON_STATUS quillon_config_create(quillon_config **config);
 /* Frees the configuration and all it holds; the pass phrase is wiped from memory first. The caller's pointer is not cleared. */
 QUILLON_API void quillon_config_destroy(quillon_config *config);
 
-/* Makes a deep copy, the caller's to destroy. *new_config is NULL when config is NULL or memory is exhausted; a single value for
- * which memory is lacking is left out of the copy. */
+/* Makes a deep copy, the caller's to destroy, with the same set of credentials in force. *new_config is NULL when config is NULL
+ * or memory is exhausted; a single value for which memory is lacking is left out of the copy. */
 QUILLON_API void quillon_config_clone(const quillon_config *config, quillon_config **new_config);
 
 /* Replaces all hosts with this one: "name", "name:port", "192.0.2.1:port" or "[2001:db8::1]:port"; without a port it is 5222. The
@@ -531,7 +531,8 @@ QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_bound(quillon_config
  * context keeps a pointer to the configuration. Each file that cannot be used is logged as an error with OpenSSL's reason, one
  * that is not set as a warning; the rest is filled all the same, and the handshake fails later. OpenSSL's error queue of the
  * thread is empty afterwards. Where a set of credentials is in force, the context is filled from that and not from the files,
- * whose changes are looked for before, see quillon_config_reload_credentials and quillon_config_set_live_credentials. */
+ * whose changes are looked for before, see quillon_config_reload_credentials and quillon_config_set_live_credentials. The file
+ * of quillon_config_set_crl is read in either case. */
 QUILLON_API void quillon_config_fill_ssl_ctx(const quillon_config *config, void *ssl_ctx, bool is_bulk_download);
 
 /* ---- Library ------------------------------------------------------------------------------------------------ */

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <new>
 
 namespace {
 
@@ -20,25 +21,25 @@ struct StackFree {
   void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
 };
 using StackPtr = std::unique_ptr<STACK_OF(X509), StackFree>;
+struct ContextFree {
+  void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
+};
+using ContextPtr = std::unique_ptr<SSL_CTX, ContextFree>;
 
 constexpr QUILLON_STATUS kOurs = QUILLON_STATUS_CONNECTION_ERROR_CLIENT, kTheirs = QUILLON_STATUS_CONNECTION_ERROR_SERVER;
 
 bool refuse(qlk::CredentialFault &fault, QUILLON_STATUS status, std::string text) {
-  fault = {status, std::move(text)};
+  fault = {status, std::move(text), false};
   return false;
 }
 
-// The first error is the cause, the others follow from it.
-std::string first_reason() {
-  const unsigned long code = ERR_get_error();
-  const char *reason = ERR_reason_error_string(code);
-  if (ERR_SYSTEM_ERROR(code)) reason = std::strerror(ERR_GET_REASON(code));
-  ERR_clear_error();
-  return reason != nullptr ? reason : "it is no PEM file";
+bool refuse_for_now(qlk::CredentialFault &fault, QUILLON_STATUS status, std::string text) {
+  fault = {status, std::move(text), true};
+  return false;
 }
 
 bool refuse_file(qlk::CredentialFault &fault, QUILLON_STATUS status, const char *purpose, const std::string &file) {
-  return refuse(fault, status, std::string(purpose) + " file '" + file + "' cannot be used: " + first_reason());
+  return refuse(fault, status, std::string(purpose) + " file '" + file + "' cannot be used: " + qlk::first_reason());
 }
 
 // Appends all objects of a kind that the PEM file holds. False when there is none, or one that cannot be read.
@@ -94,14 +95,23 @@ int tell_revocation(int verified, X509_STORE_CTX *store) {
   return verified;
 }
 
+}  // namespace
+
+namespace qlk {
+
+// The first error is the cause, the others follow from it.
+std::string first_reason() {
+  const unsigned long code = ERR_get_error();
+  const char *reason = ERR_reason_error_string(code);
+  if (ERR_SYSTEM_ERROR(code)) reason = std::strerror(ERR_GET_REASON(code));
+  ERR_clear_error();
+  return reason != nullptr ? reason : "it is no PEM file";
+}
+
 void demand_revocations(SSL_CTX *context) {
   X509_STORE_set_flags(SSL_CTX_get_cert_store(context), X509_V_FLAG_CRL_CHECK);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, tell_revocation);
 }
-
-}  // namespace
-
-namespace qlk {
 
 CredentialFiles::~CredentialFiles() { OPENSSL_cleanse(passphrase.data(), passphrase.size()); }
 
@@ -118,23 +128,26 @@ bool CredentialSet::load_own(const CredentialFiles &files, CredentialFault &faul
   return true;
 }
 
-bool CredentialSet::load_trusted(const CredentialFiles &files, CredentialFault &fault) {
+bool CredentialSet::load_authorities(const CredentialFiles &files, CredentialFault &fault) {
   if (!files.ca.empty() && !read_all(files.ca, authorities_, PEM_read_bio_X509))
     return refuse_file(fault, kTheirs, "server CA", files.ca);
   if (!files.bulk_ca.empty() && !read_all(files.bulk_ca, bulk_authorities_, PEM_read_bio_X509))
     return refuse_file(fault, kTheirs, "bulk server CA", files.bulk_ca);
+  return true;
+}
+
+bool CredentialSet::load_revocations(const CredentialFiles &files, Revocations &revocations, CredentialFault &fault) {
   if (files.crl.empty()) return true;
-  if (!read_all(files.crl, revocations_.emplace(), PEM_read_bio_X509_CRL))
-    return refuse_file(fault, kTheirs, "revocation list", files.crl);
-  for (const auto &list : *revocations_) {
+  if (!read_all(files.crl, revocations, PEM_read_bio_X509_CRL)) return refuse_file(fault, kTheirs, "revocation list", files.crl);
+  for (const auto &list : revocations) {
     const ASN1_TIME *next = X509_CRL_get0_nextUpdate(list.get());
     if (next != nullptr && X509_cmp_current_time(next) < 0)
-      return refuse(fault, kTheirs, "revocation list file '" + files.crl + "' holds a list that is past its next update");
+      return refuse_for_now(fault, kTheirs, "revocation list file '" + files.crl + "' holds a list that is past its next update");
   }
   return true;
 }
 
-bool CredentialSet::check_own(const CredentialFiles &files, CredentialFault &fault) {
+bool CredentialSet::check_own(const CredentialFiles &files, const Revocations &revocations, CredentialFault &fault) {
   X509 *const own = chain_.front().get();
   const std::string certificate = "client certificate chain file '" + files.certificate + "'";
   if (X509_check_private_key(own, key_.get()) != 1) {
@@ -143,33 +156,41 @@ bool CredentialSet::check_own(const CredentialFiles &files, CredentialFault &fau
   }
   for (const auto &each : chain_) {
     if (X509_cmp_current_time(X509_get0_notAfter(each.get())) < 0)
-      return refuse(fault, kOurs, certificate + ": a certificate has expired: " + name_of(each.get()));
+      return refuse_for_now(fault, kOurs, certificate + ": a certificate has expired: " + name_of(each.get()));
     if (X509_cmp_current_time(X509_get0_notBefore(each.get())) > 0)
-      return refuse(fault, kOurs, certificate + ": a certificate is not valid yet: " + name_of(each.get()));
+      return refuse_for_now(fault, kOurs, certificate + ": a certificate is not valid yet: " + name_of(each.get()));
     const int64_t end = seconds_of(X509_get0_notAfter(each.get()));
     expires_ = expires_ == 0 ? end : std::min(expires_, end);
   }
-  if (revocations_) {
-    for (const auto &list : *revocations_) {
-      X509_REVOKED *entry = nullptr;
-      const bool is_of_issuer = X509_NAME_cmp(X509_CRL_get_issuer(list.get()), X509_get_issuer_name(own)) == 0;
-      if (is_of_issuer && X509_CRL_get0_by_cert(list.get(), &entry, own) == 1)
-        return refuse(fault, kOurs, certificate + ": the certificate is revoked");
-    }
+  for (const auto &list : revocations) {
+    X509_REVOKED *entry = nullptr;
+    const bool is_of_issuer = X509_NAME_cmp(X509_CRL_get_issuer(list.get()), X509_get_issuer_name(own)) == 0;
+    if (is_of_issuer && X509_CRL_get0_by_cert(list.get(), &entry, own) == 1)
+      return refuse(fault, kOurs, certificate + ": the certificate is revoked");
   }
   subject_ = name_of(own);
   return true;
 }
 
+// What is well formed may still be too weak for OpenSSL's security level, of which only a context tells.
+bool CredentialSet::check_in_use(const CredentialFiles &files, CredentialFault &fault) const {
+  ERR_clear_error();
+  const ContextPtr context(SSL_CTX_new(TLS_client_method()));
+  if (context == nullptr) throw std::bad_alloc();
+  return fill(context.get(), false) || refuse_file(fault, kOurs, "client certificate chain", files.certificate);
+}
+
 std::shared_ptr<const CredentialSet> CredentialSet::load(const CredentialFiles &files, CredentialFault &fault) {
   auto set = std::make_shared<CredentialSet>();
-  if (!set->load_own(files, fault) || !set->load_trusted(files, fault) || !set->check_own(files, fault)) return nullptr;
-  return set;
+  Revocations revocations;
+  const bool is_good = set->load_own(files, fault) && set->load_authorities(files, fault) &&
+                       load_revocations(files, revocations, fault) && set->check_own(files, revocations, fault) &&
+                       set->check_in_use(files, fault);
+  return is_good ? set : nullptr;
 }
 
 bool CredentialSet::fill(SSL_CTX *context, bool is_bulk_download) const {
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-  if (revocations_) demand_revocations(context);
   const StackPtr issuers(sk_X509_new_null());
   bool filled = issuers != nullptr;
   for (size_t i = 1; i < chain_.size() && filled; ++i) filled = sk_X509_push(issuers.get(), chain_[i].get()) > 0;
@@ -177,9 +198,6 @@ bool CredentialSet::fill(SSL_CTX *context, bool is_bulk_download) const {
   X509_STORE *const store = SSL_CTX_get_cert_store(context);
   for (const auto &authority : is_bulk_download ? bulk_authorities_ : authorities_)
     filled = filled && X509_STORE_add_cert(store, authority.get()) == 1;
-  if (revocations_) {
-    for (const auto &list : *revocations_) filled = filled && X509_STORE_add_crl(store, list.get()) == 1;
-  }
   return filled;
 }
 

@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 
@@ -58,6 +59,15 @@ void copy_text(char (&to)[size], const std::string &from) {
   to[length] = '\0';
 }
 
+void copy_within_settings(const quillon_config &config, qlk::CredentialFiles &files) {
+  files.certificate = qlk::text_of(config.client_cert_chain_filename);
+  files.key = qlk::text_of(config.client_cert_key_filename);
+  files.passphrase = qlk::text_of(config.client_cert_key_password);
+  files.ca = qlk::text_of(config.server_cert_chain_filename);
+  files.bulk_ca = qlk::text_of(config.bulk_server_cert_chain_filename);
+  files.crl = qlk::text_of(config.crl_filename);
+}
+
 constexpr char kInvalidConfig[] = "Invalid config object";
 
 }  // namespace
@@ -68,12 +78,7 @@ namespace qlk {
 void LiveCredentials::copy_settings(const quillon_config &config, CredentialFiles &files, CredentialVersion &version) {
   {
     const Settings settings(this);
-    files.certificate = text_of(config.client_cert_chain_filename);
-    files.key = text_of(config.client_cert_key_filename);
-    files.passphrase = text_of(config.client_cert_key_password);
-    files.ca = text_of(config.server_cert_chain_filename);
-    files.bulk_ca = text_of(config.bulk_server_cert_chain_filename);
-    files.crl = text_of(config.crl_filename);
+    copy_within_settings(config, files);
     version.passphrase = passphrases_;
   }
   const std::string *const names[] = {&files.certificate, &files.key, &files.ca, &files.bulk_ca, &files.crl};
@@ -89,7 +94,7 @@ QUILLON_STATUS LiveCredentials::load(const quillon_config &config) {
   CredentialFault fault;
   std::shared_ptr<const CredentialSet> set = CredentialSet::load(files, fault);
   version_ = std::move(version);
-  has_version_ = true;
+  has_version_ = !fault.is_of_time;
   if (set == nullptr) {
     wb_log(WB_LOG_ERROR, "the new credentials are refused, and the ones before stay in force: %s", fault.text.c_str());
   } else {
@@ -127,15 +132,16 @@ QUILLON_STATUS LiveCredentials::reload(const quillon_config &config) {
 }
 
 bool LiveCredentials::has_changed(const quillon_config &config) {
-  if (!is_live()) return false;
   CredentialFiles files;
   CredentialVersion version;
   copy_settings(config, files, version);
   return !has_version_ || !is_same(version, version_);
 }
 
+// Who is not live waits for nobody: a reload on another thread may hang in a file.
 std::shared_ptr<const CredentialSet> LiveCredentials::current(const quillon_config &config) {
   guarded(__func__, [&] {
+    if (!is_live()) return QUILLON_STATUS_OK;
     const std::lock_guard one_at_a_time(loading_);
     return has_changed(config) ? load(config) : QUILLON_STATUS_OK;
   });
@@ -152,8 +158,19 @@ bool LiveCredentials::is_live() {
   return is_live_;
 }
 
+void LiveCredentials::begin_as(LiveCredentials &other) {
+  is_live_ = other.is_live();
+  const std::lock_guard lock(other.mutex_);
+  in_force_ = other.in_force_;
+  sets_ = other.sets_;
+  warned_ = other.warned_;
+  guarded(__func__, [&] {
+    last_ = other.last_;
+    return QUILLON_STATUS_OK;
+  });
+}
+
 void LiveCredentials::tell(quillon_credentials_info &info, int warning_days) {
-  info = {};
   const std::lock_guard lock(mutex_);
   info.sets = sets_;
   info.last_status = last_.status;
@@ -162,6 +179,11 @@ void LiveCredentials::tell(quillon_credentials_info &info, int warning_days) {
   info.expires = in_force_->expires();
   info.is_about_to_expire = is_about_to_expire(info.expires, warning_days);
   copy_text(info.subject, in_force_->subject());
+}
+
+void copy_files(const quillon_config &config, CredentialFiles &files) {
+  const LiveCredentials::Settings settings(config.live);
+  copy_within_settings(config, files);
 }
 
 }  // namespace qlk
@@ -190,6 +212,12 @@ QUILLON_STATUS quillon_config_get_credentials_info(const quillon_config *config,
   qlk::trace(__func__);
   if (config == nullptr || config->live == nullptr) return qlk::refuse(kInvalidConfig);
   if (info == nullptr) return qlk::refuse("info is null");
-  config->live->tell(*info, config->expiry_warning_days);
+  constexpr size_t kFirstVersion = offsetof(quillon_credentials_info, failure) + sizeof(quillon_credentials_info::failure);
+  if (info->size < kFirstVersion) return qlk::refuse("the size of the info is not set");
+  quillon_credentials_info told = {};
+  told.size = std::min(info->size, sizeof told);
+  config->live->tell(told, config->expiry_warning_days);
+  std::memset(info, 0, info->size);
+  std::memcpy(info, &told, told.size);
   return QUILLON_STATUS_OK;
 }

@@ -42,6 +42,8 @@ class LiveCredentials {
   // The set to use now, read again if the files have changed and that is wanted; null when none is in force. Throws nothing.
   std::shared_ptr<const CredentialSet> current(const quillon_config &config);
   void tell(quillon_credentials_info &info, int warning_days);
+  // Begins as the other one is now; for one that is not shared yet.
+  void begin_as(LiveCredentials &other);
 
   void set_live(bool is_live);
   bool is_live();
@@ -59,12 +61,15 @@ class LiveCredentials {
   bool is_live_ = false;
   std::mutex loading_;         // one thread at a time reads files; taken before the other two
   CredentialVersion version_;  // under loading_: that was read last
-  bool has_version_ = false;   // under loading_
+  bool has_version_ = false;   // under loading_; false too where time may change what it was found to be
   std::mutex mutex_;           // guards what follows
   std::shared_ptr<const CredentialSet> in_force_;
   uint32_t sets_ = 0;
   time_t warned_ = 0;  // when its end was last announced
   CredentialFault last_;
 };
+
+// The names of the files as they are set now, and the pass phrase.
+void copy_files(const quillon_config &config, CredentialFiles &files);
 
 }  // namespace qlk

@@ -1,5 +1,5 @@
-// Nothing here throws: memory comes from malloc. The setters build the new value aside and then replace the old one, which is
-// released.
+// Nothing but the filling of a TLS context throws: memory comes from malloc. The setters build the new value aside and then
+// replace the old one, which is released.
 #include "quillon_config.h"
 
 #include <openssl/crypto.h>
@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "guard.h"
 #include "live_credentials.h"
@@ -133,21 +134,45 @@ quillon_list *copy_of(const quillon_list *source) {
   return copy.release();
 }
 
-// The file name, or null when none is set; then says what is missing.
-const char *file_name(const quillon_string *field, const char *purpose) {
-  const char *name = quillon_string_cstr(field);
-  if (name == nullptr) wb_log(WB_LOG_WARN, "quillon_config_fill_ssl_ctx: no %s file is set", purpose);
-  return name;
-}
-
 // Says why OpenSSL could not take the file, unless it could, and empties OpenSSL's queue of errors for the next step.
-void report_step(bool done, const char *purpose, const char *name) {
+void report_step(bool done, const char *purpose, const std::string &name) {
   if (!done) {
     char reason[256];
     ERR_error_string_n(ERR_get_error(), reason, sizeof reason);  // the first error is the cause, the others follow from it
-    wb_log(WB_LOG_ERROR, "quillon_config_fill_ssl_ctx: %s file '%s' cannot be used: %s", purpose, name, reason);
+    wb_log(WB_LOG_ERROR, "quillon_config_fill_ssl_ctx: %s file '%s' cannot be used: %s", purpose, name.c_str(), reason);
   }
   ERR_clear_error();
+}
+
+// Has the context take the file, or says that none is set.
+template <typename Take>
+void take_file(const std::string &name, const char *purpose, Take take) {
+  if (name.empty()) return wb_log(WB_LOG_WARN, "quillon_config_fill_ssl_ctx: no %s file is set", purpose);
+  report_step(take(name.c_str()) == 1, purpose, name);
+}
+
+void fill_from_files(SSL_CTX *context, const quillon_config &config, const qlk::CredentialFiles &files, bool is_bulk_download) {
+  SSL_CTX_set_default_passwd_cb(context, qlk::_pem_password_cb);
+  SSL_CTX_set_default_passwd_cb_userdata(context, const_cast<quillon_config *>(&config));
+  take_file(files.certificate, "client certificate chain",
+            [&](const char *name) { return SSL_CTX_use_certificate_chain_file(context, name); });
+  take_file(files.key, "client key",
+            [&](const char *name) { return SSL_CTX_use_PrivateKey_file(context, name, SSL_FILETYPE_PEM); });
+  take_file(is_bulk_download ? files.bulk_ca : files.ca, "server CA",
+            [&](const char *name) { return SSL_CTX_load_verify_locations(context, name, nullptr); });
+}
+
+// The lists of revocations are read as they are, whatever set of credentials is in force.
+void fill_context(SSL_CTX *context, const quillon_config &config, bool is_bulk_download) {
+  qlk::CredentialFiles files;
+  qlk::copy_files(config, files);
+  const auto set = config.live != nullptr ? config.live->current(config) : nullptr;
+  if (set == nullptr) {
+    fill_from_files(context, config, files, is_bulk_download);
+  } else if (!set->fill(context, is_bulk_download)) {
+    wb_log(WB_LOG_ERROR, "quillon_config_fill_ssl_ctx: the credentials in force cannot be used: %s", qlk::first_reason().c_str());
+  }
+  if (!files.crl.empty()) report_step(qlk::look_for_revocations(context, files.crl.c_str()), "revocation list", files.crl);
 }
 
 }  // namespace
@@ -155,6 +180,7 @@ void report_step(bool done, const char *purpose, const char *name) {
 int qlk::_pem_password_cb(char *buf, int size, int /*rwflag*/, void *userdata) {
   const auto *config = static_cast<const quillon_config *>(userdata);
   if (buf == nullptr || size < 1) return 0;
+  const LiveCredentials::Settings settings(config != nullptr ? config->live : nullptr);
   const char *pass_phrase = config != nullptr ? quillon_string_cstr(config->client_cert_key_password) : nullptr;
   if (pass_phrase == nullptr) return 0;
   std::strncpy(buf, pass_phrase, static_cast<size_t>(size));
@@ -252,6 +278,8 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   }
   if (quillon_config_default_create(new_config) != QUILLON_STATUS_OK) return;
   quillon_config &copy = **new_config;
+  if (config->live != nullptr) copy.live->begin_as(*config->live);
+  const qlk::LiveCredentials::Settings settings(config->live);
   copy.user_name = copy_of(config->user_name);
   copy.description = copy_of(config->description);
   copy.password = copy_of(config->password);
@@ -275,7 +303,6 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   copy.races_addresses = config->races_addresses;
   copy.crl_filename = copy_of(config->crl_filename);
   copy.expiry_warning_days = config->expiry_warning_days;
-  copy.live->set_live(config->live != nullptr && config->live->is_live());
   copy.tls_key_log_filename = copy_of(config->tls_key_log_filename);
 }
 
@@ -461,23 +488,12 @@ void quillon_config_fill_ssl_ctx(const quillon_config *config, void *ssl_ctx, bo
   auto *context = static_cast<SSL_CTX *>(ssl_ctx);
   ERR_clear_error();
   qlk::log_tls_keys(*config, context);
-  if (const auto set = config->live != nullptr ? config->live->current(*config) : nullptr; set != nullptr) {
-    if (!set->fill(context, is_bulk_download)) wb_log(WB_LOG_ERROR, "quillon_config_fill_ssl_ctx: no memory for the credentials");
-    return ERR_clear_error();
-  }
-  SSL_CTX_set_default_passwd_cb(context, qlk::_pem_password_cb);
-  SSL_CTX_set_default_passwd_cb_userdata(context, const_cast<quillon_config *>(config));
-  if (const char *name = file_name(config->client_cert_chain_filename, "client certificate chain"); name != nullptr) {
-    report_step(SSL_CTX_use_certificate_chain_file(context, name) == 1, "client certificate chain", name);
-  }
-  if (const char *name = file_name(config->client_cert_key_filename, "client key"); name != nullptr) {
-    report_step(SSL_CTX_use_PrivateKey_file(context, name, SSL_FILETYPE_PEM) == 1, "client key", name);
-  }
-  const quillon_string *ca = is_bulk_download ? config->bulk_server_cert_chain_filename : config->server_cert_chain_filename;
-  if (const char *name = file_name(ca, "server CA"); name != nullptr) {
-    report_step(SSL_CTX_load_verify_locations(context, name, nullptr) == 1, "server CA", name);
-  }
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-  if (const char *name = quillon_string_cstr(config->crl_filename); name != nullptr)
-    report_step(qlk::look_for_revocations(context, name), "revocation list", name);
+  const QUILLON_STATUS status = qlk::guarded(__func__, [&] {
+    fill_context(context, *config, is_bulk_download);
+    return QUILLON_STATUS_OK;
+  });
+  // Whether servers may be revoked is not known then, so that none is trusted.
+  if (status != QUILLON_STATUS_OK) qlk::demand_revocations(context);
+  ERR_clear_error();
 }

@@ -150,7 +150,7 @@ class config {
     if (file.empty()) return quillon_config_set_crl(handle(), nullptr);
     return set(quillon_config_set_crl, file);
   }
-  // Reads certificate, key, CAs and revocations from their files, and puts them into force when all of them are good; else those
+  // Reads certificate, key and CAs from their files, and puts them into force when they and the revocations are good; else those
   // before stay. See quillon_config_reload_credentials. Thread: any.
   // Returns: QUILLON_STATUS_OK, QUILLON_STATUS_CONNECTION_ERROR_CLIENT for the certificate or the key, or
   //          QUILLON_STATUS_CONNECTION_ERROR_SERVER for the CAs or the revocations
@@ -163,6 +163,7 @@ class config {
   // Tells which credentials are in force, when they end, and why others were refused. Thread: any.
   result<quillon_credentials_info> credentials() const noexcept {
     quillon_credentials_info info = {};
+    info.size = sizeof info;
     const QUILLON_STATUS status = quillon_config_get_credentials_info(handle(), &info);
     if (status != QUILLON_STATUS_OK) return status;
     return info;

@@ -46,6 +46,7 @@ TEST_F(GridConnectionTest, WhoIsEnrolledAgainIsRenewedAndABadCertificateChangesN
   Client client(*grid_, "renewing");
   const auto info = [&] {
     quillon_credentials_info told = {};
+    told.size = sizeof told;
     EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_get_credentials_info(client.config, &told));
     return told;
   };

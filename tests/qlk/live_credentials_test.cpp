@@ -1,6 +1,10 @@
+#include <fcntl.h>
 #include <openssl/ssl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <future>
 
 #include "connection_fixture.h"
 
@@ -9,6 +13,7 @@ namespace {
 using testpeer::ClientIdentity;
 using testpeer::Credentials;
 using testpeer::Validity;
+using ContextPtr = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX *)>;
 
 // A client's identity that the server can tell from the fixture's own.
 ClientIdentity other_alice() { return {.user = "alice", .domain = GRID_DOMAIN, .has_email_address = false}; }
@@ -37,6 +42,7 @@ class LiveCredentialsTest : public qlk_test::ConnectionFixture {
 
   quillon_credentials_info info() {
     quillon_credentials_info told = {};
+    told.size = sizeof told;
     EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_get_credentials_info(config_.get(), &told));
     return told;
   }
@@ -74,7 +80,7 @@ TEST_F(LiveCredentialsTest, AWholeSetReplacesTheOneBefore) {
   EXPECT_FALSE(log_.contains("sesame"));
 
   // Of a bulk download too.
-  const std::unique_ptr<SSL_CTX, void (*)(SSL_CTX *)> context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+  const ContextPtr context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
   quillon_config_fill_ssl_ctx(config_.get(), context.get(), true);
   EXPECT_EQ(1, SSL_CTX_check_private_key(context.get()));
   EXPECT_EQ(SSL_VERIFY_PEER, SSL_CTX_get_verify_mode(context.get()));
@@ -140,10 +146,20 @@ TEST_F(LiveCredentialsTest, ChangedFilesAreReadOnceForEachChange) {
   EXPECT_EQ(before, subject_seen());
   EXPECT_EQ(1u, info().sets);
   const Credentials second = issue(other_alice());
+  ClientIdentity of_next_week = other_alice();
+  of_next_week.validity = Validity::not_yet;
+  const Credentials early = issue(of_next_week);
   overwrite("certificate", second.certificate);  // the key is yet to come
   EXPECT_EQ(before, subject_seen());
   EXPECT_EQ(before, subject_seen());
   EXPECT_EQ(1u, log_.count("the new credentials are refused")) << log_.all();
+  overwrite("certificate", early.certificate);
+  overwrite("key", early.key);
+  for (size_t use = 1; use <= 2; ++use) {  // what time may cure is read again
+    EXPECT_EQ(before, subject_seen());
+    EXPECT_EQ(use, log_.count("is not valid yet")) << log_.all();
+  }
+  overwrite("certificate", second.certificate);
   overwrite("key", second.key);
   EXPECT_NE(before, subject_seen());
   EXPECT_EQ(2u, info().sets);
@@ -164,12 +180,21 @@ TEST_F(LiveCredentialsTest, ARunningConnectionIsRenewedOnRequest) {
 }
 
 TEST_F(LiveCredentialsTest, ARevokedServerIsRefusedAndTheLogSaysSo) {
-  for (const bool is_live : {false, true}) {
-    SCOPED_TRACE(is_live);
+  enum class In { files, live, force };
+  for (const In in : {In::files, In::live, In::force}) {
+    SCOPED_TRACE(static_cast<int>(in));
     serve();
-    ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_live_credentials(config_.get(), is_live));
-    overwrite("crl", authority_->revocations());
+    ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_live_credentials(config_.get(), in == In::live));
+    if (in == In::force) {
+      ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_crl(config_.get(), nullptr));
+      ASSERT_EQ(QUILLON_STATUS_OK, reload()) << info().failure;
+      std::filesystem::remove(file("key"));
+      EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR_CLIENT, reload());  // no other set comes into force, revocations do
+    }
+    std::filesystem::remove(file("crl"));
     ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_crl(config_.get(), file("crl").c_str()));
+    EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, connect());
+    overwrite("crl", authority_->revocations());
     EXPECT_FALSE(subject_seen().empty());
     EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_disconnect(raw()));
     authority_->revoke(served_);
@@ -181,9 +206,30 @@ TEST_F(LiveCredentialsTest, ARevokedServerIsRefusedAndTheLogSaysSo) {
     EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, connect());
     EXPECT_TRUE(log_.contains("whether the server's certificate is revoked cannot be told: ")) << log_.all();
   }
-  std::filesystem::remove(file("crl"));
-  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_live_credentials(config_.get(), false));
-  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, connect());
+}
+
+// The key is a pipe that nobody writes to: reading it takes as long as it likes.
+TEST_F(LiveCredentialsTest, AReloadThatHangsHoldsUpNobodyElse) {
+  ASSERT_EQ(QUILLON_STATUS_OK, reload()) << info().failure;
+  std::filesystem::remove(file("key"));
+  ASSERT_EQ(0, mkfifo(file("key").c_str(), 0600));
+  auto reloading = std::async(std::launch::async, [&] { return reload(); });
+  int writer = -1;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (writer < 0 && std::chrono::steady_clock::now() < end) writer = open(file("key").c_str(), O_WRONLY | O_NONBLOCK);
+  ASSERT_GE(writer, 0);
+  const ContextPtr context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+  auto filling = std::async(std::launch::async, [&] { quillon_config_fill_ssl_ctx(config_.get(), context.get(), false); });
+  EXPECT_EQ(std::future_status::ready, filling.wait_for(std::chrono::seconds(30)));
+  quillon_config *copy = nullptr;
+  quillon_config_clone(config_.get(), &copy);
+  close(writer);
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR_CLIENT, reloading.get());
+  const std::unique_ptr<quillon_config, void (*)(quillon_config *)> owned(copy, quillon_config_destroy);
+  filling.get();
+  const ContextPtr of_copy(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);  // its key file is of no use by now
+  quillon_config_fill_ssl_ctx(copy, of_copy.get(), false);
+  EXPECT_EQ(1, SSL_CTX_check_private_key(of_copy.get())) << log_.all();
 }
 
 TEST_F(LiveCredentialsTest, AnEndThatIsNearIsTold) {

@@ -6,11 +6,14 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "owners.h"
 #include "quillon_config.h"
@@ -96,16 +99,16 @@ class TlsCredentials : public testing::Test {
     return names;
   }
 
-  ConfigPtr config_;
-  ContextPtr context_;
-
- private:
   void write_certificate(const char *file_name, const char *name, EVP_PKEY *key) const {
     const FilePtr file(fopen(path(file_name).c_str(), "w"));
     ASSERT_NE(nullptr, file);
     ASSERT_EQ(1, PEM_write_X509(file.get(), self_signed(name, key).get()));
   }
 
+  ConfigPtr config_;
+  ContextPtr context_;
+
+ private:
   std::string directory_;
 };
 
@@ -172,6 +175,42 @@ TEST_F(TlsCredentials, UnsetFieldsAndMissingObjectsAreHarmless) {
   quillon_config_fill_ssl_ctx(bare, nullptr, true);
   EXPECT_EQ(1u, log.count_exact("Invalid config object")) << log.all();
   EXPECT_EQ(5u, log.records().size()) << log.all();
+}
+
+// One that a context would refuse later comes into force never, and says why at once.
+TEST_F(TlsCredentials, ASetThatIsTooWeakIsRefused) {
+  const QuillonLogCapture log(WB_LOG_ERROR);
+  const KeyPtr weak(EVP_RSA_gen(512));
+  write_certificate("client.pem", "weak", weak.get());
+  const FilePtr file(fopen(path("client.key").c_str(), "w"));
+  ASSERT_EQ(1, PEM_write_PrivateKey(file.get(), weak.get(), nullptr, nullptr, 0, nullptr, nullptr));
+  fflush(file.get());
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR_CLIENT, quillon_config_reload_credentials(config_.get()));
+  quillon_credentials_info told = {};
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_config_get_credentials_info(config_.get(), &told));
+  told.size = sizeof told;
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_get_credentials_info(config_.get(), &told));
+  EXPECT_NE(nullptr, std::strstr(told.failure, "ee key too small")) << told.failure;
+}
+
+TEST_F(TlsCredentials, MayBeSetWhileTheyAreRead) {
+  std::atomic<bool> is_over = false;
+  std::thread setter([&] {
+    while (!is_over) {
+      quillon_config_set_client_cert_key_password(config_.get(), kPassPhrase);
+      quillon_config_set_client_cert_chain_filename(config_.get(), path("client.pem").c_str());
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    context_.reset(SSL_CTX_new(TLS_client_method()));
+    quillon_config_fill_ssl_ctx(config_.get(), context_.get(), false);
+    EXPECT_EQ(1, SSL_CTX_check_private_key(context_.get()));
+    quillon_config *copy = nullptr;
+    quillon_config_clone(config_.get(), &copy);
+    const ConfigPtr owned(copy);
+  }
+  is_over = true;
+  setter.join();
 }
 
 struct PhraseCase {
