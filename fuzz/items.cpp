@@ -19,13 +19,16 @@ struct Reading {
   bool good = true;
 };
 
+// A text that comes in pieces takes more memory than one that comes whole, so that where they are compared there is enough.
+constexpr size_t kMuch = 4u << 20, kLittle = 4096;
+
 template <typename NextLength>
-Reading read_items(std::string_view document, bool text_waits, NextLength next_length) {
+Reading read_items(std::string_view document, bool text_waits, size_t item_bytes_max, NextLength next_length) {
   Reading reading;
   wb_item_reader_options options = {};
   options.item_depth = 2;
   options.depth_max = 20;
-  options.item_bytes_max = 4096;
+  options.item_bytes_max = item_bytes_max;
   options.text_waits = text_waits;
   options.on_item = record;
   options.arg = &reading.told;
@@ -75,14 +78,17 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const auto all = [](size_t length) { return length; };
   for (const bool text_waits : {false, true}) {
     fuzz::Pieces pieces(data[0]);
-    const Reading whole = read_items(document, text_waits, all);
-    const Reading in_pieces = read_items(document, text_waits, [&](size_t rest) { return pieces.next(rest); });
+    const auto some = [&](size_t rest) { return pieces.next(rest); };
+    const Reading whole = read_items(document, text_waits, kMuch, all);
+    const Reading in_pieces = read_items(document, text_waits, kMuch, some);
+    const Reading in_little = read_items(document, text_waits, kLittle, some);
     if (whole.told != in_pieces.told) {
       std::fprintf(stderr, "whole:\n%s\nin pieces:\n%s\n", whole.told.c_str(), in_pieces.told.c_str());
     }
     fuzz::require(whole.told == in_pieces.told, "a document in pieces tells what the whole one does");
     // Markup that has not ended yet is not looked at, so that a document which breaks off within it may hide its fault.
     fuzz::require(in_pieces.good || !whole.good, "what fails in pieces fails as a whole");
+    fuzz::require(in_pieces.told.compare(0, in_little.told.size(), in_little.told) == 0, "a limit only ends a document sooner");
   }
   const fuzz::Pieces pieces(data[0]);
   fuzz::require(read_batches(document, pieces) == read_batches(document, fuzz::Pieces(static_cast<uint8_t>(data[0] + 1))),

@@ -29,7 +29,7 @@ typedef void (*wb_item_callback)(wb_dom_node *item, void *arg);
 typedef struct wb_item_reader_options {
   unsigned item_depth;      /* how many elements are open around an item; 0: the root is the one item */
   unsigned depth_max;       /* elements that may be open at once [16384] */
-  size_t item_bytes_max;    /* memory that one item may take, in bytes [64 MiB] */
+  size_t item_bytes_max;    /* memory that one item may take, in bytes; text in pieces takes up to half more [64 MiB] */
   size_t token_bytes_max;   /* length of one tag, comment or processing instruction, in bytes [4 MiB] */
   bool text_waits;          /* text goes to the element whose end tag comes next, all in one; else it stays where it stands */
   wb_item_callback on_item; /* receives each item as its end tag is read */
