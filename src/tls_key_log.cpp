@@ -11,6 +11,7 @@
 #include <string>
 
 #include "guard.h"
+#include "live_credentials.h"
 #include "owners.h"
 #include "quillon_config.h"
 #include "quillon_string.h"
@@ -54,14 +55,16 @@ void write_key(const SSL *ssl, const char *line) {
   });
 }
 
-}  // namespace
-
-void qlk::log_tls_keys(const quillon_config &config, void *ssl_ctx) {
+// Empty when no keys are wanted.
+std::string filename_in(const quillon_config &config) {
+  const qlk::LiveCredentials::Settings settings(config.live);
   const char *filename = quillon_string_cstr(config.tls_key_log_filename);
-  if (filename == nullptr) return;
-  const int file = open_key_log(filename);
+  return filename != nullptr ? filename : "";
+}
+
+void log_keys(const std::string &filename, SSL_CTX *context) {
+  const int file = open_key_log(filename.c_str());
   if (file < 0) return;
-  auto *context = static_cast<SSL_CTX *>(ssl_ctx);
   void *const earlier = SSL_CTX_get_ex_data(context, key_log_index());
   if (SSL_CTX_set_ex_data(context, key_log_index(), reinterpret_cast<void *>(static_cast<intptr_t>(file) + 1)) != 1) {
     wb_log(WB_LOG_ERROR, "no memory for the TLS key log");
@@ -70,7 +73,17 @@ void qlk::log_tls_keys(const quillon_config &config, void *ssl_ctx) {
   }
   close_key_log(nullptr, earlier, nullptr, 0, 0, nullptr);  // of an earlier filling
   SSL_CTX_set_keylog_callback(context, write_key);
-  wb_log(WB_LOG_WARN, "the keys of this TLS session are written to '%s': whoever reads them can read the session", filename);
+  wb_log(WB_LOG_WARN, "the keys of this TLS session are written to '%s': whoever reads them can read the session",
+         filename.c_str());
+}
+
+}  // namespace
+
+void qlk::log_tls_keys(const quillon_config &config, void *ssl_ctx) {
+  qlk::guarded_void(__func__, [&] {
+    const std::string filename = filename_in(config);
+    if (!filename.empty()) log_keys(filename, static_cast<SSL_CTX *>(ssl_ctx));
+  });
 }
 
 QUILLON_STATUS quillon_config_set_tls_key_log(quillon_config *config, const char *filename) {
@@ -87,6 +100,7 @@ QUILLON_STATUS quillon_config_set_tls_key_log(quillon_config *config, const char
     if (file < 0) return QUILLON_STATUS_UNKNOWN;
     close(file);
   }
+  const qlk::LiveCredentials::Settings settings(config->live);
   quillon_string_destroy(&config->tls_key_log_filename);
   config->tls_key_log_filename = name.release();
   return QUILLON_STATUS_OK;
