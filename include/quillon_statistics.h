@@ -39,10 +39,10 @@ typedef struct _quillon_statistics {
   size_t size; /* in: sizeof(quillon_statistics) of the caller; out: how much of it the library has filled */
 
   /* XMPP, as plain text: before TLS encrypts it, or as TLS decrypted it. */
-  uint64_t stanzas_sent;        /* IQs, messages and presences of sessions that were up, handed to TLS */
+  uint64_t stanzas_sent;        /* IQs, messages and presences of sessions that were up, taken to be written */
   uint64_t stanzas_received;    /* the same, read */
   uint64_t bytes_sent;          /* all that was said: what opens and ends sessions too, and the blanks that keep a link alive */
-  uint64_t bytes_received;      /* all that was heard */
+  uint64_t bytes_received;      /* all that was heard, up to the end of each stream */
   size_t bytes_waiting;         /* now: what waits to be written */
   size_t bytes_waiting_highest; /* the most that ever waited */
 
@@ -118,7 +118,7 @@ QUILLON_API QUILLON_STATUS quillon_connection_set_stanza_trace(quillon_connectio
  * bulk downloads. Whoever has the file can read all that these sessions carry, tokens too: it is for debugging only. A warning is
  * logged for each session.
  *   The file is made with mode 0600 when it is not there, and must otherwise be a regular file of the caller's that nobody else
- * may read.
+ * may read, with one name and no symbolic link.
  * Returns: QUILLON_STATUS_OK
  *          QUILLON_STATUS_INVALID_ARGS  also for a name that is empty or longer than 65536 bytes
  *          QUILLON_STATUS_UNKNOWN       the file cannot be opened, or is none to write secrets to, which is logged; what was set

@@ -20,13 +20,14 @@ namespace {
 
 // -1, logged, when secrets cannot be written there.
 int open_key_log(const char *filename) {
-  const int file = open(filename, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, S_IRUSR | S_IWUSR);
+  const int file =
+      open(filename, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW, S_IRUSR | S_IWUSR);
   if (file < 0) {
     wb_log(WB_LOG_ERROR, "the TLS key log '%s' cannot be opened: %s", filename, std::strerror(errno));
     return -1;
   }
   struct stat found = {};
-  const bool is_ours = fstat(file, &found) == 0 && S_ISREG(found.st_mode) && found.st_uid == geteuid();
+  const bool is_ours = fstat(file, &found) == 0 && S_ISREG(found.st_mode) && found.st_uid == geteuid() && found.st_nlink == 1;
   if (is_ours && (found.st_mode & (S_IRWXG | S_IRWXO)) == 0) return file;
   wb_log(WB_LOG_ERROR, "the TLS key log '%s' is not written: it is no regular file of ours that nobody else may read", filename);
   close(file);
@@ -39,9 +40,15 @@ void close_key_log(void *, void *value, CRYPTO_EX_DATA *, int, long, void *) {
   if (stored > 0) close(static_cast<int>(stored - 1));
 }
 
+// Taken back when the library is unloaded: OpenSSL calls the function for each context of the process.
+struct KeyLogIndex {
+  const int value = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, close_key_log);
+  ~KeyLogIndex() { CRYPTO_free_ex_index(CRYPTO_EX_INDEX_SSL_CTX, value); }
+};
+
 int key_log_index() {
-  static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, close_key_log);
-  return index;
+  static const KeyLogIndex index;
+  return index.value;
 }
 
 // One write a line, so that those of several sessions do not mix.

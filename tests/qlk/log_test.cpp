@@ -108,6 +108,7 @@ TEST(LogDom, HidesSecrets) {
       {"<a><token>s3cret</token>open</a>", "<a><token>******</token>open</a>"},
       {"<token xmlns='urn:x' a='&gt;>'>s3cret</token>", ">******</token>"},
       {"<a xmlns='urn:x'><b:password xmlns:b='urn:b'>s3cret</b:password></a>", ">******</"},
+      {"<token xmlns='urn:x' v='s3cret'><b xmlns:c='urn:c' c:k='s3cret'/></token>", "<b xmlns:c=\"urn:c\" c:k=\"******\"/>"},
       {"<a><token/>open<tokens>open</tokens></a>", "<token/>open<tokens>open</tokens>"},
   };
   for (const auto &[xml, expected] : cases) {

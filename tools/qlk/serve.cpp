@@ -1,10 +1,12 @@
 #include "serve.h"
 
 #include <poll.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <mutex>
 #include <sstream>
 
@@ -103,7 +105,10 @@ class Server {
     const char *name = payload != nullptr ? wb_dom_get_ename(payload) : nullptr;
     if (name == nullptr) return;
     const std::lock_guard lock(mutex_);
-    if (std::find(served_.begin(), served_.end(), name) != served_.end()) return;
+    const auto is_it = [name](const std::string &served) {
+      return strcasecmp(served.c_str(), name) == 0;
+    };  // as the library looks
+    if (std::any_of(served_.begin(), served_.end(), is_it)) return;
     note(printable(name) + " from " + printable(attribute(stanza, "from")) + ": no answer, this is not served");
   }
 
@@ -160,7 +165,9 @@ class Server {
 
 // Before anybody is told that it answers.
 void expect_command(const std::string &name) {
-  const auto can_run = [](const std::string &path) { return access(path.c_str(), X_OK) == 0; };
+  const auto can_run = [](const std::string &path) {
+    return access(path.c_str(), X_OK) == 0 && !std::filesystem::is_directory(path);
+  };
   bool is_there = name.find('/') != std::string::npos && can_run(name);
   const char *path = std::getenv("PATH");
   std::istringstream folders(path != nullptr ? path : "/bin:/usr/bin");

@@ -173,7 +173,11 @@ class Screen {
     add_latency();
   }
 
-  std::string take() { return std::move(text_); }
+  // Without the last end of line, which would scroll a full screen.
+  std::string take() {
+    text_.pop_back();
+    return std::move(text_);
+  }
 
  private:
   static constexpr int kTitleColumns = 14, kColumns = 11;
@@ -243,7 +247,7 @@ class Top {
     for (uint64_t shown = 0; shown < options_.count || options_.count == 0; ++shown) {
       if (options_.asks) ask();
       wait_until(next);
-      next += kInterval;
+      next = std::max(next + kInterval, Clock::now());  // what was missed is not made up for
       show();
     }
   }

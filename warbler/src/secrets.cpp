@@ -20,14 +20,17 @@ bool is_secret(std::string_view name) {
   return std::find(std::begin(kSecretNames), std::end(kSecretNames), name) != std::end(kSecretNames);
 }
 
-// Goes over the attributes of a tag, up to its '>', and hides those that are secret. A value may hold a '>', too.
-char *hide_in_tag(char *tag) {
+bool is_declaration(std::string_view name) { return name == "xmlns" || name.substr(0, 6) == "xmlns:"; }
+
+// Goes over the attributes of a tag, up to its '>', and hides those that are secret, or all. A value may hold a '>', too.
+char *hide_in_tag(char *tag, bool hides_all) {
   char *at = tag + 1 + std::strcspn(tag + 1, " >");
   while (*at == ' ') {
     char *const name = ++at;
     at += std::strcspn(at, "=>");
     if (*at != '=') break;
-    const bool hides = is_secret({name, static_cast<size_t>(at - name)});
+    const std::string_view whole(name, static_cast<size_t>(at - name));
+    const bool hides = !is_declaration(whole) && (hides_all || is_secret(whole));
     const char quote = *++at;
     if (quote == '\0') break;
     for (++at; *at != '\0' && *at != quote; ++at) {
@@ -54,13 +57,14 @@ void hide_secrets(char *xml) {
       continue;
     }
     char *const tag = at;
-    char *const end = hide_in_tag(tag);
+    const std::string_view name(tag + 1, std::strcspn(tag + 1, " />"));
+    const bool is_within = open > 0 || is_secret(name);
+    char *const end = hide_in_tag(tag, is_within);
     at = *end != '\0' ? end + 1 : end;
     if (tag[1] == '/') {
       if (open > 0) --open;
     } else if (end[-1] != '/') {
-      const std::string_view name(tag + 1, std::strcspn(tag + 1, " />"));
-      if (open > 0 || is_secret(name) || (tag == xml && holds_sasl_payload(name, {tag, end}))) ++open;
+      if (is_within || (tag == xml && holds_sasl_payload(name, {tag, end}))) ++open;
     }
   }
 }
