@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cinttypes>
+#include <cmath>
 #include <csignal>
 #include <cstdarg>
 #include <nlohmann/json.hpp>
@@ -220,7 +221,8 @@ class Screen {
         (std::find_if(std::reverse_iterator(end), std::reverse_iterator(begin), is_used) - std::reverse_iterator(end));
     const auto first = std::max(std::find_if(begin, end, is_used) - begin, last + 1 - std::max<std::ptrdiff_t>(lines, 0));
     for (auto i = first; i <= last; ++i) {
-      const auto width = static_cast<size_t>((static_cast<double>(begin[i]) / static_cast<double>(most)) * kBarColumns + 0.5);
+      const auto width =
+          static_cast<size_t>(std::lround(static_cast<double>(begin[i]) / static_cast<double>(most) * kBarColumns));
       const uint64_t limit = i + 1 < QUILLON_LATENCY_BUCKETS ? uint64_t{1} << i : UINT64_MAX;
       text_ += formatted("%13s ", short_time(limit).c_str()) + paint(stdout, Style::good, std::string(width, '#')) +
                (width > 0 ? " " : "") + short_number(begin[i]) + "\n";
