@@ -26,9 +26,9 @@ class Page(unittest.TestCase):
         return subprocess.run([COMMAND, "--folder", self.folder, *arguments], capture_output=True, text=True, check=True,
                               timeout=PATIENCE_SECONDS).stdout
 
-    def start(self, user, *arguments):
+    def start(self, user, command, *arguments):
         profile = self.grid("enroll", user).split("\n")[2]
-        program = subprocess.Popen([QLK, *arguments, "--profile", profile], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        program = subprocess.Popen([QLK, command, "--profile", profile, *arguments], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
         def end():
             program.kill()
