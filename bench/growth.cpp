@@ -3,8 +3,8 @@
 //   growth --what WHAT --count COUNT --port PORT --ca FILE --certificate FILE --key FILE
 //
 // WHAT is "publishers" (the server was told as many: what subscribing costs, and a query afterwards), "connections" (that many in
-// this process, all up at once: what each holds) or "reconnects" (one connection that goes down and up that often: what stays
-// behind).
+// this process, all up at once: what connecting costs and what each holds) or "reconnects" (one connection that goes down and up
+// that often: what stays behind).
 #include <memory>
 
 #include "support/grid_client.h"
@@ -41,14 +41,21 @@ void measure_publishers(const bench::Target &target, long count) {
 void measure_connections(const bench::Target &target, long count) {
   const long memory = bench::resident_kib(), threads = bench::count_threads(), descriptors = bench::count_descriptors();
   std::vector<std::unique_ptr<bench::GridClient>> clients;
+  long of_first = 0;
   const bench::Span span;
   for (long i = 0; i < count; ++i) {
     clients.push_back(std::make_unique<bench::GridClient>(target));
     clients.back()->connect();
+    if (i == 0) of_first = bench::resident_kib() - memory;
   }
-  bench::Result()
-      .add("seconds", span.seconds())
-      .add("memory_kib", static_cast<double>(bench::resident_kib() - memory))
+  const double seconds = span.seconds(), cpu = span.cpu();
+  const long of_all = bench::resident_kib() - memory;
+  bench::Result result;
+  // The first one also pays for what is used for the first time.
+  if (count > 1) result.add("memory_each_kib", static_cast<double>(of_all - of_first) / static_cast<double>(count - 1));
+  result.add("seconds", seconds)
+      .add("cpu_ms", cpu * 1e3)
+      .add("memory_kib", static_cast<double>(of_all))
       .add("threads", static_cast<double>(bench::count_threads() - threads))
       .add("descriptors", static_cast<double>(bench::count_descriptors() - descriptors))
       .print();

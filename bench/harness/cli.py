@@ -1,7 +1,6 @@
 """The command bench/run."""
 import argparse
 import os
-import subprocess
 import sys
 import tempfile
 
@@ -26,11 +25,17 @@ def tell(text):
     print(text, file=sys.stderr, flush=True)
 
 
+def rotated(items, number):
+    """The items in another order each round, so that nobody always comes behind the same other."""
+    first = number % len(items)
+    return items[first:] + items[:first]
+
+
 def measure_line(bench, line, rounds, short):
     """Each round runs every contender once, so that a change of the machine's mood meets all of them."""
     values = {contender.name: {} for contender in line.contenders}
     for number in range(line.rounds or rounds):
-        for contender in line.contenders:
+        for contender in rotated(line.contenders, number):
             tell(f"{line.key}, round {number + 1}: {contender.name}")
             for key, value in contender.run(bench, short).items():
                 values[contender.name].setdefault(key, []).append(value)
@@ -45,33 +50,41 @@ def measure_growth(bench, growth, rounds, short):
     sizes_of = {series.name: (series.short_sizes if short else series.sizes) or sizes for series in growth.series}
     for number in range(rounds):
         for size in sizes:
-            for series in growth.series:
+            for series in rotated(growth.series, number):
                 if size not in sizes_of[series.name]:
                     continue
                 tell(f"{growth.key}, round {number + 1}: {series.name}, {size:,}")
                 for key, value in series.run(bench, size, short).items():
                     values.setdefault((series.name, size), {}).setdefault(key, []).append(value)
-    result = {"title": growth.title, "sizes": list(sizes), "series": {}}
+    result = {"title": growth.title, "sizes": list(sizes), "series": {}, "goals": []}
     for series in growth.series:
         mine = list(sizes_of[series.name])
         figures = [{key: report.summarize(numbers) for key, numbers in values[series.name, size].items()} for size in mine]
-        slopes = {panel.key: report.slope(mine, [at[panel.key]["median"] for at in figures], panel.natural) if panel.key in figures[0] else None
-                  for panel in growth.panels}
+        slopes = {}
+        for panel in growth.panels:
+            if series.ours and panel.key not in figures[-1]:
+                raise programs.Failed(f"{series.name} does not tell {panel.key}")
+            points = [(size, at[panel.key]["median"]) for size, at in zip(mine, figures) if panel.key in at]
+            if not points:
+                continue
+            slopes[panel.key] = None if panel.left_behind is not None else panel.slope(*zip(*points))
+            if series.ours and not panel.is_wall_time:
+                result["goals"].append(panel.judge(series.name, [value for _, value in points], slopes[panel.key]))
         result["series"][series.name] = {"sizes": mine, "figures": figures, "slopes": slopes}
     return result
 
 
-def measure(bench, chosen, rounds, short, results):
-    """Measures one after the other. Returns the keys of those that failed."""
-    failed = []
-    for kind, items, function in (("lines", chosen[0], measure_line), ("growths", chosen[1], measure_growth)):
+def measure(bench, chosen, rounds, short, results, folder):
+    """Measures one after the other, and writes after each what there is; what one of them throws is its own failure."""
+    for kind, items, function, draw in (("lines", chosen[0], measure_line, plots.draw_line), ("growths", chosen[1], measure_growth, plots.draw_growth)):
         for item in items:
             try:
                 results[kind][item.key] = function(bench, item, rounds, short)
-            except (programs.Failed, subprocess.SubprocessError, OSError) as error:
-                tell(f"{item.key} FAILED: {error}")
-                failed.append(item.key)
-    return failed
+                draw(folder, item, results[kind][item.key])
+            except Exception as error:  # pylint: disable=broad-except
+                tell(f"{item.key} FAILED: {error!r}")
+                results["failed"][item.key] = f"{type(error).__name__}: {error}"
+            report.write(folder, *chosen, results)
 
 
 def main():
@@ -89,16 +102,15 @@ def main():
         programs.install_packages()
         programs.build(options.build)
     os.makedirs(options.results, exist_ok=True)
-    results = {"machine": report.machine(), "rounds": rounds, "short": options.short, "lines": {}, "growths": {}}
+    results = {"machine": report.machine(), "rounds": rounds, "short": options.short, "lines": {}, "growths": {}, "failed": {}}
     with tempfile.TemporaryDirectory(prefix="qlk-bench-") as work:
         bench = programs.Bench(os.path.join(options.build, "bench"), work)
         try:
-            failed = measure(bench, chosen, rounds, options.short, results)
+            measure(bench, chosen, rounds, options.short, results, options.results)
         finally:
             bench.close()
-    print(report.write(options.results, *chosen, results))
-    plots.draw_all(options.results, *chosen, results)
-    missed = [f"{key}: {goal['text']}" for key, line in results["lines"].items() for goal in line["goals"] if not goal["met"]]
+    print(report.markdown(*chosen, results))
+    missed = report.missed(results)
     for text in missed:
         tell(f"missed: {text}")
-    return 1 if failed or missed else 0
+    return 1 if results["failed"] or missed else 0

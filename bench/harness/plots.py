@@ -58,11 +58,6 @@ def draw_panel(folder, growth, panel, result):
         "set logscale x", "set yrange [0:1<*]" if may_be_zero else "set logscale y", "set grid", "set key below noenhanced", "plot " + ", ".join(plots)])
 
 
-def draw_all(folder, lines, growths, results):
-    for line in lines:
-        if line.key in results["lines"]:
-            draw_line(folder, line, results["lines"][line.key])
-    for growth in growths:
-        if growth.key in results["growths"]:
-            for panel in growth.panels:
-                draw_panel(folder, growth, panel, results["growths"][growth.key])
+def draw_growth(folder, growth, result):
+    for panel in growth.panels:
+        draw_panel(folder, growth, panel, result)
