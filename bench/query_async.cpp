@@ -18,8 +18,8 @@ class Asker : public bench::WarblerClient::Events {
       : client_(target, *this),
         maker_(target.peer_jid(), static_cast<size_t>(arguments.number("payload", 0))),
         requests_(arguments.number("requests", 20000)),
-        in_flight_(std::min(requests_, arguments.number("in-flight", 1))) {
-    times_.reserve(static_cast<size_t>(requests_));
+        in_flight_(std::min(requests_, arguments.number("in-flight", 1))),
+        trips_(requests_, in_flight_) {
     client_.connect();
   }
 
@@ -36,7 +36,7 @@ class Asker : public bench::WarblerClient::Events {
  private:
   void ask() {
     ++sent_;
-    begun_ = bench::Clock::now();
+    trips_.begin();
     if (!wb_client_track_iq(client_.client(), maker_.make_iq(), on_answer, this, kTimeoutSeconds, nullptr))
       bench::fail("the IQ was refused");
   }
@@ -48,10 +48,10 @@ class Asker : public bench::WarblerClient::Events {
 
   void go_on() {
     ++answered_;
-    if (in_flight_ == 1) times_.push_back(bench::seconds_since(begun_) * 1e6);
+    trips_.end();
     if (sent_ < requests_) return ask();
     if (answered_ < requests_) return;
-    bench::print_requests(span_, requests_, times_);
+    bench::print_requests(span_, requests_, trips_.microseconds());
     client_.stop();
   }
 
@@ -59,9 +59,8 @@ class Asker : public bench::WarblerClient::Events {
   const bench::RequestMaker maker_;
   const long requests_, in_flight_;
   long sent_ = 0, answered_ = 0;
-  std::vector<double> times_;
+  bench::RoundTrips trips_;
   bench::Span span_;
-  bench::Clock::time_point begun_;
 };
 
 }  // namespace

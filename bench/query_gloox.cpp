@@ -50,8 +50,8 @@ class Asker : private gloox::IqHandler {
       : client_(target),
         to_(target.peer_jid()),
         requests_(arguments.number("requests", 20000)),
-        in_flight_(std::min(requests_, arguments.number("in-flight", 1))) {
-    times_.reserve(static_cast<size_t>(requests_));
+        in_flight_(std::min(requests_, arguments.number("in-flight", 1))),
+        trips_(requests_, in_flight_) {
     client_.client().registerStanzaExtension(new GridExtension);
   }
 
@@ -60,13 +60,13 @@ class Asker : private gloox::IqHandler {
       span_ = bench::Span();
       while (sent_ < in_flight_) ask();
     });
-    bench::print_requests(span_, requests_, times_);
+    bench::print_requests(span_, requests_, trips_.microseconds());
   }
 
  private:
   void ask() {
     ++sent_;
-    begun_ = bench::Clock::now();
+    trips_.begin();
     gloox::IQ iq(gloox::IQ::Get, to_, client_.client().getID());
     iq.addExtension(new GridExtension(make_grid()));
     client_.client().send(iq, this, 0);
@@ -76,7 +76,7 @@ class Asker : private gloox::IqHandler {
   void handleIqID(const gloox::IQ &iq, int) override {
     if (iq.findExtension(kExtension) == nullptr) bench::fail("the answer has no content");
     ++answered_;
-    if (in_flight_ == 1) times_.push_back(bench::seconds_since(begun_) * 1e6);
+    trips_.end();
     if (sent_ < requests_) return ask();
     if (answered_ == requests_) client_.stop();
   }
@@ -85,9 +85,8 @@ class Asker : private gloox::IqHandler {
   const gloox::JID to_;
   const long requests_, in_flight_;
   long sent_ = 0, answered_ = 0;
-  std::vector<double> times_;
+  bench::RoundTrips trips_;
   bench::Span span_;
-  bench::Clock::time_point begun_;
 };
 
 }  // namespace

@@ -35,23 +35,20 @@ int main(int argc, char **argv) {
   bench::RawClient client(target);
   client.connect();
   bench::Counter answers("</iq>");
-  std::vector<double> times;
-  times.reserve(static_cast<size_t>(requests));
+  bench::RoundTrips trips(requests, in_flight);
   const bench::Span span;
   long sent = std::min(in_flight, requests), answered = 0;
-  auto begun = bench::Clock::now();
+  trips.begin();
   client.send(std::string_view(window).substr(0, request.size() * static_cast<size_t>(sent)));
   while (answered < requests) {
     const long came = answers.count(client.receive());
     answered += came;
-    if (in_flight == 1 && came == 1) {
-      const auto now = bench::Clock::now();
-      times.push_back(std::chrono::duration<double, std::micro>(now - begun).count());
-      begun = now;
-    }
+    if (came > 0) trips.end();
     const long more = std::min(came, requests - sent);
     sent += more;
-    if (more > 0) client.send(std::string_view(window).substr(0, request.size() * static_cast<size_t>(more)));
+    if (more == 0) continue;
+    trips.begin();
+    client.send(std::string_view(window).substr(0, request.size() * static_cast<size_t>(more)));
   }
-  bench::print_requests(span, requests, times);
+  bench::print_requests(span, requests, trips.microseconds());
 }

@@ -14,8 +14,8 @@ class Asker {
         to_(target.peer_jid()),
         payload_bytes_(static_cast<size_t>(arguments.number("payload", 0))),
         requests_(arguments.number("requests", 20000)),
-        in_flight_(std::min(requests_, arguments.number("in-flight", 1))) {
-    times_.reserve(static_cast<size_t>(requests_));
+        in_flight_(std::min(requests_, arguments.number("in-flight", 1))),
+        trips_(requests_, in_flight_) {
     if (payload_bytes_ > 0) {
       large_ = xmpp_stanza_new_from_string(client_.context(), bench::make_request_payload(payload_bytes_).c_str());
     }
@@ -31,7 +31,7 @@ class Asker {
       span_ = bench::Span();
       while (sent_ < in_flight_) ask();
     });
-    bench::print_requests(span_, requests_, times_);
+    bench::print_requests(span_, requests_, trips_.microseconds());
   }
 
  private:
@@ -66,7 +66,7 @@ class Asker {
 
   void ask() {
     ++sent_;
-    begun_ = bench::Clock::now();
+    trips_.begin();
     char id[40];
     std::snprintf(id, sizeof id, "7f3a91c2b04d4e5f8a6b%012lx", sent_);
     const auto on_answer = [](xmpp_conn_t *, xmpp_stanza_t *, void *self) {
@@ -81,7 +81,7 @@ class Asker {
 
   void go_on() {
     ++answered_;
-    if (in_flight_ == 1) times_.push_back(bench::seconds_since(begun_) * 1e6);
+    trips_.end();
     if (sent_ < requests_) return ask();
     if (answered_ == requests_) client_.stop();
   }
@@ -92,9 +92,8 @@ class Asker {
   const long requests_, in_flight_;
   xmpp_stanza_t *large_ = nullptr;
   long sent_ = 0, answered_ = 0;
-  std::vector<double> times_;
+  bench::RoundTrips trips_;
   bench::Span span_;
-  bench::Clock::time_point begun_;
 };
 
 }  // namespace

@@ -93,6 +93,7 @@ def requests_in_flight():
         Series("libstrophe", flight_size("query_strophe", 30000), False, sizes[:-1], (1, 100)),
         Series("gloox", flight_size("query_gloox", 30000), False),
         Series("Warbler", flight_size("query_async", 200000)),
+        Series("libqlk, asynchronous queries", flight_size("query_pending", 200000)),
     ), (Panel("cpu_us", "CPU of a request, us", 0, 0.1),), ("libstrophe walks a list of handlers for every answer, and is left out at 10,000.",))
 
 

@@ -103,6 +103,9 @@ INSTRUCTIONS = Figure("instructions", "instructions, k", 1e-3)
 RATE = (Figure("per_second", "requests, k/s", 1e-3), Figure("cpu_us", "CPU of the client, us"))
 
 
+PENDING = "libqlk, asynchronous queries"
+
+
 def one_at_a_time():
     raw, sync, on_loop = "raw socket", "libqlk, synchronous call", "Warbler, completion on its thread"
     return Line("query", "query, one at a time, TLS", ROUND_TRIP + (INSTRUCTIONS,), (
@@ -110,6 +113,7 @@ def one_at_a_time():
         Contender("libstrophe", PEER, query("query_strophe", 20000, 200)),
         Contender("gloox", PEER, query("query_gloox", 20000, 200)),
         Contender(on_loop, OURS, query("query_async", 20000, 500)),
+        Contender(PENDING, OURS, query("query_pending", 20000, 500)),
         Contender(sync, OURS, query("query_sync", 20000)),
     ), (
         Goal("completion on the library's thread, ratio of p50 to the raw socket", lambda of: of(on_loop, "p50_us") / of(raw, "p50_us"), 1.15),
@@ -132,6 +136,7 @@ def in_flight():
         Contender("libstrophe", PEER, query("query_strophe", 40000, 200, in_flight=64)),
         Contender("gloox", PEER, query("query_gloox", 40000, 200, in_flight=64)),
         Contender(ours, OURS, query("query_async", 400000, 2000, in_flight=64)),
+        Contender(PENDING, OURS, query("query_pending", 400000, 2000, in_flight=64)),
     ), (
         Goal("requests a second, ratio to the raw socket", lambda of: of(ours, "per_second") / of(raw, "per_second"), 0.43, at_most=False,
              absolute=Goal("requests, k/s", lambda of: of(ours, "per_second") / 1e3, 250, at_most=False)),

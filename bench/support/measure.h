@@ -34,6 +34,26 @@ class Span {
   double cpu_begun_;
 };
 
+// How long each round trip takes, with one request in flight; with more nothing is timed, since nobody wants to know it.
+class RoundTrips {
+ public:
+  RoundTrips(long requests, long in_flight) : timed_(in_flight == 1) {
+    if (timed_) microseconds_.reserve(static_cast<size_t>(requests));
+  }
+  void begin() {
+    if (timed_) begun_ = Clock::now();
+  }
+  void end() {
+    if (timed_) microseconds_.push_back(seconds_since(begun_) * 1e6);
+  }
+  const std::vector<double> &microseconds() const { return microseconds_; }
+
+ private:
+  const bool timed_;
+  Clock::time_point begun_;
+  std::vector<double> microseconds_;
+};
+
 // One line of JSON with the figures of a run, for the driver to read.
 class Result {
  public:
