@@ -3,11 +3,13 @@
 //   connect --who WHO --port PORT --ca FILE --certificate FILE --key FILE [--domain NAME] [--user NAME] [--count COUNT]
 //
 // WHO is "raw" (prebuilt bytes: the limit), "warbler" (the XMPP layer), "libstrophe", "gloox", or "libqlk" (which goes on until
-// the controller has approved). It prints percentiles of the times from the call to the session. With a COUNT of 0 it connects
-// once and ends without another byte, for whoever counts the round trips.
+// the controller has approved). It prints percentiles of the times from the call to the session; a session is left in order, and
+// the next client made, before the clock starts again. With a COUNT of 0 it connects once and ends without another byte, for
+// whoever counts the round trips.
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 
 #include "support/gloox_client.h"
 #include "support/grid_client.h"
@@ -25,8 +27,7 @@ using Connect = std::function<void(const Bound &)>;
 void connect_raw(bench::RawClient &client, const Bound &bound) {
   client.connect();
   bound();
-  client.send("</stream:stream>");
-  client.disconnect();
+  client.leave();
 }
 
 class Warbler : public bench::WarblerClient::Events {
@@ -58,29 +59,48 @@ void connect_libqlk(bench::GridClient &client, const Bound &bound) {
   client.disconnect();
 }
 
+// A peer's client serves for one session. The next is made when the one before has ended, so that no connect has to wait for it.
 template <typename Client>
-void connect_peer(const bench::Target &target, const Bound &bound) {
+class Peer {
+ public:
+  explicit Peer(const bench::Target &target) : target_(target), client_(std::make_unique<Client>(target)) {}
+
+  void connect(const Bound &bound) {
+    client_->run([&] {
+      bound();
+      client_->leave();
+    });
+    client_.reset();
+    client_ = std::make_unique<Client>(target_);
+  }
+
+ private:
+  const bench::Target &target_;
+  std::unique_ptr<Client> client_;
+};
+
+using Repeat = std::function<void(const Connect &)>;
+
+// For a client whose connect leaves again.
+template <typename Client>
+void repeat_with(const bench::Target &target, const Repeat &repeat) {
   Client client(target);
-  client.run([&] {
-    bound();
-    client.stop();
-  });
+  repeat([&](const Bound &bound) { client.connect(bound); });
 }
 
-void connect_all(const std::string &who, const bench::Target &target, const std::function<void(const Connect &)> &repeat) {
+void connect_all(const std::string &who, const bench::Target &target, const Repeat &repeat) {
   if (who == "raw") {
     bench::RawClient client(target);
     repeat([&](const Bound &bound) { connect_raw(client, bound); });
   } else if (who == "warbler") {
-    Warbler client(target);
-    repeat([&](const Bound &bound) { client.connect(bound); });
+    repeat_with<Warbler>(target, repeat);
   } else if (who == "libqlk") {
     bench::GridClient client(target);
     repeat([&](const Bound &bound) { connect_libqlk(client, bound); });
   } else if (who == "libstrophe") {
-    repeat([&](const Bound &bound) { connect_peer<bench::StropheClient>(target, bound); });
+    repeat_with<Peer<bench::StropheClient>>(target, repeat);
   } else if (who == "gloox") {
-    repeat([&](const Bound &bound) { connect_peer<bench::GlooxClient>(target, bound); });
+    repeat_with<Peer<bench::GlooxClient>>(target, repeat);
   } else {
     bench::fail("nobody is called " + who);
   }

@@ -18,6 +18,11 @@ class GlooxClient : private gloox::ConnectionListener {
   // session.
   void run(std::function<void()> on_up);
   void stop() { stopped_ = true; }
+  // Ends the stream. It waits for nobody.
+  void leave() {
+    stop();
+    client_.disconnect();
+  }
   gloox::Client &client() { return client_; }
 
  private:

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -89,6 +90,14 @@ void RawClient::connect() {
   bound_ = true;
 }
 
+void RawClient::leave() {
+  send("</stream:stream>");
+  Counter end("</stream:stream>");
+  for (std::string_view piece = read(); !piece.empty() && end.count(piece) == 0; piece = read()) {
+  }
+  disconnect();
+}
+
 void RawClient::disconnect() {
   if (fd_ < 0) return;
   ssl_.reset();
@@ -106,7 +115,7 @@ void RawClient::send(std::string_view bytes) {
   }
 }
 
-std::string_view RawClient::receive() {
+std::string_view RawClient::read() {
   if (!bound_) {
     // While a session comes up the server writes in small pieces, and holds the next back until the last is acknowledged. The
     // kernel forgets the option as it goes.
@@ -114,8 +123,13 @@ std::string_view RawClient::receive() {
     setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
   }
   const ssize_t got = ssl_ != nullptr ? SSL_read(ssl_.get(), buffer_.get(), kReadBytes) : recv(fd_, buffer_.get(), kReadBytes, 0);
-  if (got <= 0) fail("the server has closed the connection");
-  return {buffer_.get(), static_cast<size_t>(got)};
+  return {buffer_.get(), static_cast<size_t>(std::max<ssize_t>(got, 0))};
+}
+
+std::string_view RawClient::receive() {
+  const std::string_view piece = read();
+  if (piece.empty()) fail("the server has closed the connection");
+  return piece;
 }
 
 void RawClient::wait_for(std::string_view text) {

@@ -41,6 +41,8 @@ class RawClient {
   // Comes to a bound session in as few round trips as XMPP allows: stream and STARTTLS, TLS 1.3, stream and SASL, stream and
   // binding. Ends the program with a message when it fails.
   void connect();
+  // Ends the stream, waits until the server has done so too, and disconnects.
+  void leave();
   void disconnect();
 
   void send(std::string_view bytes);
@@ -50,6 +52,8 @@ class RawClient {
   void wait_for(std::string_view text);
 
  private:
+  std::string_view read();  // empty at the end
+
   const Target &target_;
   std::unique_ptr<SSL_CTX, void (*)(SSL_CTX *)> context_;
   std::unique_ptr<SSL, void (*)(SSL *)> ssl_;

@@ -30,6 +30,7 @@ void StropheClient::run(std::function<void()> on_up) {
     StropheClient &self = *static_cast<StropheClient *>(arg);
     if (event == XMPP_CONN_CONNECT) return self.on_up_();
     if (!self.stopped_) fail("libstrophe has no session");
+    xmpp_stop(self.context_);
   };
   if (xmpp_connect_client(connection_, "127.0.0.1", target_.port, handler, this) != XMPP_EOK) fail("libstrophe cannot connect");
   xmpp_run(context_);

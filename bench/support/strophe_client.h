@@ -24,6 +24,12 @@ class StropheClient {
     xmpp_stop(context_);
   }
 
+  // Ends the stream, and stops when the server has done so too.
+  void leave() {
+    stopped_ = true;
+    xmpp_disconnect(connection_);
+  }
+
   xmpp_ctx_t *context() { return context_; }
   xmpp_conn_t *connection() { return connection_; }
 
