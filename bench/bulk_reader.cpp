@@ -84,7 +84,8 @@ int main(int argc, char **argv) {
   if (outcome.items != arguments.number("items", 0))
     bench::fail("items are missing: there were " + std::to_string(outcome.items));
   bench::Result()
-      .add("mb_per_second", static_cast<double>(outcome.bytes) / span.seconds() / 1e6)
-      .add("peak_mib", static_cast<double>(bench::peak_resident_kib() - before) / 1024)
+      .add("seconds", span.seconds())
+      .add("bytes", static_cast<double>(outcome.bytes))
+      .add("peak_kib", static_cast<double>(bench::peak_resident_kib() - before))
       .print();
 }

@@ -119,9 +119,7 @@ def payloads():
 
 def bulk_items():
     def run(bench, count, _):
-        grid = bench.grid()
-        return bench.run("bulk_items", url=grid["bulk_url"], ca=grid["ca"], certificate=grid["certificate"], key=grid["key"], user=programs.USER,
-                         items=count)
+        return bench.run("bulk_items", user=programs.USER, items=count, **bench.bulk_options())
     return Growth("bulk-items", "items of a bulk download", "items of 600 bytes", (1, 10, 100, 1000, 10000, 100000, 1000000), (1, 100, 10000),
                   (Series("libqlk", run),), (
                       Panel("cpu_ms", "CPU, ms", 1, 0.5),

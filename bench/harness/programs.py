@@ -140,13 +140,17 @@ class Bench:
             run("up")
             values = dict(line.partition("=")[::2] for line in run("env").splitlines())
             certificate, key = run("enroll", USER).splitlines()[:2]
-            self.grid_values = {"folder": folder, "port": values["QUILLON_GRID_PORT"], "ca": values["QUILLON_GRID_CA"], "certificate": certificate,
-                                "key": key, "bulk_url": values["QUILLON_GRID_BULK_URL"], "command": command[0]}
+            self.grid_values = {"port": values["QUILLON_GRID_PORT"], "ca": values["QUILLON_GRID_CA"], "certificate": certificate,
+                                "key": key, "bulk_url": values["QUILLON_GRID_BULK_URL"]}
         return self.grid_values
 
     def grid_options(self, port=None):
         values = self.grid()
         return {"port": port or values["port"], "ca": values["ca"], "certificate": values["certificate"], "key": values["key"]}
+
+    def bulk_options(self):
+        values = self.grid()
+        return {"url": values["bulk_url"], "ca": values["ca"], "certificate": values["certificate"], "key": values["key"]}
 
     def password_options(self, port=None):
         """The options of a client that comes with a password, to a server of the same make as the grid's."""

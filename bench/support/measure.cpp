@@ -51,7 +51,7 @@ double percentile(std::vector<double> values, double share) {
 
 Result &Result::add(const std::string &name, double value) {
   char text[64];
-  std::snprintf(text, sizeof text, "%.9g", value);
+  std::snprintf(text, sizeof text, "%.12g", value);
   if (!fields_.empty()) fields_ += ", ";
   fields_.append("\"").append(name).append("\": ").append(text);
   return *this;
