@@ -26,7 +26,8 @@ class Failed(Exception):
 
 
 def install_packages():
-    """Installs what scripts/packages-bench.txt lists and is missing."""
+    """Installs what the library and the grid need, and what scripts/packages-bench.txt lists, as far as it is missing."""
+    subprocess.run([os.path.join(ROOT, "scripts", "install-dependencies")], check=True, stdin=subprocess.DEVNULL)
     wanted = []
     with open(os.path.join(ROOT, "scripts", "packages-bench.txt"), encoding="ascii") as file:
         for line in file:
@@ -36,11 +37,10 @@ def install_packages():
     missing = [package for package in wanted if package not in installed]
     if not missing:
         return
-    command = ["apt-get", "-q", "-y", "-o", "DPkg::Lock::Timeout=600", "install", "--no-install-recommends", *missing]
     print("Installing:", *missing)
-    if os.geteuid() != 0:
-        command = ["sudo", "--", *command]
-    subprocess.run(command, check=True, stdin=subprocess.DEVNULL, env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
+    apt = [*([] if os.geteuid() == 0 else ["sudo", "--"]), "env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "-q", "-y", "-o", "DPkg::Lock::Timeout=600"]
+    subprocess.run([*apt, "update"], check=False, stdin=subprocess.DEVNULL)  # without a network the lists that are here may do
+    subprocess.run([*apt, "install", "--no-install-recommends", *missing], check=True, stdin=subprocess.DEVNULL)
 
 
 def build(folder):
