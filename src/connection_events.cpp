@@ -43,6 +43,13 @@ bool calls_for_restraint(const wb_dom_node *error) {
          wb_dom_get_first_element(error, "{urn:ietf:params:xml:ns:xmpp-streams}policy-violation") != nullptr;
 }
 
+// Tells whether the connection was part of the grid; from here on it does not become that with this session any more.
+bool begin_end(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  connection.extra->session.wanted = false;
+  return connection.is_grid_connected;
+}
+
 void mark_disconnected(quillon_connection &connection, bool calls_for_restraint) {
   const std::lock_guard lock(connection.extra->mutex);
   if (connection.is_grid_connected) connection.extra->lost_at = std::chrono::steady_clock::now();
@@ -63,7 +70,7 @@ void _client_disconnected_callback(wb_event_data *event, void *arg) {
   const qlk::ConnectionHold hold(*connection);
   const auto *error = static_cast<const wb_dom_node *>(event->data);
   const bool restrains = error != nullptr && calls_for_restraint(error);
-  const QUILLON_STATUS status = qlk::disconnect_status(error, connection->is_grid_connected);
+  const QUILLON_STATUS status = qlk::disconnect_status(error, begin_end(*connection));
   const auto callback =
       qlk::user_callback(*connection, &_quillon_connection::disconnect_cb, &_quillon_connection::disconnect_cb_user_data);
   if (callback.function != nullptr) callback.function(connection, status, callback.user_data);

@@ -23,7 +23,7 @@ struct SessionState {
   unsigned number = 0;  // tells one session from the next
   bool open = false;    // from wb_client_connect until "clientDisconnected"
   bool posted = false;  // wb_client_connect has returned: what is put on the loop from now on comes after it
-  bool wanted = false;  // a connect waits for it or has got it; one that comes up unwanted is ended at once
+  bool wanted = false;  // a connect waits for it or has got it, and its end has not begun; one that comes up unwanted is ended
 };
 
 struct ConnectionPrivate {

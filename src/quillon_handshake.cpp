@@ -383,8 +383,9 @@ QUILLON_STATUS wait_for_approval(quillon_connection &connection) {
 
 // False when the session has ended meanwhile, or its end is on its way.
 bool mark_grid_connected(quillon_connection &connection) {
+  const qlk::ConnectionPrivate &extra = *connection.extra;
   const std::lock_guard lock(connection.extra->mutex);
-  if (!connection.is_xmpp_connected || connection.extra->cancelled || connection.extra->destroyed) return false;
+  if (!connection.is_xmpp_connected || !extra.session.wanted || extra.cancelled || extra.destroyed) return false;
   connection.is_grid_connected = true;
   qlk::note_phase_locked(connection);
   return true;

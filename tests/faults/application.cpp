@@ -66,11 +66,15 @@ Application::Application() : config_(nullptr, quillon_config_destroy), connectio
   quillon_config_set_server_cert_chain_filename(config, identities.authority.certificate().c_str());
   quillon_connection_set_config(connection(), config);
   quillon_connection_set_disconnect_cb(connection(), [](quillon_connection *, QUILLON_STATUS status, void *self) {
-    static_cast<Application *>(self)->note([status](Seen &seen) { seen.disconnected.push_back(status); });
+    auto &application = *static_cast<Application *>(self);
+    application.note([status](Seen &seen) { seen.disconnected.push_back(status); });
+    application.run(&Application::within_disconnect_cb_);
   });
   quillon_connection_set_disconnect_cb_user_data(connection(), this);
   quillon_connection_set_account_cb(connection(), [](quillon_connection *, QUILLON_STATUS status, void *self) {
-    static_cast<Application *>(self)->note([status](Seen &seen) { seen.account.push_back(status); });
+    auto &application = *static_cast<Application *>(self);
+    application.note([status](Seen &seen) { seen.account.push_back(status); });
+    application.run(&Application::within_account_cb_);
   });
   quillon_connection_set_account_cb_user_data(connection(), this);
   quillon_connection_set_connect_cb(connection(), [](quillon_connection *, void *self) {
@@ -96,6 +100,12 @@ void Application::allow(unsigned opening, unsigned answer) {
 }
 
 void Application::probe_after(unsigned idle) { put("idle_probe_seconds", probe_, idle); }
+
+QUILLON_STATUS Application::connect() {
+  const QUILLON_STATUS status = quillon_connection_connect(connection());
+  note([](Seen &seen) { ++seen.returned; });
+  return status;
+}
 
 QUILLON_STATUS Application::ask(const std::string &name) {
   test_support::Node request = test_support::parse("<" + name + " xmlns='urn:test'/>");
@@ -126,6 +136,19 @@ bool Application::wait_ended(seconds deadline) {
 
 void Application::forget_seen() {
   note([](Seen &seen) { seen = {}; });
+}
+
+void Application::run_within(std::function<void()> disconnect_cb, std::function<void()> account_cb) {
+  const std::lock_guard lock(mutex_);
+  within_disconnect_cb_ = std::move(disconnect_cb);
+  within_account_cb_ = std::move(account_cb);
+}
+
+void Application::run(const std::function<void()> Application::*function) {
+  std::unique_lock lock(mutex_);
+  const std::function<void()> wanted = this->*function;
+  lock.unlock();
+  if (wanted) wanted();
 }
 
 void Application::note(const std::function<void(Seen &)> &change) {

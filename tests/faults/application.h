@@ -60,7 +60,7 @@ struct Resources {
 
 struct Seen {
   Statuses disconnected, account;
-  unsigned connected = 0;
+  unsigned connected = 0, returned = 0;  // calls of connect_cb; connects that have returned
 };
 
 class Application {
@@ -81,7 +81,7 @@ class Application {
   // How long a link may be silent before it is probed, in seconds.
   void probe_after(unsigned idle);
 
-  QUILLON_STATUS connect() { return quillon_connection_connect(connection()); }
+  QUILLON_STATUS connect();
   QUILLON_STATUS disconnect() { return quillon_connection_disconnect(connection()); }
   bool is_connected() { return quillon_connection_is_connected(connection()); }
   // A query to the controller, which a good peer sends back as it came.
@@ -93,11 +93,14 @@ class Application {
   // The session has ended: disconnect_cb was called, and the library is done with it.
   bool wait_ended(seconds deadline = kSoon);
   void forget_seen();
+  // Run within the two callbacks, once those are noted.
+  void run_within(std::function<void()> disconnect_cb, std::function<void()> account_cb);
 
   std::string log() const { return log_.all(); }
 
  private:
   void note(const std::function<void(Seen &)> &change);
+  void run(const std::function<void()> Application::*function);
   void put(const char *key, std::string &place, unsigned value);
 
   const test_support::QuillonLogCapture log_;
@@ -108,6 +111,7 @@ class Application {
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   Seen seen_;
+  std::function<void()> within_disconnect_cb_, within_account_cb_;
 };
 
 // What every row has in common. The resources are counted once the connection has been up and down again, without any server in

@@ -236,6 +236,18 @@ const PendingRow kPendings[] = {
      .status = QUILLON_STATUS_OK,
      .disconnected = {},
      .account = {QUILLON_STATUS_ACCOUNT_ENABLED}},
+    // The application hears of the session's end before the connect thread goes on.
+    {.name = "EnabledAsTheSessionEnds",
+     .then =
+         [](Application &application, ScriptedPeer &peer) {
+           application.run_within(
+               [&] { EXPECT_TRUE(application.wait_until([](const Seen &seen) { return seen.returned > 0; })); },
+               [&] { EXPECT_TRUE(application.wait_until([](const Seen &seen) { return !seen.disconnected.empty(); })); });
+           peer.notify(update("enabled"));
+           EXPECT_TRUE(application.wait_until([](const Seen &seen) { return seen.account.size() > 1; }));
+           peer.newest()->close();
+         },
+     .account = {QUILLON_STATUS_ACCOUNT_ENABLED}},
     {.name = "Disabled",
      .then = [](Application &, ScriptedPeer &peer) { peer.notify(update("disabled")); },
      .account = {QUILLON_STATUS_ACCOUNT_DISABLED}},
