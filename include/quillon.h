@@ -518,7 +518,8 @@ QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_warning(quillon_conf
  * from the next connect on. The first stanza that is dropped is logged as a warning, under the conditions of
  * quillon_config_set_handler_queue_warning; a full queue is worth that warning, too. A request that is dropped is not answered,
  * so that its sender asks another publisher when its time-out is over. What the controller says of the account and of publishers
- * is never dropped.
+ * is taken nevertheless, until 1000 more than the bound wait; then the session is ended, whatever is chosen, as it must not go
+ * on without that.
  *   A session that is ended so is reported to disconnect_cb as QUILLON_STATUS_CONNECTION_ERROR; what waits is handled all the
  * same, and it is the application that connects again.
  * stanzas: 1 and more; 0: no bound

@@ -9,6 +9,7 @@
 #include "owners.h"
 #include "quillon_config.h"
 #include "quillon_lib.h"
+#include "quillon_notification.h"
 
 namespace {
 
@@ -98,10 +99,12 @@ wb_dom_node *stanza_of(const wb_event_data *event) {
   return event != nullptr ? static_cast<wb_dom_node *>(event->data) : nullptr;
 }
 
-// A stanza found its queue full. Those that come after it, until the session has ended, do nothing more.
-void end_overflowing_session(const quillon_connection &connection) {
+// A stanza found its queue full. Those that come after it, until the session has ended, do nothing more. Without a word of the
+// controller the connection would go on with an account and publishers that are no longer so.
+void end_overflowing_session(const quillon_connection &connection, bool is_needed) {
   const quillon_config *config = connection.config;
-  if (config == nullptr || config->handler_queue_overflow != QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE) return;
+  const bool is_wanted = config != nullptr && config->handler_queue_overflow == QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE;
+  if (!is_wanted && !is_needed) return;
   {
     const std::lock_guard lock(connection.extra->mutex);
     if (!std::exchange(connection.extra->session.wanted, false)) return;
@@ -116,7 +119,7 @@ void _client_message_received_callback(wb_event_data *event, void *arg) {
   wb_dom_node *stanza = stanza_of(event);
   if (connection == nullptr || stanza == nullptr || connection->notification == nullptr) return;
   if (quillon_notification_handle(connection->notification, stanza) == QUILLON_STATUS_UNKNOWN)
-    end_overflowing_session(*connection);
+    end_overflowing_session(*connection, qlk::is_from_controller(stanza));
 }
 
 void _client_iq_received_callback(wb_event_data *event, void *arg) {
@@ -124,7 +127,7 @@ void _client_iq_received_callback(wb_event_data *event, void *arg) {
   auto *connection = static_cast<quillon_connection *>(arg);
   wb_dom_node *stanza = stanza_of(event);
   if (connection == nullptr || stanza == nullptr || connection->query == nullptr) return;
-  if (quillon_query_handle(connection->query, stanza) == QUILLON_STATUS_UNKNOWN) end_overflowing_session(*connection);
+  if (quillon_query_handle(connection->query, stanza) == QUILLON_STATUS_UNKNOWN) end_overflowing_session(*connection, false);
 }
 
 void _client_destroyed_callback(wb_event_data *, void *arg) {

@@ -77,7 +77,8 @@ quillon_handler_queue_usage DispatchThread::usage() const {
 
 // At or above the warning: logs what is new, and tells whether the stanza may stay.
 bool DispatchThread::admit(size_t depth, Admission admission) {
-  if (admission == Admission::kAlways || depth <= bound_.load(std::memory_order_relaxed)) {
+  const size_t reserved = admission == Admission::kNeeded ? std::min(depth, kReserve) : 0;
+  if (depth - reserved <= bound_.load(std::memory_order_relaxed)) {
     if (raise(Alarm::kHigh)) wb_log(WB_LOG_WARN, "%zu %s wait for their handler, which is too slow for them", depth, content_);
     return true;
   }

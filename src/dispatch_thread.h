@@ -22,11 +22,12 @@ class DispatchThread {
   // What may wait, in stanzas. Both are at least 1.
   struct Limits {
     size_t warning = SIZE_MAX;  // so many are worth a warning
-    size_t bound = SIZE_MAX;    // more are not taken
+    size_t bound = SIZE_MAX;    // more are not taken, but for those that are needed
   };
 
-  // Whether the bound holds for a stanza.
-  enum class Admission { kBounded, kAlways };
+  // A stanza that is needed is still taken when the queue is full, until this many more than the bound wait.
+  enum class Admission { kBounded, kNeeded };
+  static constexpr size_t kReserve = 1000;
 
   // Handles one stanza, which is released when the function returns.
   using Handler = void (*)(void *owner, wb_dom_node *stanza);

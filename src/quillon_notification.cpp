@@ -49,12 +49,6 @@ bool comes_from(std::string_view from, std::string_view jid) {
   return any_resource && from.size() > jid.size() && from.substr(0, jid.size()) == jid && from[jid.size()] == '/';
 }
 
-// What keeps account and publishers right, which no flood of notifications may push out.
-bool is_from_controller(const wb_dom_node *message) {
-  const char *from = wb_dom_get_attribute(message, "from");
-  return from != nullptr && comes_from(from, CONTROLLER_JID);
-}
-
 // A server may tell a client about its subscription by message: that is no notification, and nothing is wrong with it.
 bool is_subscription_event(const wb_dom_node *child_of_event) {
   return std::strcmp(wb_dom_get_ename(child_of_event), "{" PUBSUB_NS "#event}subscription") == 0;
@@ -237,6 +231,11 @@ QUILLON_STATUS publish(_quillon_notification &notification, const quillon_capabi
 
 }  // namespace
 
+bool qlk::is_from_controller(const wb_dom_node *message) {
+  const char *from = wb_dom_get_attribute(message, "from");
+  return from != nullptr && comes_from(from, CONTROLLER_JID);
+}
+
 void qlk::notification_stop(quillon_notification *notification) {
   if (notification != nullptr) notification->notf_handler.stop();
 }
@@ -307,9 +306,9 @@ QUILLON_STATUS quillon_notification_register_handler(quillon_notification *notif
 QUILLON_STATUS quillon_notification_handle(quillon_notification *notification, wb_dom_node *message) {
   if (notification == nullptr) return qlk::refuse("notification is null");
   qlk::DispatchThread &queue = notification->notf_handler;
-  const bool is_needed = queue.is_full() && is_from_controller(message);
+  const bool is_needed = queue.is_full() && qlk::is_from_controller(message);
   const QUILLON_STATUS status =
-      queue.push(message, is_needed ? qlk::DispatchThread::Admission::kAlways : qlk::DispatchThread::Admission::kBounded);
+      queue.push(message, is_needed ? qlk::DispatchThread::Admission::kNeeded : qlk::DispatchThread::Admission::kBounded);
   if (status == QUILLON_STATUS_WB_ERROR) wb_log(WB_LOG_ERROR, "quillon_notification_handle retain failed");
   if (status == QUILLON_STATUS_MALLOC_ERROR) qlk::out_of_memory(__func__);
   return status;

@@ -37,6 +37,9 @@ struct _quillon_notification {
 
 namespace qlk {
 
+// Whether it keeps account and publishers right, which no flood of notifications may push out.
+bool is_from_controller(const wb_dom_node *message);
+
 // Ends the dispatch thread.
 // Thread: any; on the dispatch thread itself the loop ends when the callback returns.
 void notification_stop(quillon_notification *notification);

@@ -50,6 +50,7 @@ struct FloodRow {
   QUILLON_HANDLER_QUEUE queue;
   int bound;
   QUILLON_HANDLER_QUEUE_OVERFLOW overflow = QUILLON_HANDLER_QUEUE_OVERFLOW_DROP;
+  size_t reserve = 0;  // for the controller, in whose name the flood comes then
 
   friend void PrintTo(const FloodRow &row, std::ostream *out) { *out << row.name; }
 };
@@ -78,6 +79,8 @@ class Flood : public FaultTest, public testing::WithParamInterface<FloodRow> {
     if (GetParam().queue == QUILLON_HANDLER_QUEUE_QUERIES)
       return "<iq type='get' id='flood' from='bob@" GRID_DOMAIN "/qlk'><grid xmlns='quillon' type='request'>" + payload +
              "</grid></iq>";
+    if (GetParam().reserve > 0)
+      return "<message from='" CONTROLLER_JID "'><grid xmlns='quillon' type='notification'>" + payload + "</grid></message>";
     return "<message from='" PUBSUB_JID
            "'><event xmlns='http://jabber.org/protocol/pubsub#event'><items node='n'><item>"
            "<grid xmlns='quillon' type='notification'>" +
@@ -90,7 +93,7 @@ class Flood : public FaultTest, public testing::WithParamInterface<FloodRow> {
     peer.send(stanza(0));
     ASSERT_TRUE(slow_.wait_handled(1)) << application_.log();
     std::string stanzas;
-    for (size_t i = 1; i <= kFlood; ++i) stanzas += stanza(i);
+    for (size_t i = 1; i <= kFlood + GetParam().reserve; ++i) stanzas += stanza(i);
     peer.send(stanzas);
   }
 
@@ -169,13 +172,14 @@ TEST_P(ClosingFlood, EndsTheSession) {
   EXPECT_EQ(1U, logged("the session is ended: a handler queue is full")) << application_.log();
   EXPECT_EQ(1U, logged(kDropping)) << application_.log();
   EXPECT_LE(1U, usage().dropped);
-  expect_handled(kBound);
+  expect_handled(kBound + GetParam().reserve);
   expect_recovery(std::move(peer));
 }
 
 const FloodRow kEndingFloods[] = {
     {"Notifications", QUILLON_HANDLER_QUEUE_NOTIFICATIONS, kBound, QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE},
     {"Queries", QUILLON_HANDLER_QUEUE_QUERIES, kBound, QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE},
+    {"WordsOfTheController", QUILLON_HANDLER_QUEUE_NOTIFICATIONS, kBound, QUILLON_HANDLER_QUEUE_OVERFLOW_DROP, 1000},
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, ClosingFlood, testing::ValuesIn(kEndingFloods), kNameOfRow);
