@@ -1229,7 +1229,7 @@ typedef struct _quillon_bulkdownload_iter quillon_bulkdownload_iter;
 
 /* Prepares the TLS context, an OpenSSL SSL_CTX *, of the transfer that begins: certificate, key, trusted CAs, verification. On
  * the transfer thread. quillon_config_fill_ssl_ctx(config, ssl_ctx, true) does what the library would. A context that does not
- * verify accepts every certificate that bears the host's name. */
+ * verify accepts every certificate that bears the host's name. TLS is 1.2 or newer, whatever it sets. */
 typedef void (*quillon_bulkdownload_ssl_ctx_cb)(quillon_bulkdownload *bulkdownload, void *ssl_ctx, void *user_data);
 
 /* Reserved: the library calls no function of this type. */
@@ -1252,7 +1252,8 @@ QUILLON_API QUILLON_STATUS quillon_bulkdownload_create(quillon_bulkdownload **bu
 QUILLON_API QUILLON_STATUS quillon_bulkdownload_destroy(quillon_bulkdownload **bulkdownload);
 
 /* Sets what fills the TLS context, and what is passed to it. Until then the configuration fills it. NULL callback: nothing does,
- * so that there is no client certificate and the server is not verified. */
+ * so that there is no client certificate, the server is not verified, and the HTTP library writes the session's keys to a file
+ * that the variable SSLKEYLOGFILE of the environment names. */
 QUILLON_API void quillon_bulkdownload_set_ssl_ctx_cb(quillon_bulkdownload *bulkdownload,
                                                      quillon_bulkdownload_ssl_ctx_cb callback);
 QUILLON_API void quillon_bulkdownload_set_ssl_ctx_cb_user_data(quillon_bulkdownload *bulkdownload, void *user_data);

@@ -124,6 +124,10 @@ void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
   // A handshake that cannot go on, for want of memory for example, fails after this and not after five minutes.
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
   curl_easy_setopt(handle, CURLOPT_PROXY, "");  // else one is taken from the environment
+  curl_easy_setopt(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  // Else curl adds the authorities that the system trusts to those of the TLS context.
+  curl_easy_setopt(handle, CURLOPT_CAINFO, nullptr);
+  curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
 #if LIBCURL_VERSION_NUM >= 0x075700
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // a name that is still being looked up does not hold a close
 #endif
@@ -287,10 +291,14 @@ int qlk::curl_logtrace(CURL * /*handle*/, curl_infotype type, char *data, size_t
 CURLcode qlk::_ssl_ctx_cb(CURL * /*curl*/, void *sslctx, void *parm) {
   trace(__func__);
   if (parm == nullptr) return CURLE_GOT_NOTHING;
+  auto *const context = static_cast<SSL_CTX *>(sslctx);
   // curl lets the environment name a file for the session's secrets.
-  if (sslctx != nullptr) SSL_CTX_set_keylog_callback(static_cast<SSL_CTX *>(sslctx), nullptr);
+  if (context != nullptr) SSL_CTX_set_keylog_callback(context, nullptr);
   quillon_bulkdownload &bulkdownload = *static_cast<quillon_bulkdownload_iter *>(parm)->bulkdownload;
   const TlsCallback callback = tls_callback_of(bulkdownload);
   if (callback.function != nullptr) callback.function(&bulkdownload, sslctx, callback.user_data);
+  if (context != nullptr && SSL_CTX_get_min_proto_version(context) < TLS1_2_VERSION) {
+    SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+  }
   return CURLE_OK;
 }

@@ -219,10 +219,15 @@ TEST_F(BulkTest, ASilentServerDoesNotHoldAClose) {
   for (const Moment moment : {Moment::in_tls, Moment::before_the_answer, Moment::in_the_document, Moment::between_items}) {
     SCOPED_TRACE(static_cast<int>(moment));
     HttpsPeer::Options options = peer_options();
-    if (moment == Moment::in_tls) options.silence = HttpsPeer::Silence::before_tls;
-    if (moment == Moment::before_the_answer) options.silence = HttpsPeer::Silence::before_answer;
+    if (moment == Moment::in_tls) {
+      options.instead_of_tls = [](Exchange &exchange) {
+        exchange.stay_silent();
+        return false;
+      };
+    }
     std::atomic<bool> has_answered = false;
     options.answer = [&](Exchange &exchange) {
+      if (moment == Moment::before_the_answer) return exchange.stay_silent();
       exchange.begin();
       exchange.send(moment == Moment::in_the_document ? "<r><c><i>" : "<r><c><i/>");
       has_answered = true;

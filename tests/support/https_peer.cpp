@@ -17,9 +17,18 @@ void require(bool done, const char *what) {
   if (!done) throw std::runtime_error(std::string("the test's HTTPS service: ") + what);
 }
 
+int number_of(testpeer::TlsVersion version) {
+  if (version == testpeer::TlsVersion::tls_1_1) return TLS1_1_VERSION;
+  return version == testpeer::TlsVersion::tls_1_2 ? TLS1_2_VERSION : TLS1_3_VERSION;
+}
+
 SslContextPtr make_context(const HttpsPeer::Options &options) {
   SslContextPtr context(SSL_CTX_new(TLS_server_method()));
   require(context != nullptr, "no TLS context");
+  // What is older than 1.2 signs with what the usual level refuses.
+  if (options.tls_version_min < testpeer::TlsVersion::tls_1_2) SSL_CTX_set_security_level(context.get(), 0);
+  SSL_CTX_set_min_proto_version(context.get(), number_of(options.tls_version_min));
+  SSL_CTX_set_max_proto_version(context.get(), number_of(options.tls_version_max));
   SSL_CTX_set_num_tickets(context.get(), 0);
   SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
   require(SSL_CTX_use_certificate_chain_file(context.get(), options.certificate.certificate.c_str()) == 1 &&
@@ -118,13 +127,16 @@ void HttpsPeer::reap() {
 void HttpsPeer::serve(ServerSocket &socket) {
   std::string request;
   Exchange exchange(socket, "");
-  if (options_.silence == Silence::before_tls) return exchange.stay_silent();
+  const bool speaks_tls = !options_.instead_of_tls || options_.instead_of_tls(exchange);
+  if (!speaks_tls) {
+    socket.finish();
+    return exchange.stay_silent();
+  }
   if (!socket.start_tls(tls_.get()) || !read_request(socket, request)) return;
   {
     const std::lock_guard lock(mutex_);
     requests_.push_back(request);
   }
-  if (options_.silence == Silence::before_answer) return exchange.stay_silent();
   Exchange answered(socket, request);
   options_.answer(answered);
   socket.finish();

@@ -7,7 +7,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <qlk/testpeer/certificates.hpp>
+#include <qlk/testpeer/script.hpp>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -21,15 +21,15 @@ class HttpsPeer {
  public:
   class Exchange;
 
-  // At which point it says nothing more, and keeps the connection.
-  enum class Silence { none, before_tls, before_answer };
-
   struct Options {
     testpeer::Credentials certificate;  // of the service
     std::string client_authority;       // a file: the client's certificate must chain to it
-    Silence silence = Silence::none;
-    // Answers one request, on the connection's thread; the connection ends when it returns.
-    std::function<void(Exchange &)> answer;
+    testpeer::TlsVersion tls_version_min = testpeer::TlsVersion::tls_1_2, tls_version_max = testpeer::TlsVersion::tls_1_3;
+    // Instead of the handshake, in plain text; true: it follows after all. Both this and the answer are on the connection's
+    // thread.
+    std::function<bool(Exchange &)> instead_of_tls = {};
+    // Answers one request; the connection ends in order when it returns.
+    std::function<void(Exchange &)> answer = {};
   };
 
   explicit HttpsPeer(Options options);
@@ -83,6 +83,8 @@ class HttpsPeer::Exchange {
   // Says nothing more; returns when the client is gone.
   void stay_silent();
   void reset() { socket_.reset(); }
+  // TCP ends, without TLS having said so.
+  void truncate() { socket_.truncate(); }
 
  private:
   ServerSocket &socket_;

@@ -129,6 +129,8 @@ void ServerSocket::finish() {
   shutdown(fd_, SHUT_WR);
 }
 
+void ServerSocket::truncate() { shutdown(fd_, SHUT_WR); }
+
 void ServerSocket::reset() {
   // A socket that is disconnected by force, rather than closed, keeps its descriptor for the other threads.
   const sockaddr unspecified{AF_UNSPEC, {}};

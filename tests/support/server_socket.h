@@ -36,6 +36,8 @@ class ServerSocket {
 
   // No more is written; what was written still arrives.
   void finish();
+  // The same, without TLS saying so.
+  void truncate();
   // The peer sees a reset.
   void reset();
   // Ends a read or write that waits; both fail from here on.
