@@ -30,10 +30,14 @@ class Goal:
     """What ours must reach: value is given a function that returns the median of a contender's figure.
 
     On another machine the same program takes another time, so what decides is, where a limit was measured in the same run, the proportion
-    to that. absolute is then the goal as it was set for one machine: it is told and judged too, and does not decide."""
+    to that. absolute is then the goal as it was set for one machine: it is told and judged too, and does not decide. The goal belongs to a
+    contender's figure, and mark tells, of the same function, at which value of that figure it stands."""
     text: str
+    contender: str
+    figure: str
     value: typing.Callable
     bound: float
+    mark: typing.Callable
     at_most: bool = True
     absolute: typing.Optional["Goal"] = None
 
@@ -42,10 +46,19 @@ class Goal:
 
     def judge(self, of):
         value = self.value(of)
-        judged = {"text": self.text, "value": value, "bound": self.bound, "at_most": self.at_most, "met": self.met(value)}
+        judged = {"text": self.text, "value": value, "bound": self.bound, "at_most": self.at_most, "met": self.met(value),
+                  "contender": self.contender, "figure": self.figure, "mark": self.mark(of)}
         if self.absolute is not None:
             judged["absolute"] = self.absolute.judge(of)
         return judged
+
+
+def figure_goal(text, ours, figure, bound, scale=1, **options):
+    return Goal(text, ours, figure, lambda of: of(ours, figure) * scale, bound, lambda of: bound / scale, **options)
+
+
+def ratio_goal(text, ours, limit, figure, bound, **options):
+    return Goal(text, ours, figure, lambda of: of(ours, figure) / of(limit, figure), bound, lambda of: bound * of(limit, figure), **options)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -57,6 +70,10 @@ class Line:
     goals: tuple = ()
     rounds: int = 0  # 0: as many as the run has
     notes: tuple = ()
+
+    def plotted(self):
+        """The figures that have a goal, or else the first."""
+        return [figure for figure in self.figures if figure.key in {goal.figure for goal in self.goals}] or list(self.figures[:1])
 
 
 # --- parsing
@@ -73,7 +90,7 @@ def parse_line(stanza, mode):
     contenders += [parse_contender(peer, PEER, "parse_peers", stanza, peer=peer, mode=mode) for peer in ("libxml2", "gloox", "libstrophe", "pugixml")]
     contenders.append(parse_contender("libqlk", OURS, "parse_ours", stanza, mode=mode))
     bound = 1.15 if mode == "parse" else 1.35
-    goal = Goal("ratio to expat", lambda of: of("libqlk", "instructions") / of("expat, empty handlers", "instructions"), bound)
+    goal = ratio_goal("ratio to expat", "libqlk", "expat, empty handlers", "instructions", bound)
     title = f"{STANZAS[stanza]}: bytes to a tree" + (" and back to bytes" if mode == "write" else "")
     return Line(f"{mode}-{stanza}", title, (Figure("instructions", "instructions a stanza"),), tuple(contenders), (goal,), 1,
                 ("Instruction counts repeat to a tenth of a per cent, so one round tells all. pugixml and libstrophe parse a document a stanza, the others "
@@ -116,8 +133,8 @@ def one_at_a_time():
         Contender(PENDING, OURS, query("query_pending", 20000, 500)),
         Contender(sync, OURS, query("query_sync", 20000)),
     ), (
-        Goal("completion on the library's thread, ratio of p50 to the raw socket", lambda of: of(on_loop, "p50_us") / of(raw, "p50_us"), 1.15),
-        Goal("synchronous call, ratio of p50 to the raw socket", lambda of: of(sync, "p50_us") / of(raw, "p50_us"), 1.6),
+        ratio_goal("completion on the library's thread, ratio of p50 to the raw socket", on_loop, raw, "p50_us", 1.15),
+        ratio_goal("synchronous call, ratio of p50 to the raw socket", sync, raw, "p50_us", 1.6),
     ), notes=("gloox speaks TLS 1.2, everybody else TLS 1.3.",))
 
 
@@ -138,10 +155,9 @@ def in_flight():
         Contender(ours, OURS, query("query_async", 400000, 2000, in_flight=64)),
         Contender(PENDING, OURS, query("query_pending", 400000, 2000, in_flight=64)),
     ), (
-        Goal("requests a second, ratio to the raw socket", lambda of: of(ours, "per_second") / of(raw, "per_second"), 0.43, at_most=False,
-             absolute=Goal("requests, k/s", lambda of: of(ours, "per_second") / 1e3, 250, at_most=False)),
-        Goal("CPU a request, ratio to the raw socket", lambda of: of(ours, "cpu_us") / of(raw, "cpu_us"), 4,
-             absolute=Goal("CPU a request, us", lambda of: of(ours, "cpu_us"), 4)),
+        ratio_goal("requests a second, ratio to the raw socket", ours, raw, "per_second", 0.43, at_most=False,
+                   absolute=figure_goal("requests, k/s", ours, "per_second", 250, 1e-3, at_most=False)),
+        ratio_goal("CPU a request, ratio to the raw socket", ours, raw, "cpu_us", 4, absolute=figure_goal("CPU a request, us", ours, "cpu_us", 4)),
     ))
 
 
@@ -150,8 +166,8 @@ def threads():
     return Line("threads", "queries from 16 threads through one connection, TLS", RATE + ROUND_TRIP[:2], (
         Contender(raw, LIMIT, query("query_raw", 20000)),
         Contender(ours, OURS, query("query_sync", 160000, threads=16)),
-    ), (Goal("requests within one round trip of the raw socket", lambda of: of(ours, "per_second") * of(raw, "p50_us") / 1e6, 3.9, at_most=False,
-             absolute=Goal("requests, k/s", lambda of: of(ours, "per_second") / 1e3, 60, at_most=False)),),
+    ), (Goal("requests within one round trip of the raw socket", ours, "per_second", lambda of: of(ours, "per_second") * of(raw, "p50_us") / 1e6, 3.9,
+             lambda of: 3.9e6 / of(raw, "p50_us"), at_most=False, absolute=figure_goal("requests, k/s", ours, "per_second", 60, 1e-3, at_most=False)),),
         notes=("No peer may be used by several threads.",))
 
 
@@ -181,9 +197,8 @@ def connecting():
         Contender("Warbler", OURS, connect("warbler")),
         Contender("libqlk, until the controller has approved", OURS, connect("libqlk")),
     ), (
-        Goal("ratio of p50 to the raw socket", lambda of: of("Warbler", "p50_ms") / of(raw, "p50_ms"), 1.56,
-             absolute=Goal("p50, ms", lambda of: of("Warbler", "p50_ms"), 5)),
-        Goal("round trips", lambda of: of("Warbler", "round_trips"), 4),
+        ratio_goal("ratio of p50 to the raw socket", "Warbler", raw, "p50_ms", 1.56, absolute=figure_goal("p50, ms", "Warbler", "p50_ms", 5)),
+        figure_goal("round trips", "Warbler", "round_trips", 4),
     ), notes=("Who comes without a password comes with a client certificate, which the server has to verify.",))
 
 
@@ -242,9 +257,9 @@ def bulk():
         document.contender("libxml2's reader, curl through a pipe", PEER, curl_to("libxml2")),
         document.contender(ours, OURS, item_by_item),
     ), (
-        Goal("MB/s, ratio to curl feeding expat in one thread", lambda of: of(ours, "mb_per_second") / of(one_thread, "mb_per_second"), 1.1, at_most=False,
-             absolute=Goal("MB/s", lambda of: of(ours, "mb_per_second"), 300, at_most=False)),
-        Goal("memory, MiB", lambda of: of(ours, "peak_kib") / 1024, 32),
+        ratio_goal("MB/s, ratio to curl feeding expat in one thread", ours, one_thread, "mb_per_second", 1.1, at_most=False,
+                   absolute=figure_goal("MB/s", ours, "mb_per_second", 300, at_most=False)),
+        figure_goal("memory, MiB", ours, "peak_kib", 32, 1 / 1024),
     ), notes=("The short form downloads 64 MiB.",))
 
 
@@ -259,8 +274,8 @@ def notifications():
         Figure("per_second", "notifications, k/s", 1e-3), Figure("cpu_us", "CPU, us"), Figure("grown_kib", "growth after the first fifth, KiB"),
         Figure("peak_kib", "memory at its peak, KiB"),
     ), (Contender(ours, OURS, run),), (
-        Goal("notifications, k/s", lambda of: of(ours, "per_second") / 1e3, 150, at_most=False),
-        Goal("growth after the first fifth, KiB", lambda of: of(ours, "grown_kib"), 1024),
+        figure_goal("notifications, k/s", ours, "per_second", 150, 1e-3, at_most=False),
+        figure_goal("growth after the first fifth, KiB", ours, "grown_kib", 1024),
     ))
 
 

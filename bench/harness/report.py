@@ -69,7 +69,10 @@ def line_markdown(line, result):
         figures = result["contenders"][contender.name]
         rows.append([contender.name, contender.role, *(cell(figures.get(figure.key), figure.scale) for figure in line.figures)])
     text += table(["", "", *(figure.title for figure in line.figures)], rows) + [""]
-    return text + remarks(line, result)
+    text += remarks(line, result)
+    for figure in line.plotted():
+        text += [f"![{line.title}: {figure.title}]({line.key}-{figure.key}.svg)", ""]
+    return text
 
 
 def growth_markdown(growth, result):

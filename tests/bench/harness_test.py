@@ -20,8 +20,7 @@ LEFT = growth.Panel("cpu", "left behind", 0, 1, left_behind=512)
 
 def line(key, value):
     """A line whose goal is at most twice the limit, and in absolute figures at most 5."""
-    absolute = lines.Goal("us", lambda of: of("ours", "us"), 5)
-    goal = lines.Goal("ratio", lambda of: of("ours", "us") / of("limit", "us"), 2, absolute=absolute)
+    goal = lines.ratio_goal("ratio", "ours", "limit", "us", 2, absolute=lines.figure_goal("us", "ours", "us", 5))
     run = lambda figure: lambda *_: {"us": figure() if callable(figure) else figure}
     contenders = (lines.Contender("limit", lines.LIMIT, run(5)), lines.Contender("ours", lines.OURS, run(value)))
     return lines.Line(key, key, (lines.Figure("us", "us"),), contenders, (goal,))
