@@ -7,8 +7,8 @@
 // Whoever it serves, it takes the client's word for who it is.
 //
 // To an IQ with a grid request it answers as a grid would: to a connect request with an approval, to a subscribe request with
-// as many publishers as it was told, to <push count='N'/> with as many notifications behind the answer. Everything else comes
-// back.
+// as many publishers as it was told, to <push count='N'/> with as many notifications behind the answer. <hangup/> is not
+// answered: the socket is closed. Everything else comes back.
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
@@ -165,11 +165,12 @@ class Connection {
     return ::poll(&both, 1, -1) > 0 || errno == EINTR;
   }
 
+  // False when the connection is lost, or is to be.
   bool receive(const char *bytes, size_t size) {
     if (ssl_ == nullptr) {
       input_.append(bytes, size);
       handle();
-      return true;
+      return !hung_up_;
     }
     BIO_write(SSL_get_rbio(ssl_.get()), bytes, static_cast<int>(size));
     char plain[kReadBytes];
@@ -178,6 +179,7 @@ class Connection {
       if (got > 0) {
         input_.append(plain, static_cast<size_t>(got));
         handle();
+        if (hung_up_) return false;
         continue;
       }
       return SSL_get_error(ssl_.get(), got) == SSL_ERROR_WANT_READ;
@@ -280,6 +282,7 @@ class Connection {
       reply(inner);
     }
     reply("</grid>");
+    if (name == "hangup") hung_up_ = true;
     if (name == "push") pushes_ += std::strtol(std::string(attribute(inner, "count")).c_str(), nullptr, 10);
   }
 
@@ -338,7 +341,7 @@ class Connection {
   Input input_;
   std::string plain_, waiting_, jid_;
   long pushes_ = 0;
-  bool authenticated_ = false, closing_ = false;
+  bool authenticated_ = false, closing_ = false, hung_up_ = false;
 };
 
 int listen_on_loopback() {

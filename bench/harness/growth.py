@@ -140,10 +140,10 @@ def connections():
     ))
 
 
-def reconnects():
+def coming_back(what, title, axis, sizes):
     def run(bench, count, _):
-        return bench.run("growth", what="reconnects", count=count, **bench.echo_options())
-    return Growth("reconnects", "reconnects of one connection", "reconnects", (1, 10, 100, 1000), (1, 10, 100), (Series("libqlk", run),), (
+        return bench.run("growth", what=what, count=count, **bench.echo_options())
+    return Growth(what, title, axis, sizes, (1, 10, 100), (Series("libqlk", run),), (
         Panel("cpu_ms", "CPU, ms", 1, 1),
         Panel("memory_kib", "memory left behind, KiB", 0, 1, left_behind=LEFT_BEHIND_KIB),
         Panel("threads", "threads left behind", 0, 1, left_behind=0),
@@ -151,5 +151,13 @@ def reconnects():
     ))
 
 
+def reconnects():
+    return coming_back("reconnects", "reconnects of one connection", "reconnects", (1, 10, 100, 1000))
+
+
+def losses():
+    return coming_back("losses", "lost links, each until a query is answered again", "lost links", (1, 10, 100))
+
+
 def all_growths():
-    return [publishers(), requests_in_flight(), payloads(), bulk_items(), connections(), reconnects()]
+    return [publishers(), requests_in_flight(), payloads(), bulk_items(), connections(), reconnects(), losses()]
