@@ -35,6 +35,18 @@ std::string make_history() {
   return xml + "</history></grid></iq>";
 }
 
+std::string make_items() {
+  std::string xml;
+  for (int i = 0; i < 27; ++i) {
+    const std::string head = "<reading id='" + std::to_string(100000000000 + i) +
+                             "' unit='celsius'><sensor>boiler-3</sensor><time>2024-03-01T12:30:45Z</time><value>81.5</value>"
+                             "<quality>good</quality><note>";
+    const std::string tail = "</note></reading>";
+    xml += head + std::string(600 - head.size() - tail.size(), 'n') + tail;
+  }
+  return xml;
+}
+
 }  // namespace
 
 const char kStreamHead[] =
@@ -45,6 +57,7 @@ std::string make_stanza(const std::string &name) {
   if (name == "iq") return make_iq();
   if (name == "event") return kEvent;
   if (name == "payload") return make_history();
+  if (name == "items") return make_items();
   fail("no stanza is called " + name);
 }
 
