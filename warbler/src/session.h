@@ -140,6 +140,7 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   // session_negotiation.cpp: what happens before the session is up
   void open_stream(std::string_view with);
   void begin_opening();
+  void prepare_tls();
   void begin_tls();
   void on_handshake();
   void on_tls_up();
@@ -207,6 +208,8 @@ class Session final : public Buriable, private StreamParser::Handler, private Tl
   std::shared_ptr<SaslExchange> sasl_;
   size_t mechanism_ = 0;              // the one in use, by its place in the factory
   std::vector<std::string> offered_;  // the server's mechanisms
+  SslPtr tls_;                        // made, and not begun yet
+  std::string tls_error_;             // why there is none
   wb_tls_session tls_session_{};
   std::string sending_;  // taken from the owner, not yet given to the link
   size_t sent_ = 0;

@@ -113,6 +113,13 @@ void Session::on_negotiation(wb_dom_node *stanza) {
 void Session::begin_opening() {
   state_ = State::opening;
   open_stream(step_by_step_ ? std::string_view() : kStartTls);
+  if (!has_ended()) prepare_tls();
+}
+
+// Reading certificates and keys takes about as long as the server needs to answer: both go on at once.
+void Session::prepare_tls() {
+  tls_error_.clear();
+  tls_ = make_tls(options_.hooks, names_, tls_error_);
 }
 
 void Session::on_opening(wb_dom_node *stanza) {
@@ -133,10 +140,7 @@ void Session::on_opening(wb_dom_node *stanza) {
 void Session::begin_tls() {
   ahead_ = false;
   parser_.reset();
-  std::string error;
-  SslPtr ssl = make_tls(options_.hooks, names_, error);
-  if (has_ended()) return;
-  if (ssl == nullptr || !link_->start_tls(std::move(ssl))) return end(WB_ERR_TLS, "TLS cannot begin: " + error);
+  if (tls_ == nullptr || !link_->start_tls(std::move(tls_))) return end(WB_ERR_TLS, "TLS cannot begin: " + tls_error_);
   state_ = State::tls;
   on_handshake();
 }
