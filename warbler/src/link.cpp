@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -18,7 +19,10 @@ namespace wb {
 
 namespace {
 
-constexpr size_t kInputBytes = 32 * 1024;
+constexpr size_t kInputBytes = 16 * 1024;
+// OpenSSL moves all that it has read ahead to the front of its buffer for each record that it takes from there: it gets a few
+// small records at a time.
+constexpr size_t kPieceBytes = 2 * 1024;
 constexpr size_t kOutputBytesKept = 64 * 1024;  // a larger buffer is given back once it is empty
 
 // What others left in the thread's queue would be taken for a failure of ours. Clearing walks all of the queue each time, so an
@@ -29,15 +33,14 @@ void clear_errors() {
 
 }  // namespace
 
-// OpenSSL's view of a link: it reads the socket into its own buffer, as much as is there, and
-// writes what the link then sends or keeps.
+// OpenSSL's view of a link: it reads what the link has read, and writes what the link then sends or keeps.
 struct LinkBio {
   static Link &link(BIO *bio) { return *static_cast<Link *>(BIO_get_data(bio)); }
 
   static int read(BIO *bio, char *buffer, int size) {
     BIO_clear_retry_flags(bio);
     size_t got = 0;
-    switch (link(bio).receive(buffer, static_cast<size_t>(size), got)) {
+    switch (link(bio).read_buffered(buffer, std::min(static_cast<size_t>(size), kPieceBytes), got)) {
       case Link::Io::done:
         return static_cast<int>(got);
       case Link::Io::again:
@@ -123,9 +126,20 @@ Link::Io Link::receive(char *room, size_t size, size_t &got) {
 }
 
 Link::Io Link::fill() {
-  if (in_.empty()) in_.resize(kInputBytes);
+  if (in_ == nullptr) in_.reset(new (std::nothrow) char[kInputBytes]);
+  if (in_ == nullptr) return Io::failed;
   in_begin_ = in_end_ = 0;
-  return receive(in_.data(), in_.size(), in_end_);
+  return receive(in_.get(), kInputBytes, in_end_);
+}
+
+Link::Io Link::read_buffered(char *buffer, size_t size, size_t &got) {
+  if (in_begin_ == in_end_) {
+    if (const Io filled = fill(); filled != Io::done) return filled;
+  }
+  got = std::min(size, in_end_ - in_begin_);
+  std::memcpy(buffer, in_.get() + in_begin_, got);
+  in_begin_ += got;
+  return Io::done;
 }
 
 bool Link::start_tls(SslPtr ssl) {
@@ -138,9 +152,7 @@ bool Link::start_tls(SslPtr ssl) {
   SSL_clear_mode(ssl.get(), SSL_MODE_ENABLE_PARTIAL_WRITE);
   SSL_set_mode(ssl.get(), SSL_MODE_AUTO_RETRY);
   SSL_set_read_ahead(ssl.get(), 1);
-  SSL_set_default_read_buffer_len(ssl.get(), kInputBytes);
   ssl_ = std::move(ssl);
-  in_ = std::vector<char>();
   in_begin_ = in_end_ = 0;
   return true;
 }
@@ -184,7 +196,7 @@ Link::Io Link::handshake() {
 Link::Io Link::read_tls(char *buffer, size_t size, size_t &got) {
   bool is_first = true;
   while (got < size && tls_end_ == Io::done) {
-    const bool is_empty = drained_ && SSL_has_pending(ssl_.get()) == 0;
+    const bool is_empty = drained_ && in_begin_ == in_end_ && SSL_has_pending(ssl_.get()) == 0;
     if (is_empty) return got > 0 ? Io::done : Io::again;
     if (std::exchange(is_first, false)) clear_errors();
     size_t piece = 0;
@@ -199,14 +211,7 @@ Link::Io Link::read_tls(char *buffer, size_t size, size_t &got) {
 
 Link::Io Link::read(char *buffer, size_t size, size_t &got) {
   got = 0;
-  if (ssl_ != nullptr) return read_tls(buffer, size, got);
-  if (in_begin_ == in_end_) {
-    if (const Io filled = fill(); filled != Io::done) return filled;
-  }
-  got = std::min(size, in_end_ - in_begin_);
-  std::memcpy(buffer, in_.data() + in_begin_, got);
-  in_begin_ += got;
-  return Io::done;
+  return ssl_ != nullptr ? read_tls(buffer, size, got) : read_buffered(buffer, size, got);
 }
 
 Link::Io Link::write(std::string_view bytes) {
@@ -261,6 +266,13 @@ Link::Io Link::flush() {
   out_.clear();
   if (out_.capacity() > kOutputBytesKept) out_.shrink_to_fit();
   return Io::done;
+}
+
+void Link::give_buffers_back() {
+  if (in_begin_ != in_end_) return;
+  in_.reset();
+  // OpenSSL itself does not look at a record of which a part has been read.
+  if (ssl_ != nullptr && SSL_has_pending(ssl_.get()) == 0) SSL_free_buffers(ssl_.get());
 }
 
 void Link::say_goodbye() {

@@ -60,6 +60,9 @@ class Link final : public Buriable {
   // Buffers TLS's farewell.
   void say_goodbye();
 
+  // Gives back the buffers that nothing is in. They come again when they are needed.
+  void give_buffers_back();
+
   // Closes our side, once all is written: the peer gets the farewell and the end behind what it has not read yet.
   void finish();
   // Throws away what has come from the socket, in so many reads at most. Nothing can be read by TLS any more.
@@ -80,13 +83,14 @@ class Link final : public Buriable {
   friend struct LinkBio;
   Io receive(char *room, size_t size, size_t &got);
   Io fill();
+  Io read_buffered(char *buffer, size_t size, size_t &got);
   void send_or_keep(std::string_view bytes);
   Io tls_result(int result);
   Io read_tls(char *buffer, size_t size, size_t &got);
 
   const int fd_;
   SslPtr ssl_;
-  std::vector<char> in_;  // what the socket gave and nobody took
+  std::unique_ptr<char[]> in_;  // what the socket gave and nobody took
   size_t in_begin_ = 0, in_end_ = 0;
   bool in_closed_ = false;
   bool drained_ = false;   // the socket had nothing more when it was last read

@@ -480,6 +480,7 @@ void Session::drop_link() {
   gate_->bury(std::move(readable_));
   gate_->bury(std::move(writable_));
   gate_->bury(std::move(link_));
+  tls_.reset();
   tls_session_ = {};
   end_sasl();
   sending_.clear();
@@ -533,6 +534,7 @@ void Session::on_idle() {
   }
   arm_timer();
   pump();
+  if (link_ != nullptr) link_->give_buffers_back();
 }
 
 const char *Session::state_name() const {

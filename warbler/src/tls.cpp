@@ -77,8 +77,7 @@ SslPtr make_tls(const TlsHooks &hooks, const ExpectedNames &names, std::string &
     error = last_error("no TLS context");
     return nullptr;
   }
-  // Buffers of idle connections are given back; sessions are not resumed, each attempt shows the certificate in force.
-  SSL_CTX_set_mode(context.get(), SSL_MODE_RELEASE_BUFFERS);
+  // Sessions are not resumed: each attempt shows the certificate in force.
   SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
   if (hooks.connect != nullptr) hooks.connect(context.get(), hooks.connect_arg);
   if (SSL_CTX_get_min_proto_version(context.get()) < TLS1_2_VERSION) SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
