@@ -623,9 +623,11 @@ typedef void (*quillon_notification_cb)(wb_dom_node *notification, void *arg);
  *          QUILLON_STATUS_EVENT_ERROR    as quillon_init */
 QUILLON_API QUILLON_STATUS quillon_connection_create(quillon_connection **create_connection);
 
-/* Drops the session, if one is up, without waiting for the server, makes every call that waits on the connection return, joins
- * its threads and frees it. No callback runs afterwards. Disconnect first to leave in order. A connect, disconnect or
- * reconnection thread may be under way; other calls must have returned.
+/* Drops the session, if one is up, without waiting for the server, makes whatever waits on the connection return, joins its
+ * threads and frees it. No callback runs afterwards. Disconnect first to leave in order. A connect, a disconnect, a drain, a
+ * query or a reconnection thread may be under way on other threads, and returns soon, perhaps after this call: a query says
+ * QUILLON_STATUS_UNKNOWN, or QUILLON_STATUS_SEND_TIMEOUT when its session had ended before, and asks no further publisher. Other
+ * calls must have returned.
  * Blocks:  until the callbacks that are running have returned, but for one that makes this call itself: it may be made out of
  *          every callback of the connection.
  * Thread:  any.

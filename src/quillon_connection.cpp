@@ -180,7 +180,9 @@ std::string qlk::own_jid(const quillon_connection &connection) {
 }
 
 int qlk::send_timeout_seconds(const quillon_connection &connection) {
-  return connection.config != nullptr ? connection.config->send_timeout_seconds : 0;
+  const std::lock_guard lock(connection.extra->mutex);  // which a destroy takes before the configuration may go, too
+  const bool has_config = connection.config != nullptr && !connection.extra->destroyed;
+  return has_config ? connection.config->send_timeout_seconds : 0;
 }
 
 QUILLON_STATUS quillon_connection_create(quillon_connection **create_connection) {

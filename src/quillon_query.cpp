@@ -4,11 +4,11 @@
 
 #include <cstdlib>
 
+#include "connection_private.h"
 #include "expanded_name.h"
 #include "guard.h"
 #include "query_request.h"
 #include "quillon_capability.h"
-#include "quillon_connection.h"
 #include "quillon_grid.h"
 #include "stanza_builder.h"
 
@@ -67,8 +67,11 @@ QUILLON_STATUS ask(const quillon_query &query, const quillon_string &jid, qlk::N
 
 bool tries_next(QUILLON_STATUS status) { return status == QUILLON_STATUS_SEND_TIMEOUT || status == QUILLON_STATUS_XMPP_ERROR; }
 
-// The connection was drained, and its session is over: no further publisher is asked by another one.
-bool has_left(const _quillon_query &query) { return query.calls.is_closed() && !query.connection->is_xmpp_connected; }
+// The connection is gone; or it was drained, and its session is over: no further publisher is asked by another one.
+bool has_left(const _quillon_query &query) {
+  const quillon_connection &connection = *query.connection;
+  return connection.extra->destroyed || (query.calls.is_closed() && !connection.is_xmpp_connected);
+}
 
 // Asks the publishers in turn, each once, beginning with the sticky one. On CAPABILITY_NOT_FOUND the request is left to its
 // owner.
@@ -189,7 +192,8 @@ QUILLON_STATUS quillon_query_call(quillon_query *query, quillon_capability *capa
   if (capability == nullptr) return qlk::refuse("capability is null");
   if (request == nullptr) return qlk::refuse("request is null");
   if (query->connection == nullptr) return qlk::refuse("invalid connection object");
-  const std::shared_ptr<_quillon_query> kept = query->self;  // a destroy that wakes this call does not wait for it
+  const qlk::ConnectionHold hold(*query->connection);  // a destroy that wakes this call does not wait for it
+  const std::shared_ptr<_quillon_query> kept = query->self;
   const qlk::CallGate::Pass pass(query->calls);
   if (!pass) return refuse_call(*query, request);
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
@@ -211,7 +215,8 @@ QUILLON_STATUS quillon_query_call_with_jid(quillon_query *query, const quillon_s
   if (jid == nullptr) return qlk::refuse("jid is null");
   if (request == nullptr) return qlk::refuse("request is null");
   if (query->connection == nullptr) return qlk::refuse("invalid connection object");
-  const std::shared_ptr<_quillon_query> kept = query->self;  // a destroy that wakes this call does not wait for it
+  const qlk::ConnectionHold hold(*query->connection);  // a destroy that wakes this call does not wait for it
+  const std::shared_ptr<_quillon_query> kept = query->self;
   const qlk::CallGate::Pass pass(query->calls);
   if (!pass) return refuse_call(*query, request);
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {

@@ -234,7 +234,7 @@ void begin(quillon_data &data, wb_dom_node *request) {
 QUILLON_STATUS send_and_wait(quillon_data &data, qlk::NodePtr iq) {
   begin(data, iq.get());
   const OperationPtr operation = data.operation;
-  const int seconds = qlk::send_timeout_seconds(*data.connection);
+  const auto seconds = static_cast<int>(operation->timeout_seconds);
   qlk::SteadyClock::time_point deadline = after(seconds);
   if (data.connection->is_xmpp_connected) {
     deadline += kTimeoutGrace;

@@ -297,6 +297,18 @@ TEST_F(QueryCalls, AnIndexBeyondTheListRestartsAtTheFirstAndIsReplaced) {
   EXPECT_EQ("x", ask(capability_.get(), QUILLON_STATUS_OK)) << "0 was stored";
 }
 
+// The session ended, and the application destroys the connection before the call has gone on.
+TEST_F(QueryCalls, NobodyIsAskedOnceTheConnectionIsDestroyed) {
+  static test_support::Connection *connection;
+  connection = &connection_;
+  set_publishers(capability_.get(), "ab");
+  wb_log_set_function([](FILE *, const char *format, va_list args) {
+    if (format == std::string_view("send and wait failed")) std::thread([] { connection->reset(); }).join();
+    return test_support::LogCapture::receive(format, args);
+  });
+  EXPECT_EQ("a", ask(capability_.get(), QUILLON_STATUS_SEND_TIMEOUT));
+}
+
 TEST_F(QueryCalls, TopicsOfOneSizeShareTheChoice) {
   const test_support::Capability same = test_support::make_capability("urn:y", "D"),
                                  other = test_support::make_capability("urn:x", "DD");
