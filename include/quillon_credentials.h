@@ -36,13 +36,14 @@ extern "C" {
  *          QUILLON_STATUS_CONNECTION_ERROR_SERVER  a CA file, or that of the revocations, cannot be
  *                                                  read; or a list of revocations is past its next
  *                                                  update
- *          QUILLON_STATUS_MALLOC_ERROR             memory is exhausted */
+ *          QUILLON_STATUS_MALLOC_ERROR             memory is exhausted, where OpenSSL tells that; it
+ *                                                  is one of the two above else */
 QUILLON_API QUILLON_STATUS quillon_config_reload_credentials(quillon_config *config);
 
 /* True: each connect, and each bulk download, first looks whether one of the files has changed (by name, place, size and times),
  * or the pass phrase, and if so does what quillon_config_reload_credentials does; a set that is refused is not read again until
- * there is another change, unless it was for a date, which time or a corrected clock may cure: that is read again, and logged,
- * each time. At first false.
+ * there is another change, unless it was for a date, which time or a corrected clock may cure, or because the system could not
+ * read a file that is there, as without descriptors or memory: that is read again, and logged, each time. At first false.
  * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL */
 QUILLON_API QUILLON_STATUS quillon_config_set_live_credentials(quillon_config *config, bool is_live);
 

@@ -38,8 +38,29 @@ bool refuse_for_now(qlk::CredentialFault &fault, QUILLON_STATUS status, std::str
   return false;
 }
 
+// For what OpenSSL could not do. That the system or OpenSSL lacked something does not make the files bad, nor does it when no
+// reason is told. A file that is not there is another version once it is.
+bool refuse_for_openssl(qlk::CredentialFault &fault, QUILLON_STATUS status, const std::string &text) {
+  const unsigned long code = ERR_peek_error();
+  const int reason = ERR_GET_REASON(code);
+  const bool is_of_system = ERR_SYSTEM_ERROR(code);
+  const bool lacks_memory = is_of_system ? reason == ENOMEM : reason == ERR_R_MALLOC_FAILURE;
+  const bool is_for_now = code == 0 || (is_of_system ? reason != ENOENT : ERR_FATAL_ERROR(code));
+  fault = {lacks_memory ? QUILLON_STATUS_MALLOC_ERROR : status, text + ": " + qlk::first_reason(), is_for_now};
+  return false;
+}
+
 bool refuse_file(qlk::CredentialFault &fault, QUILLON_STATUS status, const char *purpose, const std::string &file) {
-  return refuse(fault, status, std::string(purpose) + " file '" + file + "' cannot be used: " + qlk::first_reason());
+  return refuse_for_openssl(fault, status, std::string(purpose) + " file '" + file + "' cannot be used");
+}
+
+// To OpenSSL a file that fails in the midst of reading is at its end.
+bool was_read(BIO *file) {
+  FILE *stream = nullptr;
+  if (BIO_get_fp(file, &stream) == 1 && ferror(stream) == 0) return true;
+  ERR_clear_error();
+  ERR_raise(ERR_LIB_SYS, EIO);
+  return false;
 }
 
 // Appends all objects of a kind that the PEM file holds. False when there is none, or one that cannot be read.
@@ -50,7 +71,7 @@ bool read_all(const std::string &file, List &list, Read read) {
   if (bio == nullptr) return false;
   while (auto *const object = read(bio.get(), nullptr, nullptr, nullptr)) list.emplace_back(object);
   const bool is_at_end = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
-  if (list.empty() || !is_at_end) return false;
+  if (!was_read(bio.get()) || list.empty() || !is_at_end) return false;
   ERR_clear_error();
   return true;
 }
@@ -123,6 +144,7 @@ bool CredentialSet::load_own(const CredentialFiles &files, CredentialFault &faul
   const BioPtr file(BIO_new_file(files.key.c_str(), "r"));
   if (file != nullptr) {
     key_.reset(PEM_read_bio_PrivateKey(file.get(), nullptr, give_passphrase, const_cast<CredentialFiles *>(&files)));
+    if (key_ == nullptr) was_read(file.get());
   }
   if (key_ == nullptr) return refuse_file(fault, kOurs, "client key", files.key);
   return true;
@@ -151,8 +173,11 @@ bool CredentialSet::check_own(const CredentialFiles &files, const Revocations &r
   X509 *const own = chain_.front().get();
   const std::string certificate = "client certificate chain file '" + files.certificate + "'";
   if (X509_check_private_key(own, key_.get()) != 1) {
-    ERR_clear_error();
-    return refuse(fault, kOurs, "client key file '" + files.key + "' is not the key of the certificate");
+    const int reason = ERR_GET_REASON(ERR_peek_error());
+    const bool is_another = reason == X509_R_KEY_VALUES_MISMATCH || reason == X509_R_KEY_TYPE_MISMATCH;
+    refuse_for_openssl(fault, kOurs, "client key file '" + files.key + "' is not the key of the certificate");
+    fault.is_of_time = !is_another;  // memory that lacks is told as a certificate that cannot be decoded
+    return false;
   }
   for (const auto &each : chain_) {
     if (X509_cmp_current_time(X509_get0_notAfter(each.get())) < 0)

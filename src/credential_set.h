@@ -27,7 +27,7 @@ struct CredentialFiles {
 struct CredentialFault {
   QUILLON_STATUS status = QUILLON_STATUS_OK;
   std::string text = {};
-  bool is_of_time = false;  // the same files may be good at another time
+  bool is_of_time = false;  // the same files may be good at another time: a date, or something that the system lacked
 };
 
 class CredentialSet {

@@ -61,7 +61,7 @@ class LiveCredentials {
   bool is_live_ = false;
   std::mutex loading_;         // one thread at a time reads files; taken before the other two
   CredentialVersion version_;  // under loading_: that was read last
-  bool has_version_ = false;   // under loading_; false too where time may change what it was found to be
+  bool has_version_ = false;   // under loading_; false too where the same files may be found good later
   std::mutex mutex_;           // guards what follows
   std::shared_ptr<const CredentialSet> in_force_;
   uint32_t sets_ = 0;

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <openssl/ssl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -161,6 +162,15 @@ TEST_F(LiveCredentialsTest, ChangedFilesAreReadOnceForEachChange) {
   }
   overwrite("certificate", second.certificate);
   overwrite("key", second.key);
+  // Nor is a new version bad because it could not be read just now.
+  rlimit limit = {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit no_descriptor = {0, limit.rlim_max};
+  const ContextPtr context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+  setrlimit(RLIMIT_NOFILE, &no_descriptor);
+  quillon_config_fill_ssl_ctx(config_.get(), context.get(), false);
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(1u, log_.count("Too many open files")) << log_.all();
   EXPECT_NE(before, subject_seen());
   EXPECT_EQ(2u, info().sets);
 }
