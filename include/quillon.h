@@ -444,7 +444,8 @@ QUILLON_API QUILLON_STATUS quillon_config_create(quillon_config **config);
 QUILLON_API void quillon_config_destroy(quillon_config *config);
 
 /* Makes a deep copy, the caller's to destroy, with the same set of credentials in force. *new_config is NULL when config is NULL
- * or memory is exhausted; a single value for which memory is lacking is left out of the copy. */
+ * or memory is exhausted; a single value for which memory is lacking is left out of the copy, but for the file of the
+ * revocations: there is no copy that does not look for them. */
 QUILLON_API void quillon_config_clone(const quillon_config *config, quillon_config **new_config);
 
 /* Replaces all hosts with this one: "name", "name:port", "192.0.2.1:port" or "[2001:db8::1]:port"; without a port it is 5222. The

@@ -304,6 +304,10 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   copy.crl_filename = copy_of(config->crl_filename);
   copy.expiry_warning_days = config->expiry_warning_days;
   copy.tls_key_log_filename = copy_of(config->tls_key_log_filename);
+  if (config->crl_filename != nullptr && copy.crl_filename == nullptr) {  // it would accept servers that are revoked
+    quillon_config_destroy(&copy);
+    *new_config = nullptr;
+  }
 }
 
 QUILLON_STATUS quillon_config_set_host(quillon_config *config, const char *host) {

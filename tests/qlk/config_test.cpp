@@ -335,6 +335,22 @@ TEST(ConfigSecrets, ThePassPhraseIsNeverLogged) {
 }
 
 #if QLK_HAS_OOM
+TEST(ConfigClone, NeverForgetsRevocations) {
+  const ConfigPtr config = make_config();
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_crl(config.get(), "revoked.pem"));
+  const auto clone = [&] {
+    quillon_config *copy = nullptr;
+    quillon_config_clone(config.get(), &copy);
+    const ConfigPtr owned(copy);
+    return copy == nullptr || text_of(copy->crl_filename) == "revoked.pem";
+  };
+  const long total = oom::count(clone);
+  for (long nth = 1; nth <= total; ++nth) {
+    const oom::FailNth failing(nth);
+    EXPECT_TRUE(clone()) << nth;
+  }
+}
+
 TEST(ConfigSecrets, ThePassPhraseIsWipedBeforeItIsFreed) {
   const std::string pass_phrase(4000, 'p');
   for (const bool is_replaced : {true, false}) {
