@@ -463,6 +463,8 @@ QUILLON_STATUS connect_locked(quillon_connection &connection, const std::atomic<
     return QUILLON_STATUS_WB_ERROR;
   }
   advance_rotation(*connection.config);
+  // Should the session end at once, what joining still puts on the loop is refused there, and not left undone until its time-out.
+  const LoopUse use(connection);
   if (const QUILLON_STATUS status = open_session(connection); status != QUILLON_STATUS_OK) return status;
   return join_grid(connection);
 }

@@ -8,7 +8,9 @@
 #include <thread>
 
 #include "application.h"
+#include "black_hole.h"
 #include "connection_events.h"
+#include "stuck_resolver.h"
 #include "wait_for.h"
 
 namespace faults {
@@ -364,23 +366,67 @@ TEST_F(FaultTest, TheNameIsNotKnown) {
 
 // ---- The application loses patience first
 
-class Abandoned : public FaultTest, public testing::WithParamInterface<Stage> {
- protected:
-  // A connect that has come to a server which is silent there.
-  void begin() {
-    peer_ = std::make_unique<ScriptedPeer>(with(GetParam(), Fault::silent()));
-    application_.use(peer_->host());
-    connecting_ = std::thread([this] { status_ = application_.connect(); });
+class Abandoned;
+
+// Where a connect is when it gets no further.
+struct Place {
+  std::string name;
+  void (*begin)(Abandoned &, Stage);
+  Stage stage = Stage::accept;
+
+  friend void PrintTo(const Place &place, std::ostream *out) { *out << place.name; }
+};
+
+class Abandoned : public FaultTest, public testing::WithParamInterface<Place> {
+ public:
+  // The name is being looked up.
+  void look_up() {
+    threads_ = Resources::now().threads;
+    stuck_ = std::make_unique<test_support::Stuck>();
+    connect_to(test_support::StuckResolver::kName + std::string(":5222"));
+    ASSERT_TRUE(testpeer::eventually(kSoon, [] { return test_support::StuckResolver::get().waiting() > 0; }));
+  }
+  // TCP has knocked, and nobody answers.
+  void knock() {
+    hole_ = std::make_unique<test_support::BlackHole>();
+    const size_t before = hole_->knocking();
+    connect_to(hole_->host());
+    ASSERT_TRUE(testpeer::eventually(kSoon, [&] { return hole_->knocking() > before; }));
+  }
+  // The server is silent there.
+  void come_to(Stage stage) {
+    peer_ = std::make_unique<ScriptedPeer>(with(stage, Fault::silent()));
+    connect_to(peer_->host());
     ASSERT_TRUE(peer_->wait_connections(1, kSoon));
-    if (GetParam() == Stage::accept || GetParam() == Stage::tls_handshake) return;
+    if (stage == Stage::accept || stage == Stage::tls_handshake) return;
     // It has heard the last answer before, and said what it says next.
     ASSERT_TRUE(peer_->newest()->wait_until(
-        [](const testpeer::Transcript &seen) { return !seen.at(GetParam()).received.empty() || !seen.received.empty(); }, kSoon));
+        [stage](const testpeer::Transcript &seen) { return !seen.at(stage).received.empty() || !seen.received.empty(); }, kSoon));
+  }
+
+ protected:
+  void begin() { GetParam().begin(*this, GetParam().stage); }
+  // What held the connect is there until now, and the look-up's thread with it.
+  void let_go() {
+    hole_.reset();
+    if (stuck_ == nullptr) return;
+    stuck_.reset();
+    EXPECT_TRUE(testpeer::eventually(kSoon, [this] { return Resources::now().threads <= threads_; }));
   }
 
   std::unique_ptr<ScriptedPeer> peer_;
   std::thread connecting_;
   std::atomic<QUILLON_STATUS> status_ = QUILLON_STATUS_MAX;
+
+ private:
+  void connect_to(const std::string &host) {
+    application_.use(host);
+    connecting_ = std::thread([this] { status_ = application_.connect(); });
+  }
+
+  size_t threads_ = 0;  // before the look-up
+  std::unique_ptr<test_support::Stuck> stuck_;
+  std::unique_ptr<test_support::BlackHole> hole_;
 };
 
 TEST_P(Abandoned, ByDisconnecting) {
@@ -391,6 +437,7 @@ TEST_P(Abandoned, ByDisconnecting) {
   EXPECT_LT(stopwatch.passed(), kSoon);
   EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, status_);
   EXPECT_EQ(Statuses{QUILLON_STATUS_QUILLON_ERROR}, application_.seen().disconnected);
+  let_go();
   expect_recovery(std::move(peer_));
 }
 
@@ -403,11 +450,18 @@ TEST_P(Abandoned, ByDestroyingTheConnection) {
   EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, status_);
   EXPECT_EQ(Statuses(), application_.seen().disconnected);
   EXPECT_EQ(0U, application_.seen().connected);
-  EXPECT_TRUE(peer_->wait_all_ended(kSoon));
+  EXPECT_TRUE(peer_ == nullptr || peer_->wait_all_ended(kSoon));
+  let_go();
 }
 
-INSTANTIATE_TEST_SUITE_P(Stages, Abandoned, testing::ValuesIn(kStages),
-                         [](const auto &one) { return std::string(name_of(one.param)); });
+std::vector<Place> places() {
+  std::vector<Place> all = {{"lookup", [](Abandoned &it, Stage) { it.look_up(); }},
+                            {"tcp", [](Abandoned &it, Stage) { it.knock(); }}};
+  for (const Stage stage : kStages) all.push_back({name_of(stage), [](Abandoned &it, Stage at) { it.come_to(at); }, stage});
+  return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Stages, Abandoned, testing::ValuesIn(places()), kNameOfRow);
 
 }  // namespace
 }  // namespace faults

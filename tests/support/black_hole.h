@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -40,6 +42,17 @@ class BlackHole {
   BlackHole &operator=(const BlackHole &) = delete;
 
   const std::string &host() const { return host_; }
+
+  // How many knock at it: those that it has for company, and all others of this machine.
+  size_t knocking() const {
+    char remote[32];
+    std::snprintf(remote, sizeof remote, " 0200007F:%04X 02 ",
+                  static_cast<unsigned>(std::stoul(host_.substr(host_.find(':') + 1))));
+    std::ifstream table("/proc/net/tcp");
+    size_t count = 0;
+    for (std::string line; std::getline(table, line);) count += line.find(remote) != std::string::npos ? 1 : 0;
+    return count;
+  }
 
  private:
   int keep(int fd) {

@@ -1,82 +1,21 @@
 // Lookups share a few threads, whatever the system's resolver does.
 #include "resolver.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <cstring>
 #include <memory>
-#include <mutex>
 #include <vector>
 
+#include "stuck_resolver.h"
 #include "test_client.h"
 #include "wait_for.h"
 
 namespace {
 
-// Takes the place of a name server that never answers, for one name.
-class StuckResolver {
- public:
-  static constexpr char kName[] = "stuck.test";
-
-  static StuckResolver &get() {
-    static StuckResolver resolver;
-    return resolver;
-  }
-  void hold() { set(true); }
-  void release() { set(false); }
-  void wait() {
-    std::unique_lock lock(mutex_);
-    ++asked_;
-    ++waiting_;
-    changed_.wait(lock, [this] { return !held_; });
-    --waiting_;
-  }
-  unsigned waiting() {
-    const std::lock_guard lock(mutex_);
-    return waiting_;
-  }
-  unsigned asked() {
-    const std::lock_guard lock(mutex_);
-    return asked_;
-  }
-
- private:
-  void set(bool held) {
-    const std::lock_guard lock(mutex_);
-    held_ = held;
-    changed_.notify_all();
-  }
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool held_ = false;
-  unsigned waiting_ = 0, asked_ = 0;
-};
-
-}  // namespace
-
-extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo *hints, addrinfo **list) {
-  using Function = int (*)(const char *, const char *, const addrinfo *, addrinfo **);
-  static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "getaddrinfo"));
-  if (node != nullptr && std::strcmp(node, StuckResolver::kName) == 0) {
-    StuckResolver::get().wait();
-    return EAI_AGAIN;
-  }
-  return real(node, service, hints, list);
-}
-
-namespace {
-
-// While it lives, the name server is stuck.
-struct Stuck {
-  Stuck() { StuckResolver::get().hold(); }
-  ~Stuck() { StuckResolver::get().release(); }
-  Stuck(const Stuck &) = delete;
-  Stuck &operator=(const Stuck &) = delete;
-};
+using test_support::Stuck;
+using test_support::StuckResolver;
 
 TEST(Lookup, ThreadsAreBoundedHoweverOftenADeadNameIsAskedFor) {
   StuckResolver &resolver = StuckResolver::get();
