@@ -14,6 +14,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,7 +34,9 @@ constexpr auto kPaceOfNotifications = 5ms;
 
 std::atomic<bool> is_over = false, is_calm = false, is_telling = false;  // calm: the server is up, and all are connected
 std::atomic<uint64_t> upheavals = 0;                                     // odd while the server is being restarted
-std::atomic<uint64_t> answers = 0, disturbed = 0, wrong = 0, sent = 0, received = 0, lost = 0, restarts = 0, visits = 0;
+std::atomic<uint64_t> answers = 0, disturbed = 0, wrong = 0, sent = 0, received = 0, restarts = 0, visits = 0;
+// Notifications bear the numbers from 0 to sent - 1, and arrive in that order.
+std::atomic<uint64_t> expected = 0, skipped = 0, lost = 0, repeated = 0;
 
 // The latencies of one second, in microseconds.
 class Latencies {
@@ -86,14 +89,21 @@ void print_sample(double seconds, Client &asker) {
   const Latencies::Summary latency = latencies.take();
   quillon_handler_queue_usage queue = {};
   quillon_connection_get_handler_queue_usage(asker.connection, QUILLON_HANDLER_QUEUE_NOTIFICATIONS, &queue);
-  std::printf("%.1f %zu %zu %zu %zu %u %u %lu %lu %lu %lu %lu %lu %lu %lu %zu %d\n", seconds, resident_kib(),
+  std::printf("%.1f %zu %zu %zu %zu %u %u %lu %lu %lu %lu %lu %lu %lu %lu %lu %zu %d\n", seconds, resident_kib(),
               mallinfo2().uordblks / 1024, count_entries("/proc/self/fd"), count_entries("/proc/self/task"), latency.median,
               latency.high, answers.load(), disturbed.load(), wrong.load(), sent.load(), received.load(), lost.load(),
-              restarts.load(), visits.load(), queue.highest, is_calm ? 1 : 0);
+              repeated.load(), restarts.load(), visits.load(), queue.highest, is_calm ? 1 : 0);
   std::fflush(stdout);
 }
 
 // ---- What the threads do
+
+// A run in which something does not come to an end has failed.
+void require(bool came, const char *what) {
+  if (!came) throw std::runtime_error(std::string("did not come: ") + what);
+}
+
+constexpr std::chrono::minutes kPatience{2};
 
 // Delay: how often a condition is looked at again.
 void pause_a_little() { std::this_thread::sleep_for(10ms); }
@@ -154,10 +164,20 @@ void visit_on_and_on(test_support::LocalGrid &grid) {
 }
 
 void connect_again(Client &client) {
-  while (client.connect() != QUILLON_STATUS_OK) pause_a_little();
+  require(grid_test::eventually([&] { return client.connect() == QUILLON_STATUS_OK; }, kPatience), "a connect");
 }
 
-void count_notification(wb_dom_node *, void *) { ++received; }
+// On the one thread of the handlers.
+void count_notification(wb_dom_node *told, void *) {
+  ++received;
+  const uint64_t number = std::strtoul(grid_test::text_of(told).c_str(), nullptr, 10), next = expected;
+  if (number < next) {
+    ++repeated;
+    return;
+  }
+  skipped += number - next;
+  expected = number + 1;
+}
 
 struct Members {
   explicit Members(test_support::LocalGrid &grid) : answering(grid, "alice"), asking(grid, "bob"), telling(grid, "carol") {
@@ -180,16 +200,17 @@ struct Members {
   void restart(test_support::LocalGrid &grid) {
     const bool is_sudden = restarts % 2 == 1;
     ++upheavals;
+    lost += skipped.exchange(0);
     if (!is_sudden) quieten(true);
     grid.server_stop();
     is_calm = false;
     grid.server_start();
     for (Client *client : {&answering, &asking, &telling}) {
       // The end of the old session may not have been seen yet.
-      while (client->is_connected()) pause_a_little();
+      require(grid_test::eventually([&] { return !client->is_connected(); }, kPatience), "the end of a session");
       connect_again(*client);
     }
-    while (grid_test::publishers(asked) == 0) pause_a_little();
+    require(grid_test::eventually([&] { return grid_test::publishers(asked) != 0; }, kPatience), "a publisher");
     if (is_sudden) quieten(false);
     ++restarts;
     ++upheavals;
@@ -199,13 +220,18 @@ struct Members {
   // Nothing more is sent. What was sent arrives, unless the server went meanwhile.
   void quieten(bool is_served) {
     is_calm = false;
-    while (is_telling) pause_a_little();
-    if (is_served && !grid_test::eventually([] { return received >= sent; })) lost += sent - received;
-    quillon_handler_queue_usage queue = {.depth = 1, .highest = 0, .dropped = 0};
-    while (queue.depth != 0)
+    require(grid_test::eventually([] { return !is_telling; }, kPatience), "the end of a notify");
+    if (is_served && !grid_test::eventually([] { return expected >= sent; })) lost += sent - expected;
+    const auto has_handled_all = [this] {
+      quillon_handler_queue_usage queue = {.depth = 1, .highest = 0, .dropped = 0};
       quillon_connection_get_handler_queue_usage(asking.connection, QUILLON_HANDLER_QUEUE_NOTIFICATIONS, &queue);
-    pause_a_little();  // the last one may be in its handler; too many count as none lost
-    sent = received.load();
+      return queue.depth == 0;
+    };
+    require(grid_test::eventually(has_handled_all, kPatience), "the end of the notifications' queue");
+    pause_a_little();  // the last one may be in its handler
+    const uint64_t gaps = skipped.exchange(0);
+    if (is_served) lost += gaps;
+    expected = sent.load();
   }
 
   Client answering, asking, telling;
@@ -227,15 +253,23 @@ int run(std::chrono::seconds time, std::chrono::seconds between_restarts) {
       print_sample(std::chrono::duration<double>(Clock::now() - begun).count(), members.asking);
     }
   });
-  for (auto next = begun + between_restarts; next < begun + time; next += between_restarts) {
-    std::this_thread::sleep_until(next);  // Delay: the time between restarts
-    members.restart(grid);
+  int code = 0;
+  try {
+    for (auto next = begun + between_restarts; next < begun + time; next += between_restarts) {
+      std::this_thread::sleep_until(next);  // Delay: the time between restarts
+      members.restart(grid);
+    }
+    std::this_thread::sleep_until(begun + time);  // Delay: the length of the run
+    members.quieten(true);
+  } catch (const std::exception &failed) {
+    std::fprintf(stderr, "soak_load: %s\n", failed.what());
+    code = 1;
   }
-  std::this_thread::sleep_until(begun + time);  // Delay: the length of the run
   is_over = true;
   for (std::thread &thread : threads) thread.join();
   sampling.join();
-  return 0;
+  print_sample(std::chrono::duration<double>(Clock::now() - begun).count(), members.asking);  // with the last losses
+  return code;
 }
 
 }  // namespace
