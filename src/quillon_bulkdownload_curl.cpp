@@ -53,11 +53,12 @@ int on_progress(void *userdata, curl_off_t, curl_off_t, curl_off_t, curl_off_t) 
   return static_cast<const qlk::ThrdsSharedData *>(userdata)->stopWrite ? 1 : 0;
 }
 
-void append_header(SlistPtr &headers, const char *line) {
-  if (curl_slist *const longer = curl_slist_append(headers.get(), line); longer != nullptr) {
-    static_cast<void>(headers.release());
-    headers.reset(longer);
-  }
+bool append_header(SlistPtr &headers, const char *line) {
+  curl_slist *const longer = curl_slist_append(headers.get(), line);
+  if (longer == nullptr) return false;
+  static_cast<void>(headers.release());
+  headers.reset(longer);
+  return true;
 }
 
 // "user:" and the bare JID; empty when something is missing.
@@ -91,17 +92,24 @@ TlsCallback tls_callback_of(const quillon_bulkdownload &bulkdownload) {
   return {bulkdownload.ssl_ctx_cb, bulkdownload.ssl_ctx_cb_user_data};
 }
 
-void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
+// What the service is asked, and by whom. False when memory is exhausted: half a request is not sent.
+bool make_request(Transfer &transfer, const quillon_bulkdownload &bulkdownload) {
+  transfer.body.reset(qlk::createRequestContent(&bulkdownload));
+  if (transfer.body == nullptr || !append_header(transfer.headers, xmltaghead)) return false;
+  fill_user_header(transfer.user.get(), bulkdownload.user_name);
+  const bool has_user = quillon_string_validate(transfer.user.get());
+  if (!has_user) return !quillon_string_validate(bulkdownload.user_name);
+  return append_header(transfer.headers, quillon_string_cstr(transfer.user.get()));
+}
+
+// False when memory is exhausted.
+bool set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
   const quillon_bulkdownload &bulkdownload = *iter.bulkdownload;
   CURL *const handle = transfer.handle.get();
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer.error);
   curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, qlk::curl_logtrace);
   curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
-  transfer.body.reset(qlk::createRequestContent(&bulkdownload));
   set_url(handle, copy_setting(bulkdownload, &_quillon_bulkdownload::zebUrl).get());
-  append_header(transfer.headers, xmltaghead);
-  fill_user_header(transfer.user.get(), bulkdownload.user_name);
-  if (quillon_string_validate(transfer.user.get())) append_header(transfer.headers, quillon_string_cstr(transfer.user.get()));
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, transfer.headers.get());
   curl_easy_setopt(handle, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_ANY));
   // The peer is verified by the TLS context as the callback prepares it.
@@ -123,7 +131,6 @@ void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   // A handshake that cannot go on, for want of memory for example, fails after this and not after five minutes.
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
-  curl_easy_setopt(handle, CURLOPT_PROXY, "");  // else one is taken from the environment
   curl_easy_setopt(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   // Else curl adds the authorities that the system trusts to those of the TLS context.
   curl_easy_setopt(handle, CURLOPT_CAINFO, nullptr);
@@ -131,6 +138,12 @@ void set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
 #if LIBCURL_VERSION_NUM >= 0x075700
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // a name that is still being looked up does not hold a close
 #endif
+  return curl_easy_setopt(handle, CURLOPT_PROXY, "") == CURLE_OK;  // else one is taken from the environment
+}
+
+void fail_for_memory(quillon_bulkdownload &bulkdownload) {
+  bulkdownload.status = QUILLON_STATUS_MALLOC_ERROR;
+  wb_log(WB_LOG_ERROR, "curlThrdFunc failed: QUILLON_STATUS_MALLOC_ERROR at file %s line %d\n", __FILE__, __LINE__);
 }
 
 void perform(Transfer &transfer, quillon_bulkdownload_iter &iter) {
@@ -138,17 +151,14 @@ void perform(Transfer &transfer, quillon_bulkdownload_iter &iter) {
   quillon_string *user = nullptr;
   const bool made = quillon_string_default_create(&user) == QUILLON_STATUS_OK;
   transfer.user.reset(user);
-  if (!made) {
-    bulkdownload.status = QUILLON_STATUS_MALLOC_ERROR;
-    return wb_log(WB_LOG_ERROR, "curlThrdFunc failed: QUILLON_STATUS_MALLOC_ERROR at file %s line %d\n", __FILE__, __LINE__);
-  }
+  if (!made || !make_request(transfer, bulkdownload)) return fail_for_memory(bulkdownload);
   bulkdownload.status = QUILLON_STATUS_OK;
   if (is_curl_ready()) transfer.handle.reset(curl_easy_init());
   if (transfer.handle == nullptr) {
     bulkdownload.status = QUILLON_STATUS_REST_INIT_ERROR;
     return wb_log(WB_LOG_ERROR, "curlThrdFunc failed: unable to initialize curl at file %s line %d\n", __FILE__, __LINE__);
   }
-  set_options(transfer, iter);
+  if (!set_options(transfer, iter)) return fail_for_memory(bulkdownload);
   const CURLcode result = curl_easy_perform(transfer.handle.get());
   bulkdownload.curlErrorCode = result;
   bulkdownload.status = result == CURLE_OK ? QUILLON_STATUS_OK : QUILLON_STATUS_REST_ERROR;
