@@ -8,7 +8,7 @@ namespace exhaustion {
 // Where they are, and the files to reach them with.
 struct Servers {
   std::string host, bulk_url;
-  std::string authority, certificate, key;
+  std::string authority, certificate, key, revocations;
 };
 
 // Starts them, by a fork: before the process has any thread. They end with it.

@@ -134,6 +134,7 @@ struct Holdings {
 constexpr int kRepeats = 6;
 constexpr long kPlenty = LONG_MAX - 1;
 constexpr std::chrono::milliseconds kLeaving(300), kAnswerTime(12'000);
+constexpr std::chrono::seconds kSlow(10);  // a round is told of for its time alone
 // How many seconds the rounds of a sweep may take, by the time that an undisturbed one takes.
 constexpr double kShort = 0.3, kFull = 1e9, kFirstFull = 60;
 
@@ -206,8 +207,9 @@ class Sweep {
     if (unmet > 0) ++tally_.statuses[status];
     tally_.longest = std::max(tally_.longest, took);
     duration_ = Clock::now() - begun;
-    if (!testing::Test::HasFailure()) return;
-    std::fprintf(stderr, "%s, %s, %ld spared, status %d\n", flow_.name.c_str(), shortage_.name, spared, static_cast<int>(status));
+    if (!testing::Test::HasFailure() && took < kSlow) return;
+    std::fprintf(stderr, "%s, %s, %ld spared, status %d, %lld ms\n", flow_.name.c_str(), shortage_.name, spared,
+                 static_cast<int>(status), static_cast<long long>(took.count()));
     shortage_.explain();
   }
 
