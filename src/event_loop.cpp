@@ -90,8 +90,9 @@ bool EventLoop::start_thread(pthread_t &handle) {
   reap();
   const std::lock_guard lock(mutex_);
   if (closed_) return false;
-  Thread &thread = threads_.emplace_back();
+  const size_t before = threads_.size();
   try {
+    Thread &thread = threads_.emplace_back();
     auto start = std::make_unique<Start>(Start{shared_from_this(), &thread});
     const SignalsBlocked blocked;
     if (pthread_create(&thread.handle, nullptr, run, start.get()) == 0) {
@@ -102,7 +103,7 @@ bool EventLoop::start_thread(pthread_t &handle) {
   } catch (const std::bad_alloc &) {
     wb_log(WB_LOG_ERROR, "no memory for a thread");
   }
-  threads_.pop_back();
+  if (threads_.size() > before) threads_.pop_back();
   return false;
 }
 

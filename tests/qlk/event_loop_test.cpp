@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "log_capture.h"
+#include "oom.h"
 #include "owners.h"
 #include "wait_for.h"
 
@@ -181,5 +182,18 @@ TEST_F(EventLoopTest, MayLoseItsLastHolderOnItsOwnThread) {
   while (!watched.expired() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
   EXPECT_TRUE(watched.expired());
 }
+
+#if QLK_HAS_OOM
+TEST_F(EventLoopTest, WithoutMemoryThereIsNoThread) {
+  loop_->enter();
+  pthread_t handle = {};
+  for (long nth = 1; nth <= 2; ++nth) {
+    const oom::FailNth failing(nth);
+    EXPECT_FALSE(loop_->start_thread(handle)) << nth;
+  }
+  EXPECT_TRUE(loop_->start_thread(handle));
+  loop_->leave();
+}
+#endif
 
 }  // namespace
