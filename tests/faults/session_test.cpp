@@ -230,9 +230,12 @@ struct DisconnectRow {
   std::string name;
   std::function<void(Options &)> change;
   std::function<void(ScriptedPeer &)> act = [](ScriptedPeer &) {};
+  std::string answer = {};  // to the client's closing tag
 
   friend void PrintTo(const DisconnectRow &row, std::ostream *out) { *out << row.name; }
 };
+
+constexpr char kClosingTag[] = "</stream:stream>";
 
 class Disconnecting : public FaultTest, public testing::WithParamInterface<DisconnectRow> {};
 
@@ -244,10 +247,20 @@ TEST_P(Disconnecting, EndsAsItShould) {
   application_.use(peer->host());
   ASSERT_EQ(QUILLON_STATUS_OK, application_.connect()) << application_.log();
   row.act(*peer);
+  std::shared_ptr<Connection> link = peer->newest();
+  std::thread answering([&] {
+    if (!row.answer.empty() && link->wait_until([](const testpeer::Transcript &it) { return it.is_closed_by_client; }, kSoon))
+      link->send(row.answer);
+  });
   const Stopwatch stopwatch;
   EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
   EXPECT_LT(stopwatch.passed(), kSoon);
   EXPECT_FALSE(application_.is_connected());
+  answering.join();
+  EXPECT_TRUE(row.answer.empty() || testpeer::eventually(kSoon, [&] { return link->transcript().is_ended; }));
+  const std::string received = link->transcript().received;
+  link.reset();  // it keeps a socket
+  EXPECT_EQ(received.rfind(kClosingTag), received.find(kClosingTag)) << "nothing comes behind the closing tag: " << received;
   EXPECT_EQ(1U, application_.seen().disconnected.size());
   EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
   EXPECT_EQ(1U, application_.seen().disconnected.size());
@@ -264,6 +277,9 @@ const DisconnectRow kDisconnects[] = {
     {"IsInAStanza", [](Options &it) { it.answers_close = false; },
      [](ScriptedPeer &peer) { peer.send("<message from='" CONTROLLER_JID "'><grid xmlns='quillon'"); }},
     {"SaysNoXml", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &peer) { peer.send("</message>"); }},
+    {"IsAnsweredByNoXml", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &) {}, "</message>"},
+    {"IsAnsweredByAStreamError", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &) {},
+     "<stream:error><conflict xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, Disconnecting, testing::ValuesIn(kDisconnects), kNameOfRow);

@@ -426,6 +426,7 @@ void Session::leave(std::string_view last_words, wb_errcode code, const std::str
     leaving_error_ = error;
   }
   leaving_code_ = code;
+  if (state_ == State::closing) last_words = {};  // our closing tag was the last
   state_ = State::leaving;
   parser_.stop();
   owner_.on_session_leaving();
