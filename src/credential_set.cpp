@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -26,6 +27,7 @@ struct ContextFree {
 };
 using ContextPtr = std::unique_ptr<SSL_CTX, ContextFree>;
 
+constexpr int kFileBytesMax = 16 * 1024 * 1024;  // more is no list of certificates, but a device perhaps
 constexpr QUILLON_STATUS kOurs = QUILLON_STATUS_CONNECTION_ERROR_CLIENT, kTheirs = QUILLON_STATUS_CONNECTION_ERROR_SERVER;
 
 bool refuse(qlk::CredentialFault &fault, QUILLON_STATUS status, std::string text) {
@@ -63,17 +65,56 @@ bool was_read(BIO *file) {
   return false;
 }
 
-// Appends all objects of a kind that the PEM file holds. False when there is none, or one that cannot be read.
-template <typename List, typename Read>
-bool read_all(const std::string &file, List &list, Read read) {
+// The whole of a file. It is wiped before its memory is given back.
+BioPtr read_file(const std::string &name) {
   ERR_clear_error();
-  const BioPtr bio(BIO_new_file(file.c_str(), "r"));
-  if (bio == nullptr) return false;
-  while (auto *const object = read(bio.get(), nullptr, nullptr, nullptr)) list.emplace_back(object);
+  const BioPtr file(BIO_new_file(name.c_str(), "r"));
+  BioPtr bytes(BIO_new(BIO_s_mem()));
+  if (file == nullptr || bytes == nullptr) return nullptr;
+  char piece[4096];
+  int got = 0;
+  bool is_kept = true;
+  while (is_kept && (got = BIO_read(file.get(), piece, sizeof piece)) > 0) {
+    is_kept = BIO_write(bytes.get(), piece, got) == got && BIO_pending(bytes.get()) <= kFileBytesMax;
+    if (BIO_pending(bytes.get()) > kFileBytesMax) ERR_raise(ERR_LIB_SYS, EFBIG);
+  }
+  OPENSSL_cleanse(piece, sizeof piece);
+  if (!is_kept || !was_read(file.get())) return nullptr;
+  return bytes;
+}
+
+// Reads what was read, from its beginning, and leaves it for another time.
+BioPtr view_of(BIO *bytes) {
+  char *begin = nullptr;
+  const long length = BIO_get_mem_data(bytes, &begin);
+  return BioPtr(BIO_new_mem_buf(begin != nullptr ? begin : "", static_cast<int>(length)));
+}
+
+// All objects of a kind that the PEM text holds. False when there is none, or one that cannot be read.
+template <typename List, typename Read>
+bool decode_all(BIO *bytes, List &list, Read read) {
+  ERR_clear_error();
+  list.clear();
+  const BioPtr text = view_of(bytes);
+  if (text == nullptr) return false;
+  while (typename List::value_type object{read(text.get(), nullptr, nullptr, nullptr)}) list.push_back(std::move(object));
   const bool is_at_end = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
-  if (!was_read(bio.get()) || list.empty() || !is_at_end) return false;
+  if (list.empty() || !is_at_end) return false;
   ERR_clear_error();
   return true;
+}
+
+// A certificate whose public key could not be decoded is a certificate to OpenSSL, which says nothing of it: for want of memory,
+// or because it does not know that kind of key. Only the latter is so the second time.
+template <typename List>
+bool read_certificates(const std::string &file, List &list) {
+  const auto has_key = [](const auto &certificate) {
+    const EVP_PKEY *key = X509_get0_pubkey(certificate.get());
+    return key != nullptr && EVP_PKEY_get_security_bits(key) > 0;
+  };
+  const BioPtr bytes = read_file(file);
+  if (bytes == nullptr || !decode_all(bytes.get(), list, PEM_read_bio_X509)) return false;
+  return std::all_of(list.begin(), list.end(), has_key) || decode_all(bytes.get(), list, PEM_read_bio_X509);
 }
 
 // OpenSSL asks for the pass phrase here. None at all is an answer too: it must not ask the terminal.
@@ -136,31 +177,42 @@ void demand_revocations(SSL_CTX *context) {
 
 CredentialFiles::~CredentialFiles() { OPENSSL_cleanse(passphrase.data(), passphrase.size()); }
 
+// OpenSSL tries one way to decode a key after the other and does not tell why each of them failed: one that lacked memory looks
+// like a key that is none. So it is asked twice.
+bool CredentialSet::load_key(const CredentialFiles &files) {
+  const BioPtr bytes = read_file(files.key);
+  if (bytes == nullptr) return false;
+  const auto decode = [&] {
+    ERR_clear_error();
+    const BioPtr text = view_of(bytes.get());
+    if (text == nullptr) return false;
+    key_.reset(PEM_read_bio_PrivateKey(text.get(), nullptr, give_passphrase, const_cast<CredentialFiles *>(&files)));
+    return key_ != nullptr;
+  };
+  return decode() || decode();
+}
+
 bool CredentialSet::load_own(const CredentialFiles &files, CredentialFault &fault) {
   if (files.certificate.empty() || files.key.empty()) return refuse(fault, kOurs, "no client certificate and key files are set");
-  if (!read_all(files.certificate, chain_, PEM_read_bio_X509)) {
+  if (!read_certificates(files.certificate, chain_)) {
     return refuse_file(fault, kOurs, "client certificate chain", files.certificate);
   }
-  const BioPtr file(BIO_new_file(files.key.c_str(), "r"));
-  if (file != nullptr) {
-    key_.reset(PEM_read_bio_PrivateKey(file.get(), nullptr, give_passphrase, const_cast<CredentialFiles *>(&files)));
-    if (key_ == nullptr) was_read(file.get());
-  }
-  if (key_ == nullptr) return refuse_file(fault, kOurs, "client key", files.key);
+  if (!load_key(files)) return refuse_file(fault, kOurs, "client key", files.key);
   return true;
 }
 
 bool CredentialSet::load_authorities(const CredentialFiles &files, CredentialFault &fault) {
-  if (!files.ca.empty() && !read_all(files.ca, authorities_, PEM_read_bio_X509))
-    return refuse_file(fault, kTheirs, "server CA", files.ca);
-  if (!files.bulk_ca.empty() && !read_all(files.bulk_ca, bulk_authorities_, PEM_read_bio_X509))
+  if (!files.ca.empty() && !read_certificates(files.ca, authorities_)) return refuse_file(fault, kTheirs, "server CA", files.ca);
+  if (!files.bulk_ca.empty() && !read_certificates(files.bulk_ca, bulk_authorities_))
     return refuse_file(fault, kTheirs, "bulk server CA", files.bulk_ca);
   return true;
 }
 
 bool CredentialSet::load_revocations(const CredentialFiles &files, Revocations &revocations, CredentialFault &fault) {
   if (files.crl.empty()) return true;
-  if (!read_all(files.crl, revocations, PEM_read_bio_X509_CRL)) return refuse_file(fault, kTheirs, "revocation list", files.crl);
+  const BioPtr bytes = read_file(files.crl);
+  if (bytes == nullptr || !decode_all(bytes.get(), revocations, PEM_read_bio_X509_CRL))
+    return refuse_file(fault, kTheirs, "revocation list", files.crl);
   for (const auto &list : revocations) {
     const ASN1_TIME *next = X509_CRL_get0_nextUpdate(list.get());
     if (next != nullptr && X509_cmp_current_time(next) < 0)

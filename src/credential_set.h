@@ -51,6 +51,7 @@ class CredentialSet {
   using Certificates = std::vector<std::unique_ptr<X509, Release>>;
   using Revocations = std::vector<std::unique_ptr<X509_CRL, Release>>;
 
+  bool load_key(const CredentialFiles &files);
   bool load_own(const CredentialFiles &files, CredentialFault &fault);
   bool load_authorities(const CredentialFiles &files, CredentialFault &fault);
   static bool load_revocations(const CredentialFiles &files, Revocations &revocations, CredentialFault &fault);
