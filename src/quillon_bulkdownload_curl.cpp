@@ -18,6 +18,9 @@ namespace {
 
 constexpr size_t CURL_TO_WBLOG_BUFFER_SIZE = 32768;
 constexpr long kConnectSeconds = 50;  // TCP and TLS
+// A parser takes 2 ms and more for a full ring.
+constexpr timespec kNap = {.tv_sec = 0, .tv_nsec = 200'000};
+constexpr unsigned kNapsMax = 10;
 constexpr char contentFormat[] = R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?> )";
 constexpr char xmltaghead[] = "Content-Type: application/xml";
 constexpr char usertag[] = "user:";
@@ -173,8 +176,16 @@ void finish(qlk::ThrdsSharedData &shared) {
   pthread_cond_signal(&shared.notEmpty);
 }
 
+bool is_full(qlk::ThrdsSharedData &shared) {
+  const qlk::PthreadLock lock(shared.mutex);
+  return shared.count == qlk::kChunksMax && !shared.stopWrite;
+}
+
 // Waits until the slot at head may be filled. False: the transfer is to give up.
 bool wait_for_room(qlk::ThrdsSharedData &shared) {
+  // A parser at work makes room in a moment, and it is what a download waits for: to be woken costs it a system call for each
+  // chunk. So the transfer looks again a few times by itself.
+  for (unsigned naps = 0; naps < kNapsMax && is_full(shared); ++naps) nanosleep(&kNap, nullptr);
   const qlk::PthreadLock lock(shared.mutex);
   while (shared.count == qlk::kChunksMax && !shared.stopWrite) pthread_cond_wait(&shared.notFull, &shared.mutex);
   return !shared.stopWrite;
