@@ -56,6 +56,7 @@ struct Resources {
 
   static Resources now();
   bool operator==(const Resources &) const = default;
+  bool exceed(const Resources &other) const { return descriptors > other.descriptors || threads > other.threads; }
 };
 
 struct Seen {

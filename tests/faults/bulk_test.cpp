@@ -124,7 +124,8 @@ TEST_P(BulkFault, EndsAsItShould) {
 
   peer.reset();
   expect_download();
-  EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return Resources::now() == before; }));
+  // A thread of the first peer may still have been leaving when it was joined.
+  EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return !Resources::now().exceed(before); }));
 }
 
 // ---- Each stage
