@@ -509,7 +509,8 @@ typedef enum QUILLON_HANDLER_QUEUE_OVERFLOW {
 } QUILLON_HANDLER_QUEUE_OVERFLOW;
 
 /* Sets how many stanzas may wait for a handler of the application before a warning is logged: once, and again only after half of
- * them or fewer were left. It holds for each of the two handler queues of a connection, from its next connect on.
+ * them or fewer were left. It holds for each of the two handler queues of a connection, from its next connect on, and for the
+ * asynchronous queries that wait to be called back, of which there are never more than the application has begun.
  * stanzas: 1 and more, at first 1000; 0: there is no warning, as in a configuration made by quillon_config_default_create.
  * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL or stanzas negative */
 QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_warning(quillon_config *config, int stanzas);

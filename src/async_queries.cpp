@@ -169,7 +169,8 @@ void AsyncQueries::call_back_all(std::unique_lock<std::mutex> &lock) {
     AsyncCallPtr call = std::move(first_ended_);
     first_ended_ = std::move(call->next);
     if (first_ended_ == nullptr) last_ended_ = nullptr;
-    waiting_.fetch_sub(1, std::memory_order_relaxed);
+    const size_t left = waiting_.fetch_sub(1, std::memory_order_relaxed) - 1;
+    if (left <= warning_ / 2) is_warned_ = false;
     // Who is just asking still reads the request; a handle that is kept need not keep it for longer than that.
     NodePtr request = call->asking ? nullptr : std::move(call->request);
     ++callbacks_;
@@ -301,6 +302,7 @@ void AsyncQueries::on_done(void *arg, QUILLON_STATUS status, wb_dom_node *reply)
 
 void AsyncQueries::on_answer(const AsyncAttempt &attempt, QUILLON_STATUS status, NodePtr response) {
   AsyncCall &call = *attempt.call;
+  bool is_too_much = false;
   {
     const std::lock_guard lock(mutex_);
     if (call.ended) return;
@@ -308,7 +310,11 @@ void AsyncQueries::on_answer(const AsyncAttempt &attempt, QUILLON_STATUS status,
     call.response = std::move(response);
     finish_locked(call, status == QUILLON_STATUS_OK ? End{QUILLON_QUERY_OUTCOME_ANSWERED, QUILLON_STATUS_OK}
                                                     : End{QUILLON_QUERY_OUTCOME_REFUSED, status});
+    is_too_much = is_too_much_locked();
   }
+  if (is_too_much)
+    wb_log(WB_LOG_WARN, "%zu answered queries wait for their callback, which is too slow for them",
+           waiting_.load(std::memory_order_relaxed));
   if (call.capability != nullptr && attempt.index != call.start)
     StickyIndex(*connection_.query, *call.capability).store(attempt.index);
 }
@@ -362,6 +368,11 @@ void AsyncQueries::finish_locked(AsyncCall &call, End end) {
   const size_t waiting = waiting_.fetch_add(1, std::memory_order_relaxed) + 1;
   if (waiting > waiting_highest_.load(std::memory_order_relaxed)) waiting_highest_.store(waiting, std::memory_order_relaxed);
   wake_completions_locked();
+}
+
+// True once for each crossing.
+bool AsyncQueries::is_too_much_locked() {
+  return waiting_.load(std::memory_order_relaxed) >= warning_ && !std::exchange(is_warned_, true);
 }
 
 void AsyncQueries::cancel(AsyncCall &call) {
@@ -419,6 +430,11 @@ bool AsyncQueries::settle(SteadyClock::time_point deadline) {
 void AsyncQueries::wait_until_quiet() {
   std::unique_lock lock(mutex_);
   if (!calls_back_here_locked()) quiet_.wait(lock, [this] { return is_quiet_locked(); });
+}
+
+void AsyncQueries::set_warning(size_t completions) {
+  const std::lock_guard lock(mutex_);
+  warning_ = completions;
 }
 
 quillon_handler_queue_usage AsyncQueries::completions_usage() const {

@@ -46,6 +46,8 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   // Waits until no callback is to come or runs, however long it takes. Called by a callback it does not wait.
   void wait_until_quiet();
 
+  // So many that wait for their callback are worth a warning in the log. Any thread.
+  void set_warning(size_t completions);
   // Those that have ended and wait for their callback. Any thread.
   quillon_handler_queue_usage completions_usage() const;
 
@@ -87,6 +89,7 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   static End end_without_answer(const AsyncCall &call, QUILLON_STATUS status);
   void finish_locked(AsyncCall &call, End end);
   void finish_all_locked(QUILLON_STATUS status);
+  bool is_too_much_locked();
   bool calls_back_here_locked() const;
   // Whether no callback is to come or runs; those that wait in settle themselves are not waited for.
   bool is_quiet_locked() const { return is_left_ || (first_ended_ == nullptr && callbacks_ <= excused_); }
@@ -106,6 +109,8 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   size_t excused_ = 0;                                                // so many of them, the outer ones, are in settle
   bool refuses_new_ = false, is_left_ = false, is_stopped_ = false, is_closed_ = false;
   std::atomic<size_t> waiting_ = 0, waiting_highest_ = 0;  // for their callback; changed under mutex_
+  size_t warning_ = SIZE_MAX;                              // of those that wait
+  bool is_warned_ = false;                                 // since half of that or fewer were left
   bool has_timer_ = false, has_completions_ = false;       // threads to be joined
   pthread_t timer_ = {}, completions_ = {};
 };

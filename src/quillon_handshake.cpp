@@ -171,6 +171,7 @@ void limit_handler_queues(const quillon_connection &connection) {
                                               .bound = limit_of(connection.config->handler_queue_bound)};
   connection.query->request_handler.set_limits(limits);
   connection.notification->notf_handler.set_limits(limits);
+  connection.extra->async_queries->set_warning(limits.warning);
 }
 
 bool put_target(quillon_connection &connection, wb_err *err) {

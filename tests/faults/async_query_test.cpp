@@ -262,6 +262,29 @@ TEST_F(AsyncQuery, ACallbackThatBlocksKeepsNobodyFromBeingPassedOver) {
   EXPECT_EQ(kAnswered, wait_for(2).at(1));
 }
 
+TEST_F(AsyncQuery, ACallbackThatIsTooSlowIsWarnedOfOnce) {
+  constexpr size_t kCount = 6;
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_handler_queue_warning(application_.config(), 3));
+  ASSERT_NO_FATAL_FAILURE(connect({"good"}));
+  in_callback_ = [&] {
+    const auto waiting = [&] {
+      quillon_statistics now = {};
+      now.size = sizeof now;
+      quillon_connection_get_statistics(application_.connection(), &now);
+      return now.completion_queue.depth;
+    };
+    if (ended().size() == 1) {
+      EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return waiting() == kCount - 1; }));
+    }
+  };
+  for (size_t i = 0; i < kCount; ++i) ASSERT_EQ(QUILLON_STATUS_OK, ask());
+  wait_for(kCount);
+  const std::string log = application_.log();
+  const size_t told = log.find("3 answered queries wait for their callback");
+  ASSERT_NE(std::string::npos, told) << log;
+  EXPECT_EQ(std::string::npos, log.find("wait for their callback", told + 30)) << log;
+}
+
 TEST_F(AsyncQuery, ThousandsAreInFlightFromOneThread) {
   ASSERT_NO_FATAL_FAILURE(connect({"good"}));
   constexpr size_t kCount = 2000;
