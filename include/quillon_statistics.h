@@ -16,7 +16,7 @@ extern "C" {
 typedef struct _quillon_query_counts {
   uint64_t answered;  /* a publisher, or the controller, answered */
   uint64_t refused;   /* it refused, or the server did in its place, or it answered with no response */
-  uint64_t not_sent;  /* the last attempt left nothing: no session, no publisher known, not taken, or called while it was drained */
+  uint64_t not_sent;  /* the last attempt sent nothing: no session, no publisher known, not taken, or called while drained */
   uint64_t timed_out; /* sent, and no answer came in time */
   uint64_t unknown;   /* sent, and the session ended, or the call was cancelled, before an answer came */
 } quillon_query_counts;
