@@ -297,15 +297,20 @@ TEST_F(QueryCalls, AnIndexBeyondTheListRestartsAtTheFirstAndIsReplaced) {
   EXPECT_EQ("x", ask(capability_.get(), QUILLON_STATUS_OK)) << "0 was stored";
 }
 
+// Logs, and destroys the connection once an attempt has failed.
+test_support::Connection *doomed = nullptr;
+int log_and_destroy(FILE *, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
+
+int log_and_destroy(FILE *, const char *format, va_list args) {
+  if (format == std::string_view("send and wait failed")) std::thread([] { doomed->reset(); }).join();
+  return test_support::LogCapture::receive(format, args);
+}
+
 // The session ended, and the application destroys the connection before the call has gone on.
 TEST_F(QueryCalls, NobodyIsAskedOnceTheConnectionIsDestroyed) {
-  static test_support::Connection *connection;
-  connection = &connection_;
+  doomed = &connection_;
   set_publishers(capability_.get(), "ab");
-  wb_log_set_function([](FILE *, const char *format, va_list args) {
-    if (format == std::string_view("send and wait failed")) std::thread([] { connection->reset(); }).join();
-    return test_support::LogCapture::receive(format, args);
-  });
+  wb_log_set_function(log_and_destroy);
   EXPECT_EQ("a", ask(capability_.get(), QUILLON_STATUS_SEND_TIMEOUT));
 }
 
