@@ -1,6 +1,7 @@
 #include "quillon_lib.h"
 
 #include <event2/thread.h>
+#include <openssl/ssl.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -158,6 +159,9 @@ QUILLON_STATUS quillon_init(void) {
     if (lib == nullptr) return fail("unable to allocate memory", QUILLON_STATUS_MALLOC_ERROR);
     if (const QUILLON_STATUS status = build(*lib); status != QUILLON_STATUS_OK) return status;
     watch_forks();
+    // What is registered last runs first at exit. OpenSSL, were it to come up with the first session, would clean up while our
+    // threads still use it. If it cannot come up now, that session says so.
+    static_cast<void>(OPENSSL_init_ssl(0, nullptr));
     qlk::g_Qln_Lib = lib.release();
     qlk::bLibInitialize = true;
     if (std::atexit(quillon_shutdown) != 0) wb_log(WB_LOG_ERROR, "atexit failed to register quillon_shutdown");

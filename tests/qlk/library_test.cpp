@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <openssl/crypto.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -121,6 +122,18 @@ int run_in_child(Function &&function) {
 TEST(LibraryExit, ShutsDownByItself) {
   EXPECT_EQ(0, run_in_child([] { std::_Exit(quillon_init() == QUILLON_STATUS_OK ? 0 : 1); }));
   EXPECT_EQ(0, run_in_child([] { quillon_init(); }));
+}
+
+// OpenSSL must not clean up while the loop may still be using it.
+TEST(LibraryExit, ShutsDownBeforeOpenSsl) {
+  constexpr int kInOrder = 3;
+  const int status = run_in_child([] {
+    if (quillon_init() != QUILLON_STATUS_OK) std::_Exit(1);
+    OPENSSL_init_crypto(0, nullptr);  // as the first session does
+    OPENSSL_atexit([] { std::_Exit(qlk::bLibInitialize ? 2 : kInOrder); });
+  });
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(kInOrder, WEXITSTATUS(status));
 }
 
 TEST(LibraryExit, LetsAConnectionOutliveIt) {
