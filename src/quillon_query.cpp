@@ -10,6 +10,7 @@
 #include "query_request.h"
 #include "quillon_capability.h"
 #include "quillon_grid.h"
+#include "quillon_wb_client.h"
 #include "stanza_builder.h"
 
 const char *const generic_message = "{" GRID_NS "}genericMessage";
@@ -36,19 +37,12 @@ bool create_table(qlk::TablePtr &out) {
 }
 
 // Sends the payload, which it consumes, and waits for the reply.
-QUILLON_STATUS send_and_wait(quillon_connection *connection, const quillon_string &jid, qlk::NodePtr payload,
-                             qlk::NodePtr &reply) {
-  wb_dom_node *iq = qlk::build_request(*connection, jid, payload.get());
+QUILLON_STATUS send_and_wait(quillon_connection &connection, const quillon_string &jid, qlk::NodePtr payload, qlk::NodePtr &reply,
+                             qlk::SendFate &fate) {
+  qlk::NodePtr iq(qlk::build_request(connection, jid, payload.get()));
   if (iq == nullptr) return QUILLON_STATUS_XML_ERROR;
-  quillon_data *data = nullptr;
-  QUILLON_STATUS status = quillon_wb_client_create(&data, connection);
-  if (status == QUILLON_STATUS_OK) {
-    wb_dom_node *received = nullptr;
-    static_cast<void>(payload.release());  // the send consumes it
-    status = quillon_wb_client_send_and_wait(data, iq, &received);
-    reply.reset(received);
-    quillon_wb_client_destroy(data);
-  }
+  static_cast<void>(payload.release());  // of one context with the IQ, which owns it now
+  const QUILLON_STATUS status = qlk::send_and_wait(connection, std::move(iq), reply, fate);
   if (status != QUILLON_STATUS_OK) wb_log(WB_LOG_ERROR, "send and wait failed");
   return status;
 }
@@ -56,12 +50,11 @@ QUILLON_STATUS send_and_wait(quillon_connection *connection, const quillon_strin
 // One attempt; consumes the payload.
 QUILLON_STATUS ask(const quillon_query &query, const quillon_string &jid, qlk::NodePtr payload, qlk::NodePtr &response,
                    qlk::CountedQuery &counted) {
-  const bool has_session = query.connection->is_xmpp_connected;
-  const int timeout_seconds = qlk::send_timeout_seconds(*query.connection);
   qlk::NodePtr reply;
-  QUILLON_STATUS status = send_and_wait(query.connection, jid, std::move(payload), reply);
+  qlk::SendFate fate = qlk::SendFate::not_sent;
+  QUILLON_STATUS status = send_and_wait(*query.connection, jid, std::move(payload), reply, fate);
   if (status == QUILLON_STATUS_OK) status = qlk::read_reply(std::move(reply), response);
-  counted.end_attempt(status, has_session, timeout_seconds);
+  counted.end_attempt(status, fate);
   return status;
 }
 
@@ -90,7 +83,10 @@ QUILLON_STATUS ask_publishers(_quillon_query &query, const quillon_capability &c
     if (jid == nullptr) return attempt == 1 ? QUILLON_STATUS_CAPABILITY_NOT_FOUND : status;
     const bool last = attempt == count;
     qlk::NodePtr payload = last ? std::move(request) : qlk::copy_payload(request.get());
-    if (payload == nullptr) return QUILLON_STATUS_XML_ERROR;
+    if (payload == nullptr) {
+      counted.end_attempt(QUILLON_STATUS_XML_ERROR, qlk::SendFate::not_sent);
+      return QUILLON_STATUS_XML_ERROR;
+    }
     status = ask(query, *jid, std::move(payload), response, counted);
     if (!tries_next(status)) break;
     if (last || has_left(query)) return status;

@@ -33,9 +33,12 @@ struct Operation {
 
   std::mutex mutex;
   qlk::NodePtr request;  // under mutex from here on, until it is sent
+  bool sent = false;
+  qlk::SteadyClock::time_point due;  // when it is sent: the end of the time-out
   bool given_up = false;
   bool finished = false;
   QUILLON_STATUS status = QUILLON_STATUS_UNKNOWN;
+  qlk::SendFate fate = qlk::SendFate::not_sent;
   qlk::NodePtr response;
 
   // Any thread; what comes after the first outcome, or after the caller has gone, is dropped. Whoever calls it holds a reference.
@@ -45,6 +48,7 @@ struct Operation {
       if (given_up || finished) return;
       finished = true;
       status = outcome;
+      fate = fate_of_locked(outcome);
       response = std::move(reply);
     }
     {
@@ -55,11 +59,30 @@ struct Operation {
     pthread_cond_signal(&monitor->cond);
   }
 
-  // The caller waits no more. A request that the loop has not taken yet is never sent.
-  void give_up() {
+  // It is about to be sent, which may finish it at any moment. False when it is not wanted any more.
+  bool begin_sending() {
     const std::lock_guard lock(mutex);
-    given_up = true;
-    request.reset();
+    if (given_up || finished) return false;
+    sent = true;
+    due = qlk::SteadyClock::now() + std::chrono::seconds(timeout_seconds);
+    return true;
+  }
+
+  void refuse_to_send() {
+    {
+      const std::lock_guard lock(mutex);
+      sent = false;
+    }
+    finish(QUILLON_STATUS_UNKNOWN);
+  }
+
+ private:
+  // The end of the session has the status of a time-out: the time tells them apart.
+  qlk::SendFate fate_of_locked(QUILLON_STATUS outcome) const {
+    if (outcome == QUILLON_STATUS_OK) return qlk::SendFate::answered;
+    if (!sent) return qlk::SendFate::not_sent;
+    const bool is_over = outcome == QUILLON_STATUS_SEND_TIMEOUT && qlk::SteadyClock::now() >= due;
+    return is_over ? qlk::SendFate::timed_out : qlk::SendFate::lost;
   }
 };
 using OperationPtr = std::shared_ptr<Operation>;
@@ -110,12 +133,13 @@ void on_reply(void *arg, QUILLON_STATUS status, wb_dom_node *reply) {
 }
 
 void track_operation(const OperationPtr &operation, qlk::NodePtr iq) {
+  if (!operation->begin_sending()) return;
   std::unique_ptr<OperationPtr> holder(new (std::nothrow) OperationPtr(operation));
   if (holder != nullptr && track(*operation->gate, std::move(iq), operation->timeout_seconds, on_reply, holder.get())) {
     static_cast<void>(holder.release());  // on_reply's now
     return;
   }
-  operation->finish(QUILLON_STATUS_UNKNOWN);
+  operation->refuse_to_send();
 }
 
 void send_operation(Operation &operation, qlk::NodePtr stanza) {
@@ -184,20 +208,36 @@ struct _quillon_data {
   QUILLON_STATUS status;
   wb_dom_node *response;
   OperationPtr operation;  // private addition
+  qlk::SendFate fate;      // private addition
 };
 
 namespace {
 
-// Waits for the outcome, at most until the deadline, and takes it over. False on a time-out.
+// Ends the operation when the connection is destroyed. Made before anything is sent or queued, since it takes memory.
+class WokenByDestroy {
+ public:
+  explicit WokenByDestroy(Operation &operation)
+      : waiting_(*operation.gate, [&operation] { operation.finish(QUILLON_STATUS_UNKNOWN); }) {
+    if (!waiting_) operation.finish(QUILLON_STATUS_UNKNOWN);
+  }
+
+ private:
+  const qlk::ClientGate::Waiting waiting_;
+};
+
+// Waits for the outcome, at most until the deadline, and takes it over. False on a time-out: the caller waits no more, and a
+// request that the loop has not taken yet is never sent.
 bool await(quillon_data &data, qlk::SteadyClock::time_point deadline) {
   Operation &operation = *data.operation;
-  {
-    const qlk::ClientGate::Waiting waiting(*operation.gate, [&operation] { operation.finish(QUILLON_STATUS_UNKNOWN); });
-    if (!waiting) operation.finish(QUILLON_STATUS_UNKNOWN);
-    qlk::wait_notified(*operation.monitor, deadline);
-  }
+  qlk::wait_notified(*operation.monitor, deadline);
   const std::lock_guard lock(operation.mutex);
+  if (!operation.finished) {
+    operation.given_up = true;
+    operation.request.reset();
+    if (operation.sent) operation.fate = qlk::SendFate::timed_out;
+  }
   data.status = operation.status;
+  data.fate = operation.fate;
   data.response = operation.response.release();
   return operation.finished;
 }
@@ -225,6 +265,7 @@ void begin(quillon_data &data, wb_dom_node *request) {
   if (data.operation->gate != nullptr && make_operation(data) != QUILLON_STATUS_OK) throw std::bad_alloc();  // used before
   data.request = request;
   data.status = QUILLON_STATUS_UNKNOWN;
+  data.fate = qlk::SendFate::not_sent;
   data.response = nullptr;
   data.operation->gate = data.connection->extra->gate;
   data.operation->timeout_seconds = static_cast<unsigned>(std::max(qlk::send_timeout_seconds(*data.connection), 0));
@@ -234,6 +275,7 @@ void begin(quillon_data &data, wb_dom_node *request) {
 QUILLON_STATUS send_and_wait(quillon_data &data, qlk::NodePtr iq) {
   begin(data, iq.get());
   const OperationPtr operation = data.operation;
+  const WokenByDestroy woken(*operation);
   const auto seconds = static_cast<int>(operation->timeout_seconds);
   qlk::SteadyClock::time_point deadline = after(seconds);
   if (data.connection->is_xmpp_connected) {
@@ -244,7 +286,6 @@ QUILLON_STATUS send_and_wait(quillon_data &data, qlk::NodePtr iq) {
     if (!put(*data.connection->extra->loop, operation, _send_and_wait_cb)) return QUILLON_STATUS_SEND_ERROR;
   }
   if (await(data, deadline)) return data.status;
-  operation->give_up();
   wb_log(WB_LOG_ERROR, "send and wait: the event loop did not answer within %d seconds", seconds);
   return QUILLON_STATUS_SEND_TIMEOUT;
 }
@@ -257,9 +298,10 @@ QUILLON_STATUS send_and_forget(quillon_data &data, qlk::NodePtr stanza) {
     return operation->status;
   }
   if (is_on_loop(data, "a send without a session")) return QUILLON_STATUS_SEND_ERROR;
+  const WokenByDestroy woken(*operation);
   operation->request = std::move(stanza);
   if (!put(*data.connection->extra->loop, operation, _send_and_forget_cb)) return QUILLON_STATUS_SEND_ERROR;
-  if (!await(data, after(qlk::send_timeout_seconds(*data.connection)))) operation->give_up();
+  await(data, after(qlk::send_timeout_seconds(*data.connection)));
   return data.status;
 }
 
@@ -269,6 +311,18 @@ void qlk::send_async(quillon_connection &connection, wb_dom_node *iq, unsigned t
   NodePtr request(iq);
   if (!connection.is_xmpp_connected) return done(arg, QUILLON_STATUS_NO_CONNECTION, nullptr);
   if (!track(*connection.extra->gate, std::move(request), timeout_seconds, done, arg)) done(arg, QUILLON_STATUS_UNKNOWN, nullptr);
+}
+
+QUILLON_STATUS qlk::send_and_wait(quillon_connection &connection, NodePtr iq, NodePtr &reply, SendFate &fate) {
+  fate = SendFate::not_sent;
+  quillon_data *data = nullptr;
+  if (const QUILLON_STATUS status = quillon_wb_client_create(&data, &connection); status != QUILLON_STATUS_OK) return status;
+  const std::unique_ptr<quillon_data, decltype(&quillon_wb_client_destroy)> owned(data, quillon_wb_client_destroy);
+  wb_dom_node *received = nullptr;
+  const QUILLON_STATUS status = quillon_wb_client_send_and_wait(data, iq.release(), &received);
+  reply.reset(received);
+  fate = data->fate;
+  return status;
 }
 
 bool qlk::send_stanza(const quillon_connection &connection, wb_dom_node *stanza, wb_err *err) {
@@ -283,6 +337,7 @@ QUILLON_STATUS quillon_wb_client_create(quillon_data **data, quillon_connection 
     auto created = std::make_unique<_quillon_data>();
     created->connection = connection;
     created->status = QUILLON_STATUS_UNKNOWN;
+    created->fate = qlk::SendFate::not_sent;
     const QUILLON_STATUS status = make_operation(*created);
     if (status == QUILLON_STATUS_OK) *data = created.release();
     return status;
@@ -329,6 +384,7 @@ QUILLON_STATUS quillon_wb_client_disconnect(quillon_data *data) {
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     if (is_on_loop(*data, "a disconnect")) return data->status = QUILLON_STATUS_SEND_ERROR;
     begin(*data, nullptr);
+    const WokenByDestroy woken(*data->operation);
     if (!put(*data->connection->extra->loop, data->operation, _disconnect_cb)) return data->status = QUILLON_STATUS_SEND_ERROR;
     const bool done = await(*data, after(qlk::send_timeout_seconds(*data->connection)));
     return data->status = done ? QUILLON_STATUS_OK : QUILLON_STATUS_SEND_TIMEOUT;

@@ -2,8 +2,16 @@
 #pragma once
 
 #include "quillon.h"
+#include "stanza_builder.h"
 
 namespace qlk {
+
+// What became of a request that was waited for. Lost: it was sent, and whether it was answered is not known.
+enum class SendFate { not_sent, answered, timed_out, lost };
+
+// quillon_wb_client_send_and_wait with a record of its own; says also whether the IQ was sent. The reply is set when the result
+// is OK.
+QUILLON_STATUS send_and_wait(quillon_connection &connection, NodePtr iq, NodePtr &reply, SendFate &fate);
 
 // The outcome of a send: OK with the reply, else NULL. One reference of the reply's context is the callee's.
 using SendDone = void (*)(void *arg, QUILLON_STATUS status, wb_dom_node *reply);

@@ -54,27 +54,25 @@ void QueryStatistics::read(quillon_statistics &statistics) const {
   statistics.latency_sum = latency_sum_.load(std::memory_order_relaxed);
 }
 
-// No answer within the time, and the end of the session, have one status; the time tells them apart. Without a session the
-// request waited for one in vain.
-void CountedQuery::end_attempt(QUILLON_STATUS status, bool had_session, int timeout_seconds) {
-  switch (status) {
-    case QUILLON_STATUS_OK:
-      outcome_ = Outcome::answered;
-      return;
-    case QUILLON_STATUS_XMPP_ERROR:
-    case QUILLON_STATUS_QUILLON_ERROR:
+void CountedQuery::end_attempt(QUILLON_STATUS status, SendFate fate) {
+  if (status == QUILLON_STATUS_OK) {
+    outcome_ = Outcome::answered;
+    return;
+  }
+  switch (fate) {
+    case SendFate::answered:
       outcome_ = Outcome::refused;
       break;
-    case QUILLON_STATUS_SEND_TIMEOUT: {
-      const bool is_over = SteadyClock::now() - attempt_begun_ >= std::chrono::seconds(timeout_seconds);
-      outcome_ = !had_session ? Outcome::not_sent : is_over ? Outcome::timed_out : Outcome::unknown;
+    case SendFate::timed_out:
+      outcome_ = Outcome::timed_out;
       break;
-    }
-    default:
+    case SendFate::lost:
+      outcome_ = Outcome::unknown;
+      break;
+    case SendFate::not_sent:
       outcome_ = Outcome::not_sent;
       break;
   }
-  attempt_begun_ = SteadyClock::now();
 }
 
 void PhaseStatistics::enter(QUILLON_CONNECTION_PHASE phase) {

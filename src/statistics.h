@@ -8,6 +8,7 @@
 
 #include "monitor_wait.h"
 #include "quillon.h"
+#include "quillon_wb_client.h"
 
 namespace qlk {
 
@@ -48,8 +49,7 @@ class QueryStatistics {
 // A synchronous query, counted from its making until its end.
 class CountedQuery {
  public:
-  explicit CountedQuery(QueryStatistics &statistics)
-      : statistics_(statistics), begun_(SteadyClock::now()), attempt_begun_(begun_) {
+  explicit CountedQuery(QueryStatistics &statistics) : statistics_(statistics), begun_(SteadyClock::now()) {
     statistics_.begin();
   }
   ~CountedQuery() {
@@ -59,15 +59,14 @@ class CountedQuery {
   CountedQuery(const CountedQuery &) = delete;
   CountedQuery &operator=(const CountedQuery &) = delete;
 
-  // A publisher was asked, with or without a session, and this came of it; another may follow.
-  void end_attempt(QUILLON_STATUS status, bool had_session, int timeout_seconds);
+  // A publisher was to be asked, and this came of it; another may follow.
+  void end_attempt(QUILLON_STATUS status, SendFate fate);
 
  private:
   using Outcome = QueryStatistics::Outcome;
 
   QueryStatistics &statistics_;
   const SteadyClock::time_point begun_;
-  SteadyClock::time_point attempt_begun_;
   Outcome outcome_ = Outcome::not_sent;
 };
 
