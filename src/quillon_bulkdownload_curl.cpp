@@ -72,11 +72,14 @@ void fill_user_header(quillon_string *header, const quillon_string *user_name) {
   if (!filled) quillon_string_set_data_len(header, 0);
 }
 
-qlk::StringPtr copy_setting(const quillon_bulkdownload &bulkdownload, quillon_string *_quillon_bulkdownload::*field) {
+// Leaves copy null when nothing is set. False when memory is exhausted.
+bool copy_setting(const quillon_bulkdownload &bulkdownload, quillon_string *_quillon_bulkdownload::*field, qlk::StringPtr &copy) {
   const qlk::PthreadLock lock(bulkdownload.settings);
-  quillon_string *copy = nullptr;
-  if (bulkdownload.*field != nullptr) quillon_string_copy_create(&copy, bulkdownload.*field);
-  return qlk::StringPtr(copy);
+  if (bulkdownload.*field == nullptr) return true;
+  quillon_string *fresh = nullptr;
+  const bool copied = quillon_string_copy_create(&fresh, bulkdownload.*field) == QUILLON_STATUS_OK;
+  copy.reset(fresh);
+  return copied;
 }
 
 void set_url(CURL *handle, const quillon_string *url) {
@@ -112,7 +115,9 @@ bool set_options(Transfer &transfer, quillon_bulkdownload_iter &iter) {
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer.error);
   curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, qlk::curl_logtrace);
   curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
-  set_url(handle, copy_setting(bulkdownload, &_quillon_bulkdownload::zebUrl).get());
+  qlk::StringPtr url;
+  if (!copy_setting(bulkdownload, &_quillon_bulkdownload::zebUrl, url)) return false;
+  set_url(handle, url.get());
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, transfer.headers.get());
   curl_easy_setopt(handle, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_ANY));
   // The peer is verified by the TLS context as the callback prepares it.
@@ -260,13 +265,14 @@ qlk::BulkDownloadErrorCode qlk::curlEnd(quillon_bulkdownload_iter *iter) {
 
 quillon_string *qlk::createRequestContent(const quillon_bulkdownload *bulkdownload) {
   if (bulkdownload == nullptr) return nullptr;
-  quillon_string *content = nullptr;
-  if (quillon_string_create(&content, contentFormat, sizeof contentFormat - 1) != QUILLON_STATUS_OK) return nullptr;
-  const StringPtr request = copy_setting(*bulkdownload, &_quillon_bulkdownload::request);
-  if (request == nullptr || quillon_string_append(content, request.get()) != QUILLON_STATUS_OK) {
+  StringPtr content = make_string(std::string_view(contentFormat, sizeof contentFormat - 1)), request;
+  if (content == nullptr || !copy_setting(*bulkdownload, &_quillon_bulkdownload::request, request)) return nullptr;
+  const QUILLON_STATUS appended = quillon_string_append(content.get(), request.get());
+  if (appended == QUILLON_STATUS_MALLOC_ERROR) return nullptr;
+  if (appended != QUILLON_STATUS_OK) {
     wb_log(WB_LOG_ERROR, "quillon_string_insert_cstr() failed at file %s line %d\n", __FILE__, __LINE__);
   }
-  return content;
+  return content.release();
 }
 
 void *qlk::curlThrdFunc(void *userdata) {

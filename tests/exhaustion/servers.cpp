@@ -106,8 +106,9 @@ struct Identities {
   bulk_options.certificate = identities.bulk;
   bulk_options.client_authority = identities.authority.certificate();
   bulk_options.answer = [](test_support::HttpsPeer::Exchange &exchange) {
-    const bool is_whole = exchange.request().find("user:alice@" GRID_DOMAIN) != std::string::npos;
-    if (!is_whole) return;  // nobody is answered who does not say who he is
+    // Nobody is answered who does not say who he is and what he wants.
+    for (const char *part : {"user:alice@" GRID_DOMAIN, "<give/>"})
+      if (exchange.request().find(part) == std::string::npos) return;
     exchange.begin();
     exchange.send("<r><c>");
     for (int i = 0; i < kItems; ++i) exchange.send("<i a='b'>text</i>");

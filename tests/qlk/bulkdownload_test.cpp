@@ -4,6 +4,7 @@
 #include <string>
 
 #include "bulkdownload_fixture.h"
+#include "oom.h"
 
 namespace {
 
@@ -149,6 +150,19 @@ TEST_F(BulkTest, TheContentWithoutARequestIsTheDeclaration) {
   quillon_string_destroy(&content);
   EXPECT_EQ(nullptr, qlk::createRequestContent(nullptr));
 }
+
+#if QLK_HAS_OOM
+TEST_F(BulkTest, WithoutMemoryThereIsNoHalfARequest) {
+  const Bulk bulk = make_bulk("");
+  for (long nth = 1; nth <= 10; ++nth) {
+    const oom::FailNth failing(nth);
+    quillon_string *content = qlk::createRequestContent(bulk.get());
+    EXPECT_TRUE(content == nullptr || quillon_string_length(content) == 56 + 7) << nth;
+    EXPECT_TRUE(content != nullptr || nth < 10);
+    quillon_string_destroy(&content);
+  }
+}
+#endif
 
 // ---- The TLS context
 
