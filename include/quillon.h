@@ -410,8 +410,8 @@ QUILLON_API bool quillon_xml_is_ename(wb_dom_node *node, const char *ename);
 QUILLON_API const char *quillon_xml_get_text_of_first_child_of_name(wb_dom_node *parent, const char *child_ename);
 
 /* Writes who sent the stanza that the node is part of: the bare JID in the attribute "from" of the stanza's root, without the
- * resource; an empty text when there is none. The length is not checked: sender must have room for 2048 bytes, the
- * longest bare JID with its terminator.
+ * resource; an empty text when there is none, or it is too long for a JID. Sender must have room for 2048 bytes, the longest bare
+ * JID with its terminator.
  * Returns: QUILLON_STATUS_OK, always */
 QUILLON_API QUILLON_STATUS quillon_xml_get_sender(wb_dom_node *node, char *sender);
 

@@ -4,6 +4,8 @@
 
 namespace {
 
+constexpr size_t kSenderBytes = 2048;
+
 // True when the text begins with the prefix.
 bool begins_with(const char *text, const char *prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
 
@@ -61,9 +63,10 @@ const char *quillon_xml_get_text_of_first_child_of_name(wb_dom_node *parent, con
 }
 
 QUILLON_STATUS quillon_xml_get_sender(wb_dom_node *node, char *sender) {
-  if (node == nullptr || sender == nullptr) return QUILLON_STATUS_OK;
-  const char *from = wb_dom_get_attribute(root_of(node), "from");
-  const size_t length = from != nullptr ? std::strcspn(from, "/") : 0;
+  if (sender == nullptr) return QUILLON_STATUS_OK;
+  const char *from = node != nullptr ? wb_dom_get_attribute(root_of(node), "from") : nullptr;
+  size_t length = from != nullptr ? std::strcspn(from, "/") : 0;
+  if (length >= kSenderBytes) length = 0;  // it is no JID
   if (length != 0) std::memcpy(sender, from, length);
   sender[length] = '\0';
   return QUILLON_STATUS_OK;

@@ -105,6 +105,16 @@ TEST_F(XmlHelpers, SenderIsTheRootsBareJid) {
     EXPECT_STREQ(c.sender, sender) << c.xml;
     EXPECT_EQ('#', sender[strlen(c.sender) + 1]) << c.xml;  // not a byte more than needed
   }
+  char room[2049] = "#";
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_xml_get_sender(nullptr, room));
+  EXPECT_STREQ("", room);
+  for (const size_t length : {2047, 2048}) {
+    room[2048] = '#';
+    const std::string from(length, 'a');
+    EXPECT_EQ(QUILLON_STATUS_OK, quillon_xml_get_sender(parse(("<iq from='" + from + "/r'/>").c_str()), room));
+    EXPECT_EQ(length < 2048 ? from : "", room);
+    EXPECT_EQ('#', room[2048]);
+  }
 }
 
 }  // namespace
