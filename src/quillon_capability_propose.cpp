@@ -37,32 +37,41 @@ constexpr Twin kPropose = {&element_propose_cap, "quillon_connection_propose_cap
 constexpr Twin kModify = {&element_modify_cap, "quillon_connection_modify_capability create dom",
                           QUILLON_STATUS_MODIFY_CAPABILITY_ERROR, "updateCapabilityResponse"};
 
+// Names as the application gives them.
+struct Names {
+  const char **items;
+  int count;
+
+  std::span<const char *> list() const {
+    return count > 0 ? std::span<const char *>(items, static_cast<size_t>(count)) : std::span<const char *>();
+  }
+  bool is_missing() const { return count > 0 && items == nullptr; }
+};
+
 // What a capability is to be.
 struct Definition {
   const char *name;
   const char *version;
-  std::span<const char *> queries;
-  std::span<const char *> actions;
+  Names queries;
+  Names actions;
   const char *description;
   const char *vendor_platform;
 };
 
-std::span<const char *> list_of(const char **items, int count) {
-  return count > 0 ? std::span<const char *>(items, static_cast<size_t>(count)) : std::span<const char *>();
-}
-
 bool check_arguments(const quillon_capability *capability, const quillon_connection *connection, const Definition &definition) {
   const struct {
-    const void *argument;
+    bool is_missing;
     const char *message;
-  } checks[] = {{capability, "Invalid capability object"},
-                {connection, "Invalid connection object"},
-                {definition.name, "Invalid capability name"},
-                {definition.version, "Invalid capability version"},
-                {definition.description, "Invalid capability description"},
-                {definition.vendor_platform, "Invalid capability vendor platform"}};
+  } checks[] = {{capability == nullptr, "Invalid capability object"},
+                {connection == nullptr, "Invalid connection object"},
+                {definition.name == nullptr, "Invalid capability name"},
+                {definition.version == nullptr, "Invalid capability version"},
+                {definition.description == nullptr, "Invalid capability description"},
+                {definition.vendor_platform == nullptr, "Invalid capability vendor platform"},
+                {definition.queries.is_missing(), "Invalid list of queries"},
+                {definition.actions.is_missing(), "Invalid list of actions"}};
   for (const auto &check : checks) {
-    if (check.argument != nullptr) continue;
+    if (!check.is_missing) continue;
     wb_log(WB_LOG_ERROR, "%s", check.message);
     return false;
   }
@@ -87,8 +96,8 @@ void build_definition(const quillon_capability &capability, const Definition &de
   build.text(root, propose_modify_cap_name, definition.name);
   build.text(root, propose_modify_cap_version, definition.version);
   wb_dom_node *methods = build.element(propose_modify_cap_querymethods, root);
-  add_operations(build, methods, definition.queries, "readOnly");
-  add_operations(build, methods, definition.actions, "writeOnly");
+  add_operations(build, methods, definition.queries.list(), "readOnly");
+  add_operations(build, methods, definition.actions.list(), "writeOnly");
   build.text(root, propose_modify_cap_description, definition.description);
   build.text(root, propose_modify_cap_vplatform, definition.vendor_platform);
 }
@@ -132,9 +141,8 @@ QUILLON_STATUS quillon_capability_propose(const quillon_capability *capability, 
                                           const char *vendor_platform) {
   qlk::trace(__func__);
   return qlk::guarded(__func__, [&] {
-    return define(
-        kPropose, capability, connection,
-        {name, version, list_of(querylist, num_queries), list_of(actionlist, num_actions), description, vendor_platform});
+    return define(kPropose, capability, connection,
+                  {name, version, {querylist, num_queries}, {actionlist, num_actions}, description, vendor_platform});
   });
 }
 
@@ -144,8 +152,7 @@ QUILLON_STATUS quillon_capability_modify(const quillon_capability *capability, q
                                          const char *vendor_platform) {
   qlk::trace(__func__);
   return qlk::guarded(__func__, [&] {
-    return define(
-        kModify, capability, connection,
-        {name, version, list_of(querylist, num_queries), list_of(actionlist, num_actions), description, vendor_platform});
+    return define(kModify, capability, connection,
+                  {name, version, {querylist, num_queries}, {actionlist, num_actions}, description, vendor_platform});
   });
 }

@@ -107,6 +107,10 @@ TEST_P(ProposeOrModify, ChecksArgumentsInOrder) {
                                                       0, row.description, row.platform));
     EXPECT_EQ(std::vector<std::string>{row.record}, log_.records());
   }
+  for (const int queries : {0, 1}) {
+    EXPECT_EQ(QUILLON_STATUS_UNKNOWN,
+              GetParam().call(capability_.get(), connection_.get(), "n", "1", nullptr, queries, nullptr, 1 - queries, "d", "v"));
+  }
   EXPECT_TRUE(client_.asked().empty());
 }
 
