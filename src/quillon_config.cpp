@@ -372,14 +372,12 @@ QUILLON_STATUS quillon_config_set_groups(quillon_config *config, const char **gr
   if (groups_count < 1) return QUILLON_STATUS_INVALID_ARGS;
   if (groups == nullptr) return qlk::refuse("Invalid groups object");
   qlk::ListPtr fresh;
-  const QUILLON_STATUS status = make_filled_list(groups, groups_count, fresh);
+  QUILLON_STATUS status = make_filled_list(groups, groups_count, fresh);
+  // Set last of all that can fail, so that a failure leaves both as they were.
+  if (status == QUILLON_STATUS_OK) status = quillon_config_set_user_group(config, groups[0]);
   if (status != QUILLON_STATUS_OK) return status;
   replace_list(config->groups, std::move(fresh));
   config->groups_count = count_of(config->groups);
-  if (config->groups_count != 0) {
-    const auto *first = static_cast<const quillon_string *>(quillon_list_get_at(config->groups, 0));
-    quillon_config_set_user_group(config, quillon_string_cstr(first));
-  }
   return QUILLON_STATUS_OK;
 }
 

@@ -87,6 +87,7 @@ TEST(ConfigSet, EveryAllocationFailureLeavesTheOldValues) {
   const char *hosts[] = {"old1", "old2"};
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_user_name(config.get(), "old"));
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_hosts(config.get(), hosts, 2));
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_groups(config.get(), hosts, 2));
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_client_cert_key_password(config.get(), "old"));
   quillon_log_set_level(QUILLON_LOG_NONE);
   struct Sweep {
@@ -100,6 +101,11 @@ TEST(ConfigSet, EveryAllocationFailureLeavesTheOldValues) {
        [](quillon_config *c) {
          const char *others[] = {"o1", "o2"};
          return quillon_config_set_hosts(c, others, 2);
+       }},
+      {"groups",
+       [](quillon_config *c) {
+         const char *others[] = {"o1", "o2"};
+         return quillon_config_set_groups(c, others, 2);
        }},
       {"password", [](quillon_config *c) { return quillon_config_set_client_cert_key_password(c, "other"); }},
   };
@@ -117,6 +123,7 @@ TEST(ConfigSet, EveryAllocationFailureLeavesTheOldValues) {
     }
   }
   EXPECT_EQ("old", text_of(config->user_name));
+  EXPECT_EQ("old1", text_of(config->user_group));
   EXPECT_EQ("old@" GRID_DOMAIN "/qlk", text_of(config->jid));
   EXPECT_EQ((Texts{"old1", "old2"}), texts_of(config->hosts));
   EXPECT_EQ("old", text_of(config->client_cert_key_password));
