@@ -660,7 +660,7 @@ QUILLON_API void quillon_connection_wakeup(quillon_connection *connection);
 
 /* Joins the grid: an XMPP session with the host whose turn it is, then the controller's approval of the account, then the
  * subscriptions and publications again. Each call tries the next host of the configuration. A session that an earlier connect
- * left up is ended first. On a connection that is part of the grid it does nothing.
+ * left up is ended first, which may block as long as a disconnect. On a connection that is part of the grid it does nothing.
  * Blocks:  up to 50 seconds for the XMPP session, send_timeout_seconds for each answer of the controller, and without a limit
  *          while the account is pending. quillon_connection_disconnect and quillon_connection_destroy on another thread end it.
  * Thread:  any but the event loop's; one connect at a time, others wait for it.
@@ -902,7 +902,7 @@ QUILLON_API QUILLON_STATUS quillon_query_handle(quillon_query *query, wb_dom_nod
 /* Asks a publisher of the capability, beginning with the one that answered last; each further one is asked when the one before
  * did not answer in time or answered with an XMPP error. Capabilities whose topics have buffers of one size share the memory
  * of who answered last.
- * Blocks:  until an answer, at most the send time-out for each publisher.
+ * Blocks:  until an answer, at most the send time-out for each publisher and 2 seconds more while the event loop is held up.
  * Thread:  any but the event loop's, which would wait for itself.
  * Owner:   request is consumed with one reference of its context, unless the result is QUILLON_STATUS_INVALID_ARGS or
  *          QUILLON_STATUS_CAPABILITY_NOT_FOUND. *response, NULL unless the result is QUILLON_STATUS_OK, is the caller's:

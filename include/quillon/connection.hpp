@@ -145,7 +145,8 @@ class connection {
   }
 
   // Joins the grid: an XMPP session with the host whose turn it is, then the controller's approval of the account, then the
-  // subscriptions and publications again. Each call tries the next host. Connected already, it does nothing.
+  // subscriptions and publications again. Each call tries the next host. Connected already, it does nothing. A session that an
+  // earlier connect left up is ended first, which may block as long as a disconnect.
   // Blocks:  up to 50 seconds for the session, the send time-out for each answer of the controller, and without a limit while the
   //          account is pending. disconnect and the destructor on another thread end it.
   // Thread:  any but the event loop's; one connect at a time, others wait for it.
@@ -185,7 +186,7 @@ class connection {
 
   // Asks a publisher of the capability, beginning with the one that answered last; each further one is asked when the one before
   // did not answer in time or answered with an XMPP error.
-  // Blocks:  until an answer, at most the send time-out for each publisher.
+  // Blocks:  until an answer, at most the send time-out for each publisher and 2 seconds more while the event loop is held up.
   // Thread:  any but the event loop's.
   // Returns: the payload of the answer, or
   //          QUILLON_STATUS_CAPABILITY_NOT_FOUND  no publisher is known
