@@ -77,8 +77,9 @@ void _client_disconnected_callback(wb_event_data *event, void *arg) {
   if (callback.function != nullptr) callback.function(connection, status, callback.user_data);
   if (connection->extra->destroyed) return;
   connection->extra->loop->reap();  // the connection's thread, unless it is the one that runs here
-  mark_disconnected(*connection, restrains);
+  // Before that a connect must not begin: it would take the use of the loop for its own, and be left without one here.
   qlk::leave_loop(*connection);
+  mark_disconnected(*connection, restrains);
   quillon_monitor_notify(connection->xmpp_connection_monitor);
   quillon_monitor_notify(connection->connection_update_monitor);
   quillon_monitor_notify(connection->disconnect_monitor);
