@@ -590,7 +590,8 @@ typedef enum QUILLON_CONNECTION_STATE_ENUM {
   QUILLON_CONNECTION_STATE_MAX = 8                    /* the end of the range, no state */
 } QUILLON_CONNECTION_STATE_ENUM;
 
-/* The connection is part of the grid now. On the thread that connects, before connect returns. */
+/* The connection is part of the grid now. On the thread that connects, before connect returns. A session that ends in this very
+ * moment may have disconnect_cb run at the same time. */
 typedef void (*quillon_connection_connect_cb)(quillon_connection *connection, void *user_data);
 
 /* The session, or the attempt at one, has ended; the connection still counts as connected until this returns. On the event loop:
@@ -663,11 +664,13 @@ QUILLON_API void quillon_connection_wakeup(quillon_connection *connection);
  * left up is ended first, which may block as long as a disconnect. On a connection that is part of the grid it does nothing.
  * Blocks:  up to 50 seconds for the XMPP session, send_timeout_seconds for each answer of the controller, and without a limit
  *          while the account is pending. quillon_connection_disconnect and quillon_connection_destroy on another thread end it.
+ *          A subscription or publication that is not answered in time is the last to be announced; the connect succeeds.
  * Thread:  any but the event loop's; one connect at a time, others wait for it.
  * Returns: QUILLON_STATUS_OK
  *          QUILLON_STATUS_INVALID_ARGS        connection is NULL, or there is no configuration, user name or host
  *          QUILLON_STATUS_CONNECTION_ERROR    no XMPP session; or the account was not enabled after "pending"; or the answer of
- *                                             the controller was not understood; or a disconnect or destroy came meanwhile
+ *                                             the controller was not understood; or a disconnect or destroy came meanwhile;
+ *                                             or the session ended while the capabilities were announced
  *          QUILLON_STATUS_CONNECTION_DENIED   the controller denied the account; the XMPP session stays up
  *          QUILLON_STATUS_SEND_TIMEOUT        the controller did not answer; the XMPP session stays up, unless it was lost
  *          QUILLON_STATUS_XMPP_ERROR, QUILLON_STATUS_QUILLON_ERROR  the request was refused; the XMPP session stays up
@@ -1099,7 +1102,7 @@ QUILLON_API QUILLON_STATUS quillon_dynamic_capability_refresh_publisher_jids(qui
 QUILLON_API void _publisher_update_notification(wb_dom_node *node, void *arg);
 
 /* Announces the connection's core capability and every remembered capability again, all of them in the plain form. The connect
- * does this.
+ * does this. The first request that has no answer is the last: what is left is announced with the next connect.
  * Blocks:  until the controller has answered each request, at most the send time-out for each. */
 QUILLON_API void quillon_capability_on_connected(quillon_connection *connection);
 

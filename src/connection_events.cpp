@@ -48,6 +48,7 @@ bool calls_for_restraint(const wb_dom_node *error) {
 bool begin_end(quillon_connection &connection) {
   const std::lock_guard lock(connection.extra->mutex);
   connection.extra->session.wanted = false;
+  connection.extra->changed.notify_all();
   return connection.is_grid_connected;
 }
 

@@ -41,7 +41,8 @@ struct ConnectionPrivate {
   std::mutex mutex;  // guards what follows, the callbacks of the record, and changes of its two flags
   SessionState session;
   unsigned sessions_begun = 0;
-  bool connecting = false;  // a connect is under way, on connect_thread
+  unsigned loop_passes = 0;  // that a connect has waited for
+  bool connecting = false;   // a connect is under way, on connect_thread
   pthread_t connect_thread = {};
   bool cancelled = false;            // a disconnect came meanwhile
   bool calls_for_restraint = false;  // the server ended the last session for a reason that coming back at once would repeat

@@ -1,4 +1,5 @@
 // Announcing capabilities to the controller, as their subscriber or their publisher, and keeping the lists of their publishers.
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -175,19 +176,29 @@ QUILLON_STATUS announce(const quillon_capability *capability, quillon_connection
   return status;
 }
 
-// A dynamic capability is announced in the plain form as well: the registries do not tell them apart.
-void announce_again(const quillon_capability &capability, quillon_connection *connection, const Role &role) {
-  if (capability.destroyed) return;
+// A dynamic capability is announced in the plain form as well: the registries do not tell them apart. False when there was no
+// answer.
+bool announce_again(const quillon_capability &capability, quillon_connection *connection, const Role &role) {
+  if (capability.destroyed) return true;
   const QUILLON_STATUS status =
       role.registry == qlk::Registry::subscriptions
           ? quillon_capability_create_and_query_subscriber(&capability, connection)
           : quillon_capability_create_and_query_publish(const_cast<quillon_capability *>(&capability), connection);
   wb_log(WB_LOG_INFO, "%s", status == QUILLON_STATUS_OK ? role.done_again : role.failed_again);
+  return !qlk::no_answer(status) && status != QUILLON_STATUS_SEND_ERROR && status != QUILLON_STATUS_NO_CONNECTION;
 }
 
-void announce_all_again(quillon_connection *connection, const Role &role) {
-  for (const qlk::CapabilityPtr &capability : qlk::registry_snapshot(role.registry))
-    announce_again(*capability, connection, role);
+bool announce_all_again(quillon_connection *connection, const Role &role) {
+  const std::vector<qlk::CapabilityPtr> capabilities = qlk::registry_snapshot(role.registry);
+  return std::all_of(capabilities.begin(), capabilities.end(),
+                     [&](const qlk::CapabilityPtr &capability) { return announce_again(*capability, connection, role); });
+}
+
+// The registries are shared, and another connection that was destroyed may have taken the one core capability they list with it.
+bool announce_core_again(quillon_connection *connection) {
+  const quillon_capability *core = connection->core_capability;
+  const bool is_listed = core == nullptr || qlk::registry_has_equal(qlk::Registry::subscriptions, *core);
+  return is_listed || announce_again(*core, connection, kSubscriber);
 }
 
 // The publishers of one entry of the publisher list, from its first publisherJID on.
@@ -305,19 +316,18 @@ void _publisher_update_notification(wb_dom_node *node, void *arg) {
   qlk::guarded_void(__func__, [&] { apply_update(node, static_cast<quillon_capability *>(arg)); });
 }
 
+bool qlk::announce_remembered(quillon_connection &connection) {
+  const bool is_answered = announce_core_again(&connection) && announce_all_again(&connection, kSubscriber) &&
+                           announce_all_again(&connection, kPublisher);
+  if (!is_answered) wb_log(WB_LOG_ERROR, "the controller did not answer: what is left is not announced");
+  return is_answered;
+}
+
 void quillon_capability_on_connected(quillon_connection *connection) {
   qlk::trace(__func__);
   if (connection == nullptr) {
     wb_log(WB_LOG_ERROR, "Invalid connection object");
     return;
   }
-  qlk::guarded_void(__func__, [&] {
-    // The registries are shared, and another connection that was destroyed may have taken the one core capability they list with
-    // it.
-    const quillon_capability *core = connection->core_capability;
-    if (core != nullptr && !qlk::registry_has_equal(qlk::Registry::subscriptions, *core))
-      announce_again(*core, connection, kSubscriber);
-    announce_all_again(connection, kSubscriber);
-    announce_all_again(connection, kPublisher);
-  });
+  qlk::guarded_void(__func__, [&] { qlk::announce_remembered(*connection); });
 }

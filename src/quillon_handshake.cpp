@@ -7,12 +7,14 @@
 // session if one is open.
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "connection_private.h"
 #include "guard.h"
 #include "monitor_wait.h"
 #include "owners.h"
 #include "pthread_lock.h"
+#include "quillon_capability.h"
 #include "quillon_config.h"
 #include "quillon_grid.h"
 #include "quillon_notification.h"
@@ -383,13 +385,60 @@ QUILLON_STATUS wait_for_approval(quillon_connection &connection) {
 }
 
 // False when the session has ended meanwhile, or its end is on its way.
-bool mark_grid_connected(quillon_connection &connection) {
+bool is_session_good_locked(const quillon_connection &connection) {
   const qlk::ConnectionPrivate &extra = *connection.extra;
+  return connection.is_xmpp_connected && extra.session.wanted && !extra.cancelled && !extra.destroyed;
+}
+
+bool is_session_good(const quillon_connection &connection) {
   const std::lock_guard lock(connection.extra->mutex);
-  if (!connection.is_xmpp_connected || !extra.session.wanted || extra.cancelled || extra.destroyed) return false;
+  return is_session_good_locked(connection);
+}
+
+bool mark_grid_connected(quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  if (!is_session_good_locked(connection)) return false;
   connection.is_grid_connected = true;
   qlk::note_phase_locked(connection);
   return true;
+}
+
+// What the loop runs when it is done with what it is doing now.
+struct LoopPass {
+  explicit LoopPass(quillon_connection &passed) : connection(passed), hold(passed) {}
+
+  quillon_connection &connection;
+  const qlk::ConnectionHold hold;
+};
+
+void note_pass(void *arg, bool) {
+  const std::unique_ptr<LoopPass> pass(static_cast<LoopPass *>(arg));
+  const std::lock_guard lock(pass->connection.extra->mutex);
+  ++pass->connection.extra->loop_passes;
+  pass->connection.extra->changed.notify_all();
+}
+
+// A request without an answer may be the first sign of a session that has ended: the loop tells of that only afterwards. Waits
+// until it has, or has nothing to tell.
+void hear_of_end(quillon_connection &connection) {
+  qlk::ConnectionPrivate &extra = *connection.extra;
+  const auto deadline = qlk::SteadyClock::now() + std::chrono::seconds(qlk::send_timeout_seconds(connection));
+  std::unique_ptr<LoopPass> pass(new (std::nothrow) LoopPass(connection));
+  std::unique_lock lock(extra.mutex);
+  const unsigned passes = extra.loop_passes;
+  if (pass == nullptr || !wb_workq_put(extra.loop->queue(), note_pass, pass.get(), nullptr)) return;
+  static_cast<void>(pass.release());  // the queue's now
+  extra.changed.wait_until(lock, deadline, [&] { return extra.loop_passes != passes || !is_session_good_locked(connection); });
+}
+
+// Announces what is remembered, and tells the application unless the session has ended over that.
+QUILLON_STATUS begin_membership(quillon_connection &connection) {
+  if (!qlk::guarded_or(__func__, false, [&] { return qlk::announce_remembered(connection); })) hear_of_end(connection);
+  const auto callback =
+      qlk::user_callback(connection, &_quillon_connection::connect_cb, &_quillon_connection::connect_cb_user_data);
+  if (!is_session_good(connection)) return fail("the session ended while connecting", QUILLON_STATUS_CONNECTION_ERROR);
+  if (callback.function != nullptr) callback.function(&connection, callback.user_data);
+  return QUILLON_STATUS_OK;
 }
 
 QUILLON_STATUS join_grid(quillon_connection &connection) {
@@ -405,11 +454,7 @@ QUILLON_STATUS join_grid(quillon_connection &connection) {
   if (status == QUILLON_STATUS_ACCOUNT_PENDING) status = wait_for_approval(connection);
   if (status != QUILLON_STATUS_OK) return status;
   if (!mark_grid_connected(connection)) return fail("the session ended while connecting", QUILLON_STATUS_CONNECTION_ERROR);
-  quillon_capability_on_connected(&connection);
-  const auto callback =
-      qlk::user_callback(connection, &_quillon_connection::connect_cb, &_quillon_connection::connect_cb_user_data);
-  if (callback.function != nullptr && !connection.extra->destroyed) callback.function(&connection, callback.user_data);
-  return QUILLON_STATUS_OK;
+  return begin_membership(connection);
 }
 
 // Marks the connect under way for the length of its scope, within connect_lock.
@@ -470,48 +515,7 @@ QUILLON_STATUS connect_locked(quillon_connection &connection, const std::atomic<
   return join_grid(connection);
 }
 
-// ---- What the controller says later
-
-struct AccountUpdate {
-  std::string_view word;  // a text that begins with it counts as it
-  QUILLON_CONNECTION_STATE_ENUM state;
-  QUILLON_STATUS status;
-  bool disconnects;
-};
-
-constexpr AccountUpdate kAccountUpdates[] = {
-    {"disabled", QUILLON_CONNECTION_STATE_DISABLED, QUILLON_STATUS_ACCOUNT_DISABLED, true},
-    {"deleted", QUILLON_CONNECTION_STATE_DELETED, QUILLON_STATUS_ACCOUNT_DELETED, true},
-    {"authorizationChanged", QUILLON_CONNECTION_STATE_AUTHORIZATION_CHANGED, QUILLON_STATUS_ACCOUNT_AUTHORIZATION_CHANGED, true},
-    {"enabled", QUILLON_CONNECTION_STATE_ENABLED, QUILLON_STATUS_ACCOUNT_ENABLED, false},
-};
-
-void apply_account_update(quillon_connection &connection, std::string_view text) {
-  for (const AccountUpdate &update : kAccountUpdates) {
-    if (!text.starts_with(update.word)) continue;
-    connection.state_enum = update.state;
-    qlk::call_account_cb(connection, update.status);
-    if (update.disconnects && !connection.extra->destroyed) quillon_connection_disconnect(&connection);
-    return;
-  }
-}
-
 }  // namespace
-
-void qlk::call_account_cb(quillon_connection &connection, QUILLON_STATUS status) {
-  const auto callback = user_callback(connection, &_quillon_connection::account_cb, &_quillon_connection::account_cb_user_data);
-  if (callback.function != nullptr) callback.function(&connection, status, callback.user_data);
-}
-
-void qlk::_connection_update_notification_callback(wb_dom_node *node, void *arg) {
-  trace(__func__);
-  auto *connection = static_cast<quillon_connection *>(arg);
-  const char *text = wb_dom_get_first_text(wb_dom_get_first_child(node));
-  if (connection == nullptr || text == nullptr) return;
-  const ConnectionHold hold(*connection);
-  apply_account_update(*connection, text);
-  quillon_monitor_notify(connection->connection_update_monitor);
-}
 
 QUILLON_STATUS qlk::connect(quillon_connection &connection, const std::atomic<bool> *keep_running) {
   const ConnectionHold hold(connection);  // outlives the lock, which is part of the record

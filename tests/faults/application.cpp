@@ -67,7 +67,10 @@ Application::Application() : config_(nullptr, quillon_config_destroy), connectio
   quillon_connection_set_config(connection(), config);
   quillon_connection_set_disconnect_cb(connection(), [](quillon_connection *, QUILLON_STATUS status, void *self) {
     auto &application = *static_cast<Application *>(self);
-    application.note([status](Seen &seen) { seen.disconnected.push_back(status); });
+    application.note([status](Seen &seen) {
+      seen.disconnected.push_back(status);
+      seen.order += '-';
+    });
     application.run(&Application::within_disconnect_cb_);
   });
   quillon_connection_set_disconnect_cb_user_data(connection(), this);
@@ -78,7 +81,10 @@ Application::Application() : config_(nullptr, quillon_config_destroy), connectio
   });
   quillon_connection_set_account_cb_user_data(connection(), this);
   quillon_connection_set_connect_cb(connection(), [](quillon_connection *, void *self) {
-    static_cast<Application *>(self)->note([](Seen &seen) { ++seen.connected; });
+    static_cast<Application *>(self)->note([](Seen &seen) {
+      ++seen.connected;
+      seen.order += '+';
+    });
   });
   quillon_connection_set_connect_cb_user_data(connection(), this);
   allow(kPatient, kPatient);

@@ -62,6 +62,7 @@ struct Resources {
 struct Seen {
   Statuses disconnected, account;
   unsigned connected = 0, returned = 0;  // calls of connect_cb; connects that have returned
+  std::string order;                     // of the two callbacks: '+' for connect_cb, '-' for disconnect_cb
 };
 
 class Application {

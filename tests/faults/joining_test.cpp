@@ -95,6 +95,7 @@ class RequestTest : public FaultTest, public testing::WithParamInterface<Row> {
     EXPECT_EQ(row.disconnected, application_.seen().disconnected);
     EXPECT_EQ(row.account, application_.seen().account);
     EXPECT_EQ(connected, application_.seen().connected);
+    EXPECT_EQ(std::string(connected, '+').append(row.disconnected.size(), '-'), application_.seen().order);
   }
 };
 
@@ -283,6 +284,42 @@ const PendingRow kPendings[] = {
 
 INSTANTIATE_TEST_SUITE_P(Each, Pending, testing::ValuesIn(kPendings), kNameOfRow);
 
+// ---- What is announced once the connection is admitted: its own subscription, and that of a capability that is remembered
+
+class Announcement : public RequestTest {};
+
+size_t count_requests(const ScriptedPeer &peer, const std::string &request) {
+  const std::vector<testpeer::Stanza> stanzas = peer.stanzas();
+  return static_cast<size_t>(std::count_if(stanzas.begin(), stanzas.end(), [&](const testpeer::Stanza &stanza) {
+    const testpeer::Element *grid = stanza.child("grid");
+    return grid != nullptr && grid->child(request) != nullptr;
+  }));
+}
+
+// A connect outlives announcements that fail, but not the end of the session.
+TEST_P(Announcement, EndsAsItShould) {
+  const Row &row = GetParam();
+  const test_support::Capability capability = test_support::make_capability("urn:test", "Weather");
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_capability_subscribe(capability.get(), application_.connection()));
+  auto peer = std::make_unique<ScriptedPeer>(row.options(kSubscribe));
+  application_.use(peer->host());
+  application_.allow(kPatient, row.answer);
+  const bool has_ended = !row.disconnected.empty();
+  const Stopwatch stopwatch;
+  EXPECT_EQ(has_ended ? QUILLON_STATUS_CONNECTION_ERROR : QUILLON_STATUS_OK, application_.connect()) << application_.log();
+  EXPECT_LT(stopwatch.passed(), kSoon);
+  expect_seen(has_ended ? 0 : 1);
+  // Nothing more is announced to a controller that does not answer.
+  EXPECT_EQ(row.status == QUILLON_STATUS_SEND_TIMEOUT ? 1U : 2U, count_requests(*peer, kSubscribe));
+  EXPECT_EQ(!has_ended, application_.is_connected());
+  EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
+  expect_recovery(std::move(peer));
+}
+
+INSTANTIATE_TEST_SUITE_P(AnyRequest, Announcement, testing::ValuesIn(rows_of_any_request(QUILLON_STATUS_CONNECTION_ERROR)),
+                         kNameOfRow);
+INSTANTIATE_TEST_SUITE_P(WrongAnswers, Announcement, testing::ValuesIn(rows_of_wrong_answers()), kNameOfRow);
+
 // ---- A query under way
 
 class Query : public RequestTest {};
@@ -336,14 +373,7 @@ TEST_F(FaultTest, ManyQueriesEndWithTheSession) {
   Statuses statuses(kThreads, QUILLON_STATUS_MAX);
   std::vector<std::thread> threads;
   for (QUILLON_STATUS &status : statuses) threads.emplace_back([&] { status = application_.ask(); });
-  const auto has_question = [](const testpeer::Stanza &stanza) {
-    const testpeer::Element *grid = stanza.child("grid");
-    return grid != nullptr && grid->child(kQuestion) != nullptr;
-  };
-  EXPECT_TRUE(testpeer::eventually(kSoon, [&] {
-    const std::vector<testpeer::Stanza> stanzas = peer->stanzas();
-    return static_cast<size_t>(std::count_if(stanzas.begin(), stanzas.end(), has_question)) == kThreads;
-  }));
+  EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return count_requests(*peer, kQuestion) == kThreads; }));
   const Stopwatch stopwatch;
   peer->newest()->reset();
   for (std::thread &thread : threads) thread.join();
