@@ -19,8 +19,6 @@ constexpr char kStreamErrors[] = "urn:ietf:params:xml:ns:xmpp-streams";
 constexpr char kStanzaErrors[] = "urn:ietf:params:xml:ns:xmpp-stanzas";
 constexpr char kClient[] = "jabber:client";
 constexpr char kClosingTag[] = "</stream:stream>";
-// How long a client may take to notice that it is being left, before it is left with a reset.
-constexpr std::chrono::seconds kDrainTime(1);
 
 std::string empty_element(const std::string &local, const char *ns) { return "<" + local + " xmlns='" + ns + "'/>"; }
 
@@ -60,9 +58,9 @@ std::vector<std::shared_ptr<ServedConnection>> PeerState::live() {
 }
 
 ServedConnection::ServedConnection(std::shared_ptr<PeerState> state, int descriptor, size_t number)
-    : state_(std::move(state)),
-      number_(number),
-      socket_(descriptor, state_->options.write_deadline, [this](size_t, bool is_new_flight) { on_segment(is_new_flight); }) {}
+    : PeerLink(descriptor, state->options.write_deadline, [this](size_t, bool is_new_flight) { on_segment(is_new_flight); }),
+      state_(std::move(state)),
+      number_(number) {}
 
 // ---- What tests and callbacks ask for
 
@@ -74,6 +72,11 @@ std::string ServedConnection::jid() const {
 bool ServedConnection::is_live() const {
   const std::lock_guard lock(state_->mutex);
   return transcript_.is_established && !transcript_.is_ended;
+}
+
+bool ServedConnection::has_ended() const {
+  const std::lock_guard lock(state_->mutex);
+  return transcript_.is_ended;
 }
 
 Transcript ServedConnection::transcript() const {
@@ -133,17 +136,6 @@ void ServedConnection::stream_error(const std::string &condition, const std::str
 
 void ServedConnection::close_stream() {
   if (!has_closed_stream_.exchange(true)) send(kClosingTag);
-}
-
-void ServedConnection::end_with(Ending ending) {
-  ending_ = ending;
-  if (ending == Ending::reset) {
-    socket_.reset_on_close();
-    socket_.abandon();
-    return;
-  }
-  socket_.finish_writing(ending == Ending::close);
-  socket_.nudge();
 }
 
 // ---- The session
@@ -359,72 +351,18 @@ void ServedConnection::respond(Stage stage, const std::string &answer) {
 // Whether the normal answer is still to be given.
 bool ServedConnection::meet_fault(Stage stage, const std::string &answer) {
   const auto found = options().faults.find(stage);
-  return found == options().faults.end() || commit(name_of(stage), found->second, answer, "");
+  return found == options().faults.end() || meet(state_->faults_met, name_of(stage), found->second, answer, values(""));
 }
 
 bool ServedConnection::meet_request_fault(const Stanza &stanza, const std::string &answer) {
   const Element *request = grid_request(stanza);
   const auto found = options().request_faults.find(request != nullptr ? request->local : stanza.local);
   if (found == options().request_faults.end()) return true;
-  return commit("request " + found->first, found->second, answer, stanza.attribute("id"));
+  return meet(state_->faults_met, "request " + found->first, found->second, answer, values(stanza.attribute("id")));
 }
 
-bool ServedConnection::commit(const std::string &key, const Fault &fault, const std::string &answer, const std::string &id) {
-  {
-    const std::lock_guard lock(state_->mutex);
-    if (state_->faults_met[key]++ >= fault.times_.value_or(~0U)) return true;
-  }
-  bool is_answer_due = true;
-  for (const Fault::Action &action : fault.actions_) is_answer_due = act(action, answer, id) && is_answer_due;
-  return is_answer_due;
-}
-
-std::string ServedConnection::fill_in(std::string text, const std::string &id) const {
-  const std::pair<std::string_view, std::string> values[] = {
-      {"{host}", state_->host}, {"{jid}", escape(jid())}, {"{id}", escape(id)}};
-  for (const auto &[name, value] : values) {
-    for (size_t at = 0; (at = text.find(name, at)) != std::string::npos; at += value.size()) text.replace(at, name.size(), value);
-  }
-  return text;
-}
-
-bool ServedConnection::act(const Fault::Action &action, const std::string &answer, const std::string &id) {
-  const std::string text = fill_in(action.text, id);
-  switch (action.kind) {
-    case Fault::Kind::delay:
-      if (!socket_.pause(action.time)) throw Ended();
-      return true;
-    case Fault::Kind::insert:
-      send(text);
-      return true;
-    case Fault::Kind::replace:
-      send(text);
-      return false;
-    case Fault::Kind::cut:
-      send(answer.substr(0, action.bytes));
-      return false;
-    case Fault::Kind::stop_reading:
-      stop_reading();
-      return true;
-    case Fault::Kind::silent:
-      throw Silenced();
-    case Fault::Kind::close:
-      close();
-      leave();
-    case Fault::Kind::truncate:
-      truncate();
-      leave();
-    case Fault::Kind::reset:
-      reset();
-      throw Ended();
-    case Fault::Kind::half_close:
-      half_close();
-      throw Silenced();
-    case Fault::Kind::stream_error:
-      stream_error(action.condition, text);
-      leave();
-  }
-  return true;
+PeerLink::Values ServedConnection::values(const std::string &id) const {
+  return {{"{host}", state_->host}, {"{jid}", escape(jid())}, {"{id}", escape(id)}};
 }
 
 std::string ServedConnection::head() const {
@@ -438,17 +376,6 @@ void ServedConnection::refuse(const std::string &condition, const std::string &v
   note([&](Transcript &transcript) { transcript.violations.push_back(violation); });
   stream_error(condition, "");
   leave();
-}
-
-// Our direction is closed: waits until the client's is too, as closing over unread bytes would be a reset.
-void ServedConnection::leave() {
-  const auto deadline = Clock::now() + kDrainTime;
-  socket_.set_reading(true);
-  for (;;) {
-    std::string bytes;
-    const PeerSocket::Status status = socket_.read(bytes, deadline);
-    if (status != PeerSocket::Status::done && status != PeerSocket::Status::nudged) throw Ended();
-  }
 }
 
 // ---- What the client says
@@ -506,7 +433,7 @@ StreamReader::Item ServedConnection::next_item() {
 void ServedConnection::read_more() {
   const auto patience = is_session_ || is_silent_ ? Clock::time_point::max() : Clock::now() + options().negotiation_deadline;
   for (;;) {
-    if (ending_ != Ending::none) leave();
+    if (is_ending()) leave();
     send_due();
     std::string bytes;
     const PeerSocket::Status status = socket_.read(bytes, std::min(patience, next_due()));

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -16,7 +15,7 @@
 
 #include <qlk/testpeer/connection.hpp>
 
-#include "peer_socket.h"
+#include "peer_link.h"
 #include "stream_codec.h"
 
 namespace testpeer {
@@ -31,28 +30,25 @@ struct PeerState {
   std::vector<std::shared_ptr<ServedConnection>> live();
 
   const Options options;
-  std::string host;   // set before the first connection
-  SslContextPtr tls;  // likewise
+  std::string host;      // set before the first connection
+  SslContextPtr tls;     // likewise
+  FaultsMet faults_met;  // by the name of the stage, or of the request with "request " before it
 
   std::mutex mutex;
   std::condition_variable changed;  // whenever one of the following, or a transcript, has changed
   std::vector<std::shared_ptr<ServedConnection>> connections;
   std::vector<Stanza> stanzas;
-  std::map<std::string, unsigned> faults_met;  // by the name of the stage, or of the request with "request " before it
   size_t established = 0, ended = 0;
 };
 
-class ServedConnection final : public Connection {
+class ServedConnection final : public Connection, public PeerLink {
  public:
   // Takes the descriptor over, unless it throws.
   ServedConnection(std::shared_ptr<PeerState> state, int descriptor, size_t number);
 
-  // The session, from its beginning to its end.
-  void run();
-  // In the place of run: there is no thread for it.
-  void finish();
-  // Everything that waits, now or later, fails. Any thread.
-  void abandon() { socket_.abandon(); }
+  void run() override;
+  void finish() override;
+  bool has_ended() const override;
   const Options &options() const { return state_->options; }
   // It has a session that has not ended.
   bool is_live() const;
@@ -75,10 +71,6 @@ class ServedConnection final : public Connection {
   bool pause(Milliseconds time) override { return socket_.pause(time); }
 
  private:
-  enum class Ending { none, close, truncate, reset };
-  struct Ended {};
-  struct Silenced {};
-
   void negotiate();
   void secure();
   void authenticate();
@@ -94,9 +86,7 @@ class ServedConnection final : public Connection {
   void respond(Stage stage, const std::string &answer);
   bool meet_fault(Stage stage, const std::string &answer);
   bool meet_request_fault(const Stanza &stanza, const std::string &answer);
-  bool commit(const std::string &key, const Fault &fault, const std::string &answer, const std::string &id);
-  bool act(const Fault::Action &action, const std::string &answer, const std::string &id);
-  std::string fill_in(std::string text, const std::string &id) const;
+  Values values(const std::string &id) const;
   void read_head();
   std::string head() const;
   Element expect(std::string_view local, std::string_view ns);
@@ -105,8 +95,6 @@ class ServedConnection final : public Connection {
   void read_more();
   [[noreturn]] void listen();
   [[noreturn]] void refuse(const std::string &condition, const std::string &violation);
-  [[noreturn]] void leave();
-  void end_with(Ending ending);
   void send_due();
   Clock::time_point next_due();
 
@@ -117,8 +105,6 @@ class ServedConnection final : public Connection {
   const size_t number_;
   Transcript transcript_;  // under the state's mutex, with the stage
   Stage stage_ = Stage::accept;
-  PeerSocket socket_;
-  std::atomic<Ending> ending_ = Ending::none;
   std::atomic<bool> has_sent_head_ = false;
   std::atomic<bool> has_closed_stream_ = false;
 

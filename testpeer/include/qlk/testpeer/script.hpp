@@ -74,7 +74,7 @@ class Fault {
   Fault times(unsigned count) const;
 
  private:
-  friend class ServedConnection;
+  friend class PeerLink;
   enum class Kind { delay, insert, replace, cut, stop_reading, silent, close, truncate, reset, half_close, stream_error };
   struct Action {
     Kind kind;
