@@ -116,7 +116,8 @@ class Reader:
 
     def compile(self, block, file, options=()):
         compiler = self.compilers[file.suffix == ".cpp"]
-        flags = subprocess.run(["pkg-config", "--cflags", "--libs", "libqlk"], capture_output=True, text=True, check=False,
+        packages = ["libqlk-testpeer", "libqlk"] if "#include <qlk/testpeer" in file.read_text(encoding="utf-8") else ["libqlk"]
+        flags = subprocess.run(["pkg-config", "--cflags", "--libs", *packages], capture_output=True, text=True, check=False,
                                env={**self.environment, "PKG_CONFIG_PATH": self.variable("PKG_CONFIG_PATH")}).stdout.split()
         language = "cpp" if file.suffix == ".cpp" else "c"
         done = subprocess.run([compiler, *STRICT[language], *options, str(file), "-o", str(self.work / "lines/output"), *flags], check=False,
@@ -151,8 +152,8 @@ class Reader:
             for block in blocks_of(page, (self.sources / page).read_text(encoding="utf-8")):
                 if page in PAGES:
                     self.read(block)
-                elif block.language == "c" and "int main(" in block.text:
-                    block.words = block.words or [f"program{block.line}.c"]
+                elif block.language in STRICT and "int main(" in block.text:
+                    block.words = block.words or [f"program{block.line}.{block.language}"]
                     self.keep_program(block)
             for name in [name for name in self.terminals if name != "main"]:
                 self.terminals.pop(name).end()

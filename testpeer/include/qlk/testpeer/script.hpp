@@ -35,7 +35,8 @@ const char *name_of(Stage stage);
 
 // What the peer does when it would give the answer of a stage, or of a request. Faults join into sequences:
 //   Fault::delay(50ms).then(Fault::reset()),  Fault::close().times(2)
-// In their texts "{host}" stands for the peer's host(), "{jid}" for the client's address and "{id}" for the id of the request.
+// In their texts "{host}" stands for the peer's host(), "{jid}" for the client's address and "{id}" for the id of the request;
+// the last two are the scripted peer's alone, an HttpsPeer knows neither.
 class Fault {
  public:
   using Milliseconds = std::chrono::milliseconds;
@@ -65,7 +66,7 @@ class Fault {
   // Sends the bytes and is silent.
   static Fault say(std::string bytes) { return replace(std::move(bytes)).then(silent()); }
   // Sends the stream error, with a stream head if there was none, and closes. The text of see-other-host is the host:
-  // stream_error("see-other-host", "{host}") leads the client in a circle.
+  // stream_error("see-other-host", "{host}") leads the client in a circle. An HttpsPeer, which has no streams, only closes.
   static Fault stream_error(std::string condition, std::string text = {});
 
   // This one, and the next after it.
