@@ -12,7 +12,6 @@
 #include <qlk/testpeer.hpp>
 #include <vector>
 
-#include "https_peer.h"
 #include "quillon_grid.h"
 
 namespace exhaustion {
@@ -102,19 +101,19 @@ struct Identities {
   options.on_stanza = [&script](Connection &connection, const Stanza &stanza) { return script.on_stanza(connection, stanza); };
   const testpeer::ScriptedPeer grid(options);
 
-  test_support::HttpsPeer::Options bulk_options;
-  bulk_options.certificate = identities.bulk;
-  bulk_options.client_authority = identities.authority.certificate();
-  bulk_options.answer = [](test_support::HttpsPeer::Exchange &exchange) {
-    // Nobody is answered who does not say who he is and what he wants.
-    for (const char *part : {"user:alice@" GRID_DOMAIN, "<give/>"})
-      if (exchange.request().find(part) == std::string::npos) return;
-    exchange.begin();
-    exchange.send("<r><c>");
-    for (int i = 0; i < kItems; ++i) exchange.send("<i a='b'>text</i>");
-    exchange.send("</c></r>");
-  };
-  const test_support::HttpsPeer bulk(bulk_options);
+  std::vector<std::string> document(kItems + 2, "<i a='b'>text</i>");
+  document.front() = "<r><c>";
+  document.back() = "</c></r>";
+  const testpeer::HttpsPeer bulk({.certificate = identities.bulk,
+                                  .client_authority = identities.authority.certificate(),
+                                  .needs_client_certificate = true,
+                                  .answer = {.pieces = document, .framing = testpeer::HttpFraming::until_close},
+                                  // Nobody is answered who does not say who he is and what he wants.
+                                  .on_request = [](testpeer::HttpExchange &it) {
+                                    const testpeer::HttpRequest &request = it.request();
+                                    return request.header("user") != "alice@" GRID_DOMAIN ||
+                                           request.body.find("<give/>") == std::string::npos;
+                                  }});
 
   const std::string lines = grid.host() + "\n" + bulk.url() + "\n";
   if (write(report, lines.data(), lines.size()) < 0) _exit(1);

@@ -3,29 +3,27 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <thread>
 
 #include "application.h"
-#include "https_peer.h"
 #include "quillon_bulkdownload.h"
-#include "wait_for.h"
 
 namespace faults {
 namespace {
 
-using test_support::HttpsPeer;
-using test_support::wait_for;
+using testpeer::HttpFraming;
+using testpeer::HttpsOptions;
+using testpeer::HttpsPeer;
+using testpeer::HttpsStage;
 using testpeer::ServerIdentity;
 using testpeer::TlsVersion;
 using testpeer::Usage;
 using testpeer::Validity;
-using Exchange = HttpsPeer::Exchange;
 
 constexpr char kBegun[] = "<r><c><i>1</i>", kRest[] = "<i>2</i></c></r>";
 
 struct Row {
   std::string name;
-  std::function<void(HttpsPeer::Options &)> change;
+  std::function<void(HttpsOptions &)> change;
   QUILLON_STATUS status = QUILLON_STATUS_REST_ERROR;  // the worst that the calls return
   size_t items = 0;                                   // that come all the same
   bool may_lose_items = false;
@@ -36,17 +34,12 @@ struct Row {
   friend void PrintTo(const Row &row, std::ostream *out) { *out << row.name; }
 };
 
-HttpsPeer::Options correct_service() {
+HttpsOptions correct_service() {
   static const testpeer::Credentials certificate = Identities::get().authority.server(ServerIdentity{.addresses = {"127.0.0.1"}});
-  HttpsPeer::Options options;
-  options.certificate = certificate;
-  options.client_authority = Identities::get().authority.certificate();
-  options.answer = [](Exchange &exchange) {
-    exchange.begin();
-    exchange.send(kBegun);
-    exchange.send(kRest);
-  };
-  return options;
+  return {.certificate = certificate,
+          .client_authority = Identities::get().authority.certificate(),
+          .needs_client_certificate = true,
+          .answer = {.pieces = {kBegun, kRest}, .framing = HttpFraming::until_close}};
 }
 
 class Bulk : public testing::Test {
@@ -99,7 +92,7 @@ TEST_P(BulkFault, EndsAsItShould) {
   expect_download();
   const Resources before = Resources::now();
 
-  HttpsPeer::Options options = correct_service();
+  HttpsOptions options = correct_service();
   row.change(options);
   auto peer = std::make_unique<HttpsPeer>(options);
   if (row.prepare) row.prepare(application_.config(), bulk_);
@@ -110,7 +103,7 @@ TEST_P(BulkFault, EndsAsItShould) {
   if (row.is_silent) {
     while (items < row.items && read_on(items, worst)) {
     }
-    EXPECT_TRUE(wait_for([&] { return options.instead_of_tls ? peer->connections() == 1 : !peer->requests().empty(); }));
+    EXPECT_TRUE(row.is_asked ? peer->wait_requests(1, kSoon) : peer->wait_connections(1, kSoon));
   } else {
     while (read_on(items, worst)) {
     }
@@ -130,31 +123,19 @@ TEST_P(BulkFault, EndsAsItShould) {
 
 // ---- Each stage
 
-using Script = std::function<void(Exchange &)>;
-
-void pause_a_little(Exchange &) { std::this_thread::sleep_for(50ms); }  // Delay: this is the fault.
-void close(Exchange &) {}
-void reset(Exchange &exchange) { exchange.reset(); }
-void truncate(Exchange &exchange) { exchange.truncate(); }
-void stay_silent(Exchange &exchange) { exchange.stay_silent(); }
-Script say(const std::string &text) {
-  return [text](Exchange &exchange) { exchange.send(text); };
+Row changed(const std::string &name, const std::function<void(HttpsOptions &)> &change) {
+  return {.name = name, .change = change};
 }
 
-Row in_tls(const std::string &name, const Script &script) {
-  return {.name = "Tls_" + name, .change = [script](HttpsPeer::Options &options) {
-            options.instead_of_tls = [script](Exchange &exchange) {
-              script(exchange);
-              return false;
-            };
-          }};
+Row at(HttpsStage stage, const std::string &name, const Fault &fault) {
+  Row row = changed(name, [stage, fault](HttpsOptions &options) { options.faults.emplace(stage, fault); });
+  row.is_asked = stage > HttpsStage::tls_handshake;
+  return row;
 }
 
-Row answering(const std::string &name, const Script &script) {
-  return {.name = name, .change = [script](HttpsPeer::Options &options) { options.answer = script; }, .is_asked = true};
-}
+Row in_tls(const std::string &name, const Fault &fault) { return at(HttpsStage::accept, "Tls_" + name, fault); }
 
-Row in_head(const std::string &name, const Script &script) { return answering("Head_" + name, script); }
+Row in_head(const std::string &name, const Fault &fault) { return at(HttpsStage::head, "Head_" + name, fault); }
 
 Row with_one_item(Row row, QUILLON_STATUS status = QUILLON_STATUS_REST_ERROR) {
   row.items = 1;
@@ -162,13 +143,16 @@ Row with_one_item(Row row, QUILLON_STATUS status = QUILLON_STATUS_REST_ERROR) {
   return row;
 }
 
-Row in_body(const std::string &name, const Script &script, QUILLON_STATUS status = QUILLON_STATUS_REST_ERROR) {
-  const Script answer = [script](Exchange &exchange) {
-    exchange.begin();
-    exchange.send(kBegun);
-    script(exchange);
-  };
-  return with_one_item(answering("Body_" + name, answer), status);
+// Once the first item was sent.
+Row in_body(const std::string &name, const Fault &fault, QUILLON_STATUS status = QUILLON_STATUS_REST_ERROR) {
+  const Fault begun = Fault::cut(std::string_view(kBegun).size());
+  return with_one_item(at(HttpsStage::body, "Body_" + name, begun.then(fault)), status);
+}
+
+Row answering(const std::string &name, const testpeer::HttpAnswer &answer) {
+  Row row = changed(name, [answer](HttpsOptions &options) { options.answer = answer; });
+  row.is_asked = true;
+  return row;
 }
 
 Row silent(Row row) {
@@ -188,58 +172,53 @@ Row losing(Row row) {
   return row;
 }
 
-std::vector<Row> rows_of_stages() {
-  const Script late = [](Exchange &exchange) {
-    pause_a_little(exchange);
-    correct_service().answer(exchange);
-  };
-  const Script late_rest = [](Exchange &exchange) {
-    pause_a_little(exchange);
-    exchange.send(kRest);
-  };
-  const Script less = [](Exchange &exchange) {
-    exchange.begin_with_length(1000);
-    exchange.send(kBegun);
-  };
-  const Script endless = [](Exchange &exchange) {
+void send_headers_without_end(HttpsOptions &options) {
+  options.on_request = [](testpeer::HttpExchange &exchange) {
     exchange.send("HTTP/1.1 200 OK\r\n");
     const std::string line = "More: " + std::string(10'000, 'x') + "\r\n";
     while (exchange.send(line)) {
     }
+    return true;
+  };
+}
+
+std::vector<Row> rows_of_stages() {
+  const Fault close = Fault::close(), late = Fault::delay(50ms);
+  Row endless = changed("Head_NeverEnds", send_headers_without_end);
+  endless.is_asked = true;
+  Row broken_chunks = in_body("ClosesBetweenChunks", close);
+  broken_chunks.change = [](HttpsOptions &options) {
+    options.answer.framing = HttpFraming::chunked;
+    options.faults.emplace(HttpsStage::body, Fault::cut(std::string_view(kBegun).size() + 5).then(Fault::close()));
   };
   return {
-      silent(in_tls("Silent", stay_silent)),
-      survived({.name = "Tls_Late",
-                .change =
-                    [](HttpsPeer::Options &options) {
-                      options.instead_of_tls = [](Exchange &exchange) {
-                        pause_a_little(exchange);
-                        return true;
-                      };
-                    }}),
+      silent(in_tls("Silent", Fault::silent())),
+      survived(in_tls("Late", late)),
       in_tls("Closes", close),
-      in_tls("Resets", reset),
-      in_tls("IsCut", say({"\x16\x03\x03\x00\x7a\x02\x00", 7})),
-      in_tls("Babbles", say("HTTP/1.1 400 Bad Request\r\n\r\n")),
+      in_tls("Resets", Fault::reset()),
+      in_tls("IsCut", Fault::replace({"\x16\x03\x03\x00\x7a\x02\x00", 7}).then(close)),
+      in_tls("Babbles", Fault::replace("HTTP/1.1 400 Bad Request\r\n\r\n").then(close)),
 
-      silent(in_head("Silent", stay_silent)),
+      silent(in_head("Silent", Fault::silent())),
       survived(in_head("Late", late)),
       in_head("Closes", close),
-      in_head("Truncates", truncate),
-      in_head("Resets", reset),
-      in_head("IsCut", say("HTTP/1.1 20")),
-      in_head("Babbles", say(std::string(kBegun) + kRest)),
-      in_head("NeverEnds", endless),
+      in_head("Truncates", Fault::truncate()),
+      in_head("Resets", Fault::reset()),
+      in_head("IsCut", Fault::cut(11).then(close)),
+      in_head("Babbles", Fault::replace(std::string(kBegun) + kRest).then(close)),
+      endless,
 
-      silent(in_body("Silent", stay_silent)),
-      survived(in_body("Late", late_rest)),
-      // A document that breaks off ends where it does, as the header says; only an announced length tells.
+      silent(in_body("Silent", Fault::silent())),
+      survived(in_body("Late", late.then(Fault::replace(kRest)))),
+      // A document that breaks off ends where it does, as the header says; only an announced length tells, or a last chunk.
       in_body("Closes", close, QUILLON_STATUS_OK),
-      in_body("Truncates", truncate, QUILLON_STATUS_OK),
-      with_one_item(answering("Body_PromisesMore", less)),
-      losing(in_body("Resets", reset)),
-      in_body("Babbles", say("</never-opened>"), QUILLON_STATUS_XML_ERROR),
-      in_body("HasADocumentType", say("<!DOCTYPE r>"), QUILLON_STATUS_XML_ERROR),
+      in_body("Truncates", Fault::truncate(), QUILLON_STATUS_OK),
+      with_one_item(answering("Body_PromisesMore", {.pieces = {kBegun}, .announced_length = 1000})),
+      survived(answering("Body_InChunks", {.pieces = {kBegun, kRest}, .framing = HttpFraming::chunked})),
+      broken_chunks,
+      losing(in_body("Resets", Fault::reset())),
+      in_body("Babbles", Fault::replace("</never-opened>"), QUILLON_STATUS_XML_ERROR),
+      in_body("HasADocumentType", Fault::replace("<!DOCTYPE r>"), QUILLON_STATUS_XML_ERROR),
   };
 }
 
@@ -255,20 +234,18 @@ void prefer_weakness(quillon_bulkdownload *bulkdownload, void *tls_context, void
 }
 
 std::vector<Row> rows_of_tls() {
-  const auto changed = [](const char *name, const auto &change) { return Row{.name = name, .change = change}; };
-  const auto certificate = [changed](const char *name, const ServerIdentity &identity) {
-    return changed(name, [identity](HttpsPeer::Options &it) { it.certificate = Identities::get().authority.server(identity); });
+  const auto certificate = [](const char *name, const ServerIdentity &identity) {
+    return changed(name, [identity](HttpsOptions &it) { it.certificate = Identities::get().authority.server(identity); });
   };
   const std::vector<std::string> here = {"127.0.0.1"};
-  Row revoked = changed("Revoked", [here](HttpsPeer::Options &it) {
+  Row revoked = changed("Revoked", [here](HttpsOptions &it) {
     it.certificate = Identities::get().authority.server({.addresses = here});
     Identities::get().authority.revoke(it.certificate);
   });
   revoked.prepare = [](quillon_config *config, quillon_bulkdownload *) {
     quillon_config_set_crl(config, Identities::get().authority.revocations().c_str());
   };
-  Row tls_1_1 =
-      changed("Tls11Only", [](HttpsPeer::Options &it) { it.tls_version_min = it.tls_version_max = TlsVersion::tls_1_1; });
+  Row tls_1_1 = changed("Tls11Only", [](HttpsOptions &it) { it.tls_version_min = it.tls_version_max = TlsVersion::tls_1_1; });
   tls_1_1.prepare = [](quillon_config *, quillon_bulkdownload *bulk) {
     quillon_bulkdownload_set_ssl_ctx_cb(bulk, prefer_weakness);
   };
@@ -278,17 +255,17 @@ std::vector<Row> rows_of_tls() {
       certificate("NotYetValid", {.addresses = here, .validity = Validity::not_yet}),
       certificate("SelfSigned", {.addresses = here, .self_signed = true}),
       changed("OfAnotherAuthority",
-              [here](HttpsPeer::Options &it) { it.certificate = Identities::get().other.server({.addresses = here}); }),
+              [here](HttpsOptions &it) { it.certificate = Identities::get().other.server({.addresses = here}); }),
       certificate("OfAName", {.names = here}),
       certificate("OfAnotherAddress", {.addresses = {"127.0.0.2"}}),
       certificate("WithTheAddressInTheSubjectOnly", {.names = {"other"}, .common_name = "127.0.0.1"}),
       certificate("ForClients", {.addresses = here, .usage = Usage::client}),
       certificate("ForCode", {.addresses = here, .usage = Usage::other}),
       changed("RefusesTheClientsCertificate",
-              [](HttpsPeer::Options &it) { it.client_authority = Identities::get().other.certificate(); }),
+              [](HttpsOptions &it) { it.client_authority = Identities::get().other.certificate(); }),
       revoked,
       tls_1_1,
-      survived(changed("Tls12Only", [](HttpsPeer::Options &it) { it.tls_version_max = TlsVersion::tls_1_2; })),
+      survived(changed("Tls12Only", [](HttpsOptions &it) { it.tls_version_max = TlsVersion::tls_1_2; })),
   };
 }
 

@@ -3,24 +3,27 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <qlk/testpeer/https_peer.hpp>
+
 #include "grid_objects.h"
-#include "https_peer.h"
 #include "quillon_bulkdownload.h"
 #include "quillon_log_capture.h"
 
 namespace bulk_test {
 
-using test_support::DeafPort;
-using test_support::HttpsPeer;
 using test_support::Node;
 using test_support::QuillonLogCapture;
-using Exchange = HttpsPeer::Exchange;
+using testpeer::HttpFraming;
+using testpeer::HttpsOptions;
+using testpeer::HttpsPeer;
+using Exchange = testpeer::HttpExchange;
 
 constexpr char kDomain[] = QLK_GRID_DOMAIN;
 
@@ -73,25 +76,28 @@ class BulkTest : public testing::Test {
   static void SetUpTestSuite() { authority_ = std::make_unique<testpeer::CertificateAuthority>(); }
   static void TearDownTestSuite() { authority_.reset(); }
 
-  HttpsPeer::Options peer_options() {
-    HttpsPeer::Options options;
-    options.certificate = authority_->server({.addresses = {"127.0.0.1"}});
-    options.client_authority = authority_->certificate();
-    return options;
+  HttpsOptions peer_options() {
+    return {.certificate = authority_->server({.addresses = {"127.0.0.1"}}),
+            .client_authority = authority_->certificate(),
+            .needs_client_certificate = true};
   }
 
   std::unique_ptr<HttpsPeer> make_peer(std::function<void(Exchange &)> answer) {
-    HttpsPeer::Options options = peer_options();
-    options.answer = std::move(answer);
+    HttpsOptions options = peer_options();
+    options.on_request = [answer = std::move(answer)](Exchange &exchange) {
+      answer(exchange);
+      return true;
+    };
     return std::make_unique<HttpsPeer>(std::move(options));
   }
 
-  // Serves the document, each piece in a TLS record of its own if it is no longer than one may be.
-  std::unique_ptr<HttpsPeer> make_peer(std::vector<std::string> pieces) {
-    return make_peer([pieces = std::move(pieces)](Exchange &exchange) {
-      exchange.begin();
-      for (const std::string &piece : pieces) exchange.send(piece);
-    });
+  // Serves the document, each piece in a TLS record of its own if it is no longer than one may be. chunk_size: at most so many
+  // bytes in one.
+  std::unique_ptr<HttpsPeer> make_peer(std::vector<std::string> pieces, size_t chunk_size = 0) {
+    HttpsOptions options = peer_options();
+    options.answer = {.pieces = std::move(pieces), .framing = HttpFraming::until_close};
+    options.chunk_size = chunk_size;
+    return std::make_unique<HttpsPeer>(std::move(options));
   }
 
   Config make_config() {

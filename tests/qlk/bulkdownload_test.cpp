@@ -1,6 +1,7 @@
 // The object, what the application reads, and how failures are told.
 #include <algorithm>
 #include <chrono>
+#include <qlk/testpeer/deaf_port.hpp>
 #include <string>
 
 #include "bulkdownload_fixture.h"
@@ -12,6 +13,7 @@ using bulk_test::Bulk;
 using bulk_test::BulkTest;
 using bulk_test::error_details;
 using bulk_test::Exchange;
+using bulk_test::HttpsOptions;
 using bulk_test::HttpsPeer;
 using bulk_test::next;
 using bulk_test::Node;
@@ -19,6 +21,7 @@ using bulk_test::read_all;
 using bulk_test::Step;
 using bulk_test::Steps;
 using test_support::parse;
+using testpeer::DeafPort;
 
 constexpr QUILLON_STATUS kOk = QUILLON_STATUS_OK;
 constexpr QUILLON_STATUS kXml = QUILLON_STATUS_XML_ERROR;
@@ -127,15 +130,14 @@ TEST_F(BulkTest, TheRequestAsItIsSent) {
   ASSERT_EQ(kOk, quillon_bulkdownload_open(bulk.get()));
   EXPECT_EQ((Steps{{kOk}}), read_all(bulk));
   ASSERT_EQ(1u, peer->requests().size());
-  const std::string request = peer->requests()[0];
-  EXPECT_EQ(0u, request.find("POST /bulk HTTP/1.1\r\n")) << request;
+  const testpeer::HttpRequest request = peer->requests()[0];
+  EXPECT_EQ(0u, request.head.find("POST /bulk HTTP/1.1\r\n")) << request.head;
   const std::string lines[] = {"Content-Type: application/xml", "Content-Length: 156",
                                std::string("user:bob@") + bulk_test::kDomain};
   for (const std::string &line : lines) {
-    EXPECT_NE(std::string::npos, request.find("\r\n" + line + "\r\n")) << line << "\n" << request;
+    EXPECT_NE(std::string::npos, request.head.find("\r\n" + line + "\r\n")) << line << "\n" << request.head;
   }
-  EXPECT_EQ("<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?> <a>" + std::string(93, 'x') + "</a>",
-            request.substr(request.find("\r\n\r\n") + 4));
+  EXPECT_EQ("<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?> <a>" + std::string(93, 'x') + "</a>", request.body);
   EXPECT_TRUE(log_.contains("curl_easy_setopt() for CURLOPT_URL: '" + peer->url() + "'"));
   EXPECT_EQ("No error", error_details(bulk));
 }
@@ -231,10 +233,7 @@ TEST_P(BulkDocument, Steps) {
 
 TEST_P(BulkDocument, ByteByByte) {
   if (!GetParam().may_be_cut) return;
-  const auto peer = make_peer([](Exchange &exchange) {
-    exchange.begin();
-    for (const std::string &piece : GetParam().pieces) exchange.send_byte_by_byte(piece);
-  });
+  const auto peer = make_peer(GetParam().pieces, 1);
   EXPECT_EQ(GetParam().steps, read_all(open_bulk(peer->url())));
 }
 
@@ -343,7 +342,7 @@ class BulkFailure : public BulkTest {
 const std::vector<std::string> kNoItems;
 
 TEST_F(BulkFailure, NobodyListens) {
-  const bulk_test::DeafPort port;
+  const DeafPort port;
   EXPECT_EQ(kNoItems, fail(port.url()));
 }
 
@@ -367,7 +366,7 @@ TEST_F(BulkFailure, TheServersCertificate) {
                {"expired", authority_->server({.addresses = {"127.0.0.1"}, .validity = testpeer::Validity::expired})}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
-    HttpsPeer::Options options = peer_options();
+    HttpsOptions options = peer_options();
     options.certificate = c.certificate;
     const HttpsPeer peer(options);
     EXPECT_EQ(kNoItems, fail(peer.url()));
@@ -398,7 +397,7 @@ TEST_F(BulkFailure, TheConnectionBreaks) {
 
 TEST_F(BulkFailure, LessThanWasAnnounced) {
   const auto peer = make_peer([](Exchange &exchange) {
-    exchange.begin_with_length(100);
+    exchange.begin({.announced_length = 100});
     exchange.send("<r><c><i>1</i>");
   });
   EXPECT_EQ(std::vector<std::string>{"<i>1</i>"}, fail(peer->url()));
@@ -421,7 +420,7 @@ TEST_F(BulkTest, HttpStatusesAreNotLookedAt) {
 }
 
 TEST_F(BulkTest, AFailureIsForgottenByTheNextOpen) {
-  const bulk_test::DeafPort port;
+  const DeafPort port;
   const auto peer = make_peer({"<r><c><i/></c></r>"});
   const Bulk bulk = open_bulk(port.url());
   EXPECT_EQ((Steps{{kRest}}), read_all(bulk));

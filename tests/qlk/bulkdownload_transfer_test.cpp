@@ -21,6 +21,7 @@ namespace {
 using bulk_test::Bulk;
 using bulk_test::BulkTest;
 using bulk_test::Exchange;
+using bulk_test::HttpsOptions;
 using bulk_test::HttpsPeer;
 using bulk_test::next;
 using bulk_test::read_all;
@@ -218,20 +219,17 @@ TEST_F(BulkTest, ASilentServerDoesNotHoldAClose) {
   enum class Moment { in_tls, before_the_answer, in_the_document, between_items };
   for (const Moment moment : {Moment::in_tls, Moment::before_the_answer, Moment::in_the_document, Moment::between_items}) {
     SCOPED_TRACE(static_cast<int>(moment));
-    HttpsPeer::Options options = peer_options();
-    if (moment == Moment::in_tls) {
-      options.instead_of_tls = [](Exchange &exchange) {
-        exchange.stay_silent();
-        return false;
-      };
-    }
+    HttpsOptions options = peer_options();
+    if (moment == Moment::in_tls) options.faults.emplace(testpeer::HttpsStage::accept, testpeer::Fault::silent());
     std::atomic<bool> has_answered = false;
-    options.answer = [&](Exchange &exchange) {
-      if (moment == Moment::before_the_answer) return exchange.stay_silent();
-      exchange.begin();
-      exchange.send(moment == Moment::in_the_document ? "<r><c><i>" : "<r><c><i/>");
-      has_answered = true;
+    options.on_request = [&](Exchange &exchange) {
+      if (moment != Moment::before_the_answer) {
+        exchange.begin();
+        exchange.send(moment == Moment::in_the_document ? "<r><c><i>" : "<r><c><i/>");
+        has_answered = true;
+      }
       exchange.stay_silent();
+      return true;
     };
     const HttpsPeer peer(options);
     const Bulk bulk = open_bulk(peer.url());
@@ -281,7 +279,7 @@ TEST_F(BulkTest, BrokenOffFiftyTimesNothingStays) {
     const auto time = std::chrono::microseconds(random() % 20000);
     if (how == 0) std::this_thread::sleep_for(time);  // Delay: any moment will do
     if (how == 1) {
-      const unsigned connections = peer->connections();
+      const size_t connections = peer->connections();
       wait_for([&] { return peer->connections() > connections; }, std::chrono::milliseconds(100));
     }
     if (how == 2) {
