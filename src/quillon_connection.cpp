@@ -52,16 +52,14 @@ void free_record(quillon_connection *connection) {
   delete connection;
 }
 
-QUILLON_STATUS allocate(quillon_connection *&out) {
-  const std::shared_ptr<qlk::EventLoop> loop = qlk::library_loop();
-  if (loop == nullptr) return fail("quillon_init failed", QUILLON_STATUS_WB_ERROR);  // shut down meanwhile
+QUILLON_STATUS allocate(_quillon_lib_obj &library, quillon_connection *&out) {
   auto extra = std::unique_ptr<qlk::ConnectionPrivate>(new (std::nothrow) qlk::ConnectionPrivate());
   auto connection = std::unique_ptr<quillon_connection>(new (std::nothrow) quillon_connection());
   if (extra == nullptr || connection == nullptr) return fail("_quillon_connection malloc  failed", QUILLON_STATUS_MALLOC_ERROR);
-  extra->loop = loop;
+  extra->loop = library.loop;
   extra->async_queries = std::make_shared<qlk::AsyncQueries>(*connection);
   connection->extra = extra.release();
-  connection->qlnlib = qlk::g_Qln_Lib;
+  connection->qlnlib = &library;
   pthread_mutex_init(&connection->connect_lock, nullptr);
   out = connection.release();
   return QUILLON_STATUS_OK;
@@ -191,8 +189,10 @@ QUILLON_STATUS quillon_connection_create(quillon_connection **create_connection)
   *create_connection = nullptr;
   return qlk::guarded(__func__, [&]() -> QUILLON_STATUS {
     if (const QUILLON_STATUS status = quillon_init(); status != QUILLON_STATUS_OK) return fail("quillon_init failed", status);
+    const std::shared_ptr<_quillon_lib_obj> library = qlk::library();
+    if (library == nullptr) return fail("quillon_init failed", QUILLON_STATUS_WB_ERROR);  // shut down meanwhile
     quillon_connection *connection = nullptr;
-    if (const QUILLON_STATUS status = allocate(connection); status != QUILLON_STATUS_OK) return status;
+    if (const QUILLON_STATUS status = allocate(*library, connection); status != QUILLON_STATUS_OK) return status;
     if (const QUILLON_STATUS status = build(*connection); status != QUILLON_STATUS_OK) {
       quillon_connection_destroy(connection);
       return status;

@@ -126,6 +126,12 @@ void watch_forks() {
   if (result != 0) wb_log(WB_LOG_WARN, "a child process that exits may disturb the sessions of this one");
 }
 
+// Once for the process, however often the library comes up.
+void shut_down_at_exit() {
+  static const int result = std::atexit(quillon_shutdown);
+  if (result != 0) wb_log(WB_LOG_ERROR, "atexit failed to register quillon_shutdown");
+}
+
 void remove_base_entries(wb_htable *table) {
   for (const char *key : {"selector", "streamtype", "domain", "client_reconnect_countdown", "client_sasl_factory"}) {
     wb_htable_remove(table, key);
@@ -134,9 +140,15 @@ void remove_base_entries(wb_htable *table) {
 
 }  // namespace
 
-std::shared_ptr<qlk::EventLoop> qlk::library_loop() {
+_quillon_lib_obj::~_quillon_lib_obj() {
+  if (wb_base_config == nullptr) return;
+  remove_base_entries(wb_base_config);
+  wb_htable_destroy(wb_base_config);
+}
+
+std::shared_ptr<_quillon_lib_obj> qlk::library() {
   const std::lock_guard lock(lifecycle_mutex);
-  return g_Qln_Lib != nullptr ? g_Qln_Lib->loop : nullptr;
+  return g_Qln_Lib != nullptr ? g_Qln_Lib->self : nullptr;
 }
 
 bool qlk::is_forked_away() { return forked_away; }
@@ -155,16 +167,16 @@ QUILLON_STATUS quillon_init(void) {
       return QUILLON_STATUS_OK;
     }
     wb_log_set_ndc_enabled(false);
-    std::unique_ptr<_quillon_lib_obj> lib(new (std::nothrow) _quillon_lib_obj());
-    if (lib == nullptr) return fail("unable to allocate memory", QUILLON_STATUS_MALLOC_ERROR);
+    const auto lib = std::make_shared<_quillon_lib_obj>();
     if (const QUILLON_STATUS status = build(*lib); status != QUILLON_STATUS_OK) return status;
     watch_forks();
     // What is registered last runs first at exit. OpenSSL, were it to come up with the first session, would clean up while our
     // threads still use it. If it cannot come up now, that session says so.
     static_cast<void>(OPENSSL_init_ssl(0, nullptr));
-    qlk::g_Qln_Lib = lib.release();
+    lib->self = lib;
+    qlk::g_Qln_Lib = lib.get();
     qlk::bLibInitialize = true;
-    if (std::atexit(quillon_shutdown) != 0) wb_log(WB_LOG_ERROR, "atexit failed to register quillon_shutdown");
+    shut_down_at_exit();
     wb_log(WB_LOG_TRACE, "quillon library has been initialized successfully");
     return QUILLON_STATUS_OK;
   });
@@ -176,12 +188,10 @@ void quillon_shutdown(void) {
   qlk::guarded_void(__func__, [&] {
     const std::lock_guard lock(lifecycle_mutex);
     if (qlk::g_Qln_Lib == nullptr) return wb_log(WB_LOG_INFO, "quillon library is already uninitialized");
-    const std::unique_ptr<_quillon_lib_obj> lib(std::exchange(qlk::g_Qln_Lib, nullptr));
+    std::shared_ptr<_quillon_lib_obj> lib = std::move(std::exchange(qlk::g_Qln_Lib, nullptr)->self);
     lib->loop->close();  // before anything goes that a session still up might be using
-    remove_base_entries(lib->wb_base_config);
-    wb_htable_destroy(std::exchange(lib->wb_base_config, nullptr));
     if (lib->loop.use_count() > 1) wb_log(WB_LOG_WARN, "the event loop stays until the last connection is destroyed");
-    lib->loop.reset();
+    lib.reset();
     wb_tls_terminate();
     qlk::bLibInitialize = false;
     wb_log(WB_LOG_INFO, "quillon library has been uninitialized");

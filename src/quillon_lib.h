@@ -12,9 +12,12 @@
 struct _quillon_lib_obj {
   event_base *eventBase;
   event *send_event;
-  wb_htable *wb_base_config;             // owned; what the other three point to lives with the loop
-  wb_workq *wb_workq_;                   // named so because wb_workq is the type
-  std::shared_ptr<qlk::EventLoop> loop;  // private addition
+  wb_htable *wb_base_config;               // owned; what the other three point to lives with the loop
+  wb_workq *wb_workq_;                     // named so because wb_workq is the type
+  std::shared_ptr<qlk::EventLoop> loop;    // private addition
+  std::shared_ptr<_quillon_lib_obj> self;  // private addition: the library's own reference
+
+  ~_quillon_lib_obj();
 };
 
 namespace qlk {
@@ -22,8 +25,9 @@ namespace qlk {
 extern _quillon_lib_obj *g_Qln_Lib;  // null while the library is down
 extern std::atomic<bool> bLibInitialize;
 
-// The event loop in force; null while the library is down. Any thread.
-std::shared_ptr<EventLoop> library_loop();
+// The object in force, which stays whole while it is held, even if the library is shut down meanwhile; null while the library is
+// down. Any thread.
+std::shared_ptr<_quillon_lib_obj> library();
 
 // True in a child that fork made while the library was up: nothing of the library's is the child's to end.
 bool is_forked_away();

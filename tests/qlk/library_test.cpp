@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -59,6 +61,29 @@ TEST_F(LibraryTest, ManyThreadsBuildOneObject) {
   for (std::thread &thread : threads) thread.join();
   EXPECT_EQ(1u, log.count_exact("quillon library has been initialized successfully"));
   EXPECT_EQ(7u, log.count_exact("quillon library is already initialized"));
+}
+
+// Logs, and shuts the library down in the midst of the creation of a connection.
+int log_and_shut_down(FILE *, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
+
+int log_and_shut_down(FILE *, const char *format, va_list args) {
+  va_list copy;
+  va_copy(copy, args);
+  const bool is_time =
+      format == std::string_view("->: %s") && va_arg(copy, const char *) == std::string_view("quillon_query_create");
+  va_end(copy);
+  if (is_time) quillon_shutdown();
+  return test_support::LogCapture::receive(format, args);
+}
+
+TEST_F(LibraryTest, AShutdownLeavesWhatAConnectionIsMadeOf) {
+  const QuillonLogCapture log(WB_LOG_TRACE);
+  wb_log_set_function(log_and_shut_down);
+  quillon_connection *connection = nullptr;
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_create(&connection));
+  EXPECT_EQ(1u, log.count_exact("quillon library has been uninitialized"));
+  EXPECT_EQ(nullptr, qlk::g_Qln_Lib);
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_destroy(connection));
 }
 
 // ---- SASL EXTERNAL, through the table of functions that a client would call
