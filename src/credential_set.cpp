@@ -1,9 +1,11 @@
 #include "credential_set.h"
 
+#include <fcntl.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -56,30 +58,49 @@ bool refuse_file(qlk::CredentialFault &fault, QUILLON_STATUS status, const char 
   return refuse_for_openssl(fault, status, std::string(purpose) + " file '" + file + "' cannot be used");
 }
 
-// To OpenSSL a file that fails in the midst of reading is at its end.
-bool was_read(BIO *file) {
-  FILE *stream = nullptr;
-  if (BIO_get_fp(file, &stream) == 1 && ferror(stream) == 0) return true;
-  ERR_clear_error();
-  ERR_raise(ERR_LIB_SYS, EIO);
-  return false;
-}
+class File {
+ public:
+  explicit File(const std::string &name) : descriptor_(open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
+    if (descriptor_ < 0) ERR_raise(ERR_LIB_SYS, errno);
+  }
+  ~File() {
+    if (descriptor_ >= 0) close(descriptor_);
+  }
+  File(const File &) = delete;
+  File &operator=(const File &) = delete;
 
-// The whole of a file. It is wiped before its memory is given back.
+  bool is_open() const { return descriptor_ >= 0; }
+
+  // 0 at the end; negative when it cannot be read.
+  template <size_t size>
+  int read_some(char (&piece)[size]) const {
+    ssize_t got = 0;
+    do {
+      got = read(descriptor_, piece, size);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) ERR_raise(ERR_LIB_SYS, errno);
+    return static_cast<int>(got);
+  }
+
+ private:
+  const int descriptor_;
+};
+
+// The whole of a file. It is wiped before its memory is given back; what reads through a stream leaves it in the stream's buffer.
 BioPtr read_file(const std::string &name) {
   ERR_clear_error();
-  const BioPtr file(BIO_new_file(name.c_str(), "r"));
+  const File file(name);
   BioPtr bytes(BIO_new(BIO_s_mem()));
-  if (file == nullptr || bytes == nullptr) return nullptr;
+  if (!file.is_open() || bytes == nullptr) return nullptr;
   char piece[4096];
   int got = 0;
   bool is_kept = true;
-  while (is_kept && (got = BIO_read(file.get(), piece, sizeof piece)) > 0) {
+  while (is_kept && (got = file.read_some(piece)) > 0) {
     is_kept = BIO_write(bytes.get(), piece, got) == got && BIO_pending(bytes.get()) <= kFileBytesMax;
     if (BIO_pending(bytes.get()) > kFileBytesMax) ERR_raise(ERR_LIB_SYS, EFBIG);
   }
   OPENSSL_cleanse(piece, sizeof piece);
-  if (!is_kept || !was_read(file.get())) return nullptr;
+  if (!is_kept || got < 0) return nullptr;
   return bytes;
 }
 
