@@ -30,21 +30,27 @@ class CallGate {
   };
 
   void close() { state_.fetch_or(kClosed); }
-  void open() { state_.fetch_and(~kClosed); }
+  // Whoever waits for the calls waits no more: there may always be one from now on.
+  void open() {
+    const std::lock_guard lock(mutex_);
+    state_.fetch_and(~kClosed);
+    changed_.notify_all();
+  }
 
   bool is_closed() const { return (state_ & kClosed) != 0; }
 
-  // Waits until no call is under way; false when one still is at the deadline. The gate must be closed.
+  // Waits until no call is under way; false when one still is at the deadline, or when the gate is opened meanwhile.
   bool wait_until_empty(SteadyClock::time_point deadline) {
     std::unique_lock lock(mutex_);
-    return empty_.wait_until(lock, deadline, [this] { return is_left_ || state_ < kCall; });
+    changed_.wait_until(lock, deadline, [this] { return is_left_ || !is_closed() || state_ < kCall; });
+    return is_left_ || state_ < kCall;
   }
 
   // From now on nobody waits.
   void give_up_waiting() {
     const std::lock_guard lock(mutex_);
     is_left_ = true;
-    empty_.notify_all();
+    changed_.notify_all();
   }
 
  private:
@@ -54,12 +60,12 @@ class CallGate {
   void leave() {
     if (state_.fetch_sub(kCall) != (kCall | kClosed)) return;
     const std::lock_guard lock(mutex_);
-    empty_.notify_all();
+    changed_.notify_all();
   }
 
   std::atomic<size_t> state_ = 0;
   std::mutex mutex_;
-  std::condition_variable empty_;
+  std::condition_variable changed_;
   bool is_left_ = false;  // under mutex_
 };
 

@@ -358,6 +358,7 @@ QUILLON_STATUS _connect_request(quillon_connection &connection) {
   wb_dom_node *received = nullptr;
   QUILLON_STATUS status = quillon_connection_query_controller(&connection, request.release(), &received);
   const qlk::NodePtr reply(received);
+  if (status == QUILLON_STATUS_NO_CONNECTION) return QUILLON_STATUS_CONNECTION_ERROR;  // the connection is being drained
   if (status == QUILLON_STATUS_SEND_TIMEOUT || reply == nullptr) return status;
   status = read_approval(reply.get());
   if (status == QUILLON_STATUS_CONNECTION_DENIED || status == QUILLON_STATUS_ACCOUNT_PENDING)

@@ -5,6 +5,8 @@
 #include <thread>
 
 #include "application.h"
+#include "connection_events.h"
+#include "quillon_query.h"
 
 namespace faults {
 namespace {
@@ -134,6 +136,21 @@ const std::vector<Row> kDecisions = {
 INSTANTIATE_TEST_SUITE_P(AnyRequest, Admission, testing::ValuesIn(rows_of_any_request(QUILLON_STATUS_QUILLON_ERROR)), kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(WrongAnswers, Admission, testing::ValuesIn(rows_of_wrong_answers()), kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(Decisions, Admission, testing::ValuesIn(kDecisions), kNameOfRow);
+
+// What a drain does first, while the session is only coming up.
+TEST_F(FaultTest, ADrainMeanwhileEndsTheConnect) {
+  auto peer = std::make_unique<ScriptedPeer>(correct());
+  application_.use(peer->host());
+  quillon_connection_set_ssl_ctx_cb(application_.connection(), [](quillon_connection *connection, void *context, void *) {
+    quillon_config_fill_ssl_ctx(connection->config, context, false);
+    connection->query->calls.close();
+  });
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, application_.connect());
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_drain(application_.connection(), 0));
+  EXPECT_EQ("-", application_.seen().order);
+  quillon_connection_set_ssl_ctx_cb(application_.connection(), qlk::_default_ssl_ctx_cb);
+  expect_recovery(std::move(peer));
+}
 
 // ---- The presence before it, which has no answer: what ends the session there ends the connect
 
