@@ -101,18 +101,24 @@ wb_dom_node *stanza_of(const wb_event_data *event) {
   return event != nullptr ? static_cast<wb_dom_node *>(event->data) : nullptr;
 }
 
-// A stanza found its queue full. Those that come after it, until the session has ended, do nothing more. Without a word of the
-// controller the connection would go on with an account and publishers that are no longer so.
-void end_overflowing_session(const quillon_connection &connection, bool is_needed) {
-  const quillon_config *config = connection.config;
-  const bool is_wanted = config != nullptr && config->handler_queue_overflow == QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE;
-  if (!is_wanted && !is_needed) return;
+// Stanzas that come after it, until the session has ended, do nothing more.
+void end_broken_session(const quillon_connection &connection, const char *reason) {
   {
     const std::lock_guard lock(connection.extra->mutex);
     if (!std::exchange(connection.extra->session.wanted, false)) return;
   }
-  wb_log(WB_LOG_ERROR, "the session is ended: a handler queue is full");
+  wb_log(WB_LOG_ERROR, "the session is ended: %s", reason);
   wb_client_disconnect(connection.wb_client_, WB_ERR_USER);
+}
+
+// A stanza could not be handed to its thread. Without a word of the controller the connection would go on with an account and
+// publishers that are no longer so.
+void lose_stanza(const quillon_connection &connection, QUILLON_STATUS status, bool is_needed) {
+  const bool is_full = status == QUILLON_STATUS_UNKNOWN;
+  const quillon_config *config = connection.config;
+  const bool is_wanted = is_full && config != nullptr && config->handler_queue_overflow == QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE;
+  if (!is_wanted && !is_needed) return;
+  end_broken_session(connection, is_full ? "a handler queue is full" : "no memory for a word of the controller");
 }
 
 void _client_message_received_callback(wb_event_data *event, void *arg) {
@@ -120,8 +126,8 @@ void _client_message_received_callback(wb_event_data *event, void *arg) {
   auto *connection = static_cast<quillon_connection *>(arg);
   wb_dom_node *stanza = stanza_of(event);
   if (connection == nullptr || stanza == nullptr || connection->notification == nullptr) return;
-  if (quillon_notification_handle(connection->notification, stanza) == QUILLON_STATUS_UNKNOWN)
-    end_overflowing_session(*connection, qlk::is_from_controller(stanza));
+  const QUILLON_STATUS status = quillon_notification_handle(connection->notification, stanza);
+  if (status != QUILLON_STATUS_OK) lose_stanza(*connection, status, qlk::is_from_controller(stanza));
 }
 
 void _client_iq_received_callback(wb_event_data *event, void *arg) {
@@ -129,7 +135,8 @@ void _client_iq_received_callback(wb_event_data *event, void *arg) {
   auto *connection = static_cast<quillon_connection *>(arg);
   wb_dom_node *stanza = stanza_of(event);
   if (connection == nullptr || stanza == nullptr || connection->query == nullptr) return;
-  if (quillon_query_handle(connection->query, stanza) == QUILLON_STATUS_UNKNOWN) end_overflowing_session(*connection, false);
+  const QUILLON_STATUS status = quillon_query_handle(connection->query, stanza);
+  if (status != QUILLON_STATUS_OK) lose_stanza(*connection, status, false);
 }
 
 void _client_destroyed_callback(wb_event_data *, void *arg) {
