@@ -1,4 +1,6 @@
 // What the controller says of the account after it was asked: on the notification thread.
+#include <algorithm>
+#include <iterator>
 #include <string_view>
 
 #include "connection_private.h"
@@ -20,14 +22,17 @@ constexpr AccountUpdate kAccountUpdates[] = {
     {"enabled", QUILLON_CONNECTION_STATE_ENABLED, QUILLON_STATUS_ACCOUNT_ENABLED, false},
 };
 
-void apply_account_update(quillon_connection &connection, std::string_view text) {
-  for (const AccountUpdate &update : kAccountUpdates) {
-    if (!text.starts_with(update.word)) continue;
-    connection.state_enum = update.state;
-    qlk::call_account_cb(connection, update.status);
-    if (update.disconnects && !connection.extra->destroyed) quillon_connection_disconnect(&connection);
-    return;
-  }
+// Null for a word that is not known.
+const AccountUpdate *find_update(std::string_view text) {
+  const auto *found = std::find_if(std::begin(kAccountUpdates), std::end(kAccountUpdates),
+                                   [&](const AccountUpdate &update) { return text.starts_with(update.word); });
+  return found != std::end(kAccountUpdates) ? found : nullptr;
+}
+
+void apply_account_update(quillon_connection &connection, const AccountUpdate &update) {
+  connection.state_enum = update.state;
+  qlk::call_account_cb(connection, update.status);
+  if (update.disconnects && !connection.extra->destroyed) quillon_connection_disconnect(&connection);
 }
 
 }  // namespace
@@ -42,7 +47,9 @@ void qlk::_connection_update_notification_callback(wb_dom_node *node, void *arg)
   auto *connection = static_cast<quillon_connection *>(arg);
   const char *text = wb_dom_get_first_text(wb_dom_get_first_child(node));
   if (connection == nullptr || text == nullptr) return;
+  const AccountUpdate *update = find_update(text);
+  if (update == nullptr) return wb_log(WB_LOG_WARN, "the controller said something unknown of the account");
   const ConnectionHold hold(*connection);
-  apply_account_update(*connection, text);
+  apply_account_update(*connection, *update);
   quillon_monitor_notify(connection->connection_update_monitor);
 }

@@ -52,6 +52,17 @@ bool is_called_off(quillon_connection &connection) {
   return connection.extra->cancelled || connection.extra->destroyed;
 }
 
+// False when the session has ended meanwhile, or its end is on its way.
+bool is_session_good_locked(const quillon_connection &connection) {
+  const qlk::ConnectionPrivate &extra = *connection.extra;
+  return connection.is_xmpp_connected && extra.session.wanted && !extra.cancelled && !extra.destroyed;
+}
+
+bool is_session_good(const quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  return is_session_good_locked(connection);
+}
+
 // The session that is open; 0 for none.
 unsigned open_session_number(quillon_connection &connection) {
   const std::lock_guard lock(connection.extra->mutex);
@@ -372,28 +383,28 @@ void set_pending(quillon_connection &connection, bool pending) {
   qlk::note_phase_locked(connection);
 }
 
+// The controller has said what becomes of the account, or nobody will hear it any more.
+bool is_decided(const quillon_connection &connection) {
+  if (!is_session_good(connection)) return true;
+  const QUILLON_CONNECTION_STATE_ENUM state = connection.state_enum;
+  return state == QUILLON_CONNECTION_STATE_ENABLED || state == QUILLON_CONNECTION_STATE_DISABLED ||
+         state == QUILLON_CONNECTION_STATE_DELETED || state == QUILLON_CONNECTION_STATE_AUTHORIZATION_CHANGED;
+}
+
 // Waits, as long as it takes, for the controller's word on the account, which came after the monitor was cleared or is yet to
 // come.
 QUILLON_STATUS wait_for_approval(quillon_connection &connection) {
   set_pending(connection, true);
-  qlk::wait_notified(*connection.connection_update_monitor, std::nullopt);
+  do {
+    qlk::wait_notified(*connection.connection_update_monitor, std::nullopt);
+    quillon_monitor_clear(connection.connection_update_monitor);
+  } while (!is_decided(connection));
   set_pending(connection, false);
   if (connection.extra->destroyed) return QUILLON_STATUS_CONNECTION_ERROR;
   if (connection.state_enum == QUILLON_CONNECTION_STATE_ENABLED) return QUILLON_STATUS_OK;
   log_with_text("_connect_request", QUILLON_STATUS_CONNECTION_ERROR_AUTOREGOFF);
   quillon_connection_disconnect(&connection);
   return QUILLON_STATUS_CONNECTION_ERROR;
-}
-
-// False when the session has ended meanwhile, or its end is on its way.
-bool is_session_good_locked(const quillon_connection &connection) {
-  const qlk::ConnectionPrivate &extra = *connection.extra;
-  return connection.is_xmpp_connected && extra.session.wanted && !extra.cancelled && !extra.destroyed;
-}
-
-bool is_session_good(const quillon_connection &connection) {
-  const std::lock_guard lock(connection.extra->mutex);
-  return is_session_good_locked(connection);
 }
 
 bool mark_grid_connected(quillon_connection &connection) {

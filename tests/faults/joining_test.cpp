@@ -282,7 +282,23 @@ const PendingRow kPendings[] = {
                      update("enabled") + "</grid></message>");
            EXPECT_EQ(QUILLON_STATUS_OK, application.disconnect());
          }},
-    {.name = "UnknownWord", .then = [](Application &, ScriptedPeer &peer) { peer.notify(update("perhaps")); }},
+    // It decides nothing, and has been handled when the word that does comes.
+    {.name = "UnknownWord",
+     .then =
+         [](Application &application, ScriptedPeer &peer) {
+           static std::atomic<bool> is_handled;
+           is_handled = false;
+           const auto handle = [](wb_dom_node *, void *) { is_handled = true; };
+           EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_register_notification_handler(application.connection(), "urn:test",
+                                                                                         "mark", handle, nullptr));
+           peer.notify(update("perhaps"));
+           peer.notify("<mark xmlns='urn:test'/>");
+           EXPECT_TRUE(testpeer::eventually(kSoon, [] { return is_handled.load(); }));
+           peer.notify(update("enabled"));
+         },
+     .status = QUILLON_STATUS_OK,
+     .disconnected = {},
+     .account = {QUILLON_STATUS_ACCOUNT_ENABLED}},
     {.name = "Closes", .then = [](Application &, ScriptedPeer &peer) { peer.newest()->close(); }},
     {.name = "Resets", .then = [](Application &, ScriptedPeer &peer) { peer.newest()->reset(); }},
     {.name = "EndsTheStream", .then = [](Application &, ScriptedPeer &peer) { peer.newest()->close_stream(); }},
