@@ -37,7 +37,7 @@ QUILLON_STATUS DispatchThread::start(const std::shared_ptr<void> &owner, Handler
   return QUILLON_STATUS_OK;
 }
 
-QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, Admission admission) {
+QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, Admission admission, unsigned session) {
   if (!wb_dom_context_retain(wb_dom_get_context(stanza), nullptr)) return QUILLON_STATUS_WB_ERROR;
   NodePtr reference(stanza);
   const size_t depth = queued_.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -49,7 +49,7 @@ QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, Admission admission) {
   std::shared_ptr<void> self;  // once the thread is awake its handler may destroy the owner; null: it need not be woken
   try {
     const std::lock_guard lock(mutex_);
-    waiting_.push_back(std::move(reference));
+    waiting_.push_back({std::move(reference), session});
     if (std::exchange(asleep_, false)) self = std::shared_ptr<void>(owner_.lock(), this);
   } catch (const std::bad_alloc &) {
     queued_.fetch_sub(1, std::memory_order_relaxed);
@@ -127,7 +127,7 @@ bool DispatchThread::wait_until_idle(SteadyClock::time_point deadline) {
 
 bool DispatchThread::settle(SteadyClock::time_point deadline) {
   const bool is_idle = wait_until_idle(deadline);
-  std::vector<NodePtr> dropped;  // freed without the lock
+  std::vector<Waiting> dropped;  // freed without the lock
   std::unique_lock lock(mutex_);
   const bool drops = !is_idle || queued() > 0;
   if (drops) drops_ = true;
@@ -158,7 +158,7 @@ void *DispatchThread::run(void *start) {
 }
 
 // Waits for stanzas and takes all there are. None when the thread is to stop.
-void DispatchThread::await(std::vector<NodePtr> &batch) {
+void DispatchThread::await(std::vector<Waiting> &batch) {
   batch.clear();
   if (batch.capacity() > kCapacityKept) batch.shrink_to_fit();
   std::unique_lock lock(mutex_);
@@ -175,12 +175,13 @@ void DispatchThread::await(std::vector<NodePtr> &batch) {
 }
 
 void DispatchThread::loop(void *owner, Handler handler) {
-  std::vector<NodePtr> batch;
+  std::vector<Waiting> batch;
   while (keep_running()) {
     await(batch);
-    for (NodePtr &waiting : batch) {
+    for (Waiting &waiting : batch) {
       if (!keep_running()) return;
-      const NodePtr stanza = std::move(waiting);
+      const NodePtr stanza = std::move(waiting.stanza);
+      session_ = waiting.session;
       const size_t depth = queued_.fetch_sub(1, std::memory_order_relaxed) - 1;
       if (alarm_.load(std::memory_order_relaxed) != Alarm::kNone && depth <= warning_.load(std::memory_order_relaxed) / 2) calm();
       if (drops_.load(std::memory_order_relaxed)) continue;

@@ -46,7 +46,10 @@ class DispatchThread {
   // wakes this one together with those that the loop reads at once with it.
   // Returns: QUILLON_STATUS_OK, QUILLON_STATUS_WB_ERROR (the context could not be retained), QUILLON_STATUS_MALLOC_ERROR or
   //          QUILLON_STATUS_UNKNOWN (the queue is full: the stanza is counted as dropped)
-  QUILLON_STATUS push(wb_dom_node *stanza, Admission admission = Admission::kBounded);
+  QUILLON_STATUS push(wb_dom_node *stanza, Admission admission = Admission::kBounded, unsigned session = 0);
+
+  // For the handler: the session with which the stanza that it handles was queued, which another may have followed meanwhile.
+  unsigned session() const { return session_; }
 
   // Any thread; what waits already is not looked at.
   void set_limits(const Limits &limits);
@@ -87,6 +90,10 @@ class DispatchThread {
 
  private:
   struct Start;
+  struct Waiting {
+    NodePtr stanza;
+    unsigned session;
+  };
   // What the log has been told since the queue was last far below its limits.
   enum class Alarm { kNone, kHigh, kFull };
 
@@ -96,7 +103,7 @@ class DispatchThread {
 
   static void *run(void *start);
   void loop(void *owner, Handler handler);
-  void await(std::vector<NodePtr> &batch);
+  void await(std::vector<Waiting> &batch);
   bool is_self() const { return pthread_equal(pthread_self(), thread_) != 0; }
   bool is_idle_locked() const { return !keep_running() || (queued() == 0 && is_quiet_locked()); }
   bool is_quiet_locked() const { return !keep_running() || !busy_ || is_excused_; }
@@ -104,7 +111,7 @@ class DispatchThread {
 
   std::mutex mutex_;
   std::condition_variable changed_, idle_;
-  std::vector<NodePtr> waiting_;     // under mutex_
+  std::vector<Waiting> waiting_;     // under mutex_
   bool asleep_ = false;              // the thread waits and nobody is about to wake it; under mutex_
   bool busy_ = false;                // it has taken stanzas and handles them; under mutex_
   bool is_excused_ = false;          // under mutex_
@@ -119,6 +126,7 @@ class DispatchThread {
   std::atomic<Alarm> alarm_ = Alarm::kNone;
   std::atomic<bool> keep_running_ = false;
   pthread_t thread_ = {};
+  unsigned session_ = 0;  // the thread's
 };
 
 }  // namespace qlk

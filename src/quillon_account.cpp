@@ -5,6 +5,7 @@
 
 #include "connection_private.h"
 #include "guard.h"
+#include "quillon_notification.h"
 
 namespace {
 
@@ -29,10 +30,20 @@ const AccountUpdate *find_update(std::string_view text) {
   return found != std::end(kAccountUpdates) ? found : nullptr;
 }
 
+// Whether the session in which the word came is still open. Otherwise the application is told, but the session that has followed,
+// or is about to, bears its own words.
+bool is_of_this_session(const quillon_connection &connection) {
+  const unsigned session = connection.notification->notf_handler.session();
+  const std::lock_guard lock(connection.extra->mutex);
+  return connection.extra->session.number == session;
+}
+
 void apply_account_update(quillon_connection &connection, const AccountUpdate &update) {
-  connection.state_enum = update.state;
+  if (is_of_this_session(connection)) connection.state_enum = update.state;
   qlk::call_account_cb(connection, update.status);
-  if (update.disconnects && !connection.extra->destroyed) quillon_connection_disconnect(&connection);
+  if (connection.extra->destroyed || !is_of_this_session(connection)) return;
+  if (update.disconnects) quillon_connection_disconnect(&connection);
+  quillon_monitor_notify(connection.connection_update_monitor);
 }
 
 }  // namespace
@@ -51,5 +62,4 @@ void qlk::_connection_update_notification_callback(wb_dom_node *node, void *arg)
   if (update == nullptr) return wb_log(WB_LOG_WARN, "the controller said something unknown of the account");
   const ConnectionHold hold(*connection);
   apply_account_update(*connection, *update);
-  quillon_monitor_notify(connection->connection_update_monitor);
 }

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "connection_private.h"
 #include "expanded_name.h"
 #include "guard.h"
 #include "quillon_capability.h"
@@ -91,6 +92,13 @@ wb_dom_node *_parse_for_notf(const wb_dom_node *message) {
   }
   wb_dom_node *payload = wb_dom_get_first_child(grid);
   return payload != nullptr ? payload : drop("Get notfication call failed");
+}
+
+// The session that is open; 0 for none.
+unsigned session_number(const quillon_connection *connection) {
+  if (connection == nullptr) return 0;
+  const std::lock_guard lock(connection->extra->mutex);
+  return connection->extra->session.number;
 }
 
 bool is_stale(const NotificationHandler &handler) {
@@ -307,8 +315,8 @@ QUILLON_STATUS quillon_notification_handle(quillon_notification *notification, w
   if (notification == nullptr) return qlk::refuse("notification is null");
   qlk::DispatchThread &queue = notification->notf_handler;
   const bool is_needed = queue.is_full() && qlk::is_from_controller(message);
-  const QUILLON_STATUS status =
-      queue.push(message, is_needed ? qlk::DispatchThread::Admission::kNeeded : qlk::DispatchThread::Admission::kBounded);
+  const auto admission = is_needed ? qlk::DispatchThread::Admission::kNeeded : qlk::DispatchThread::Admission::kBounded;
+  const QUILLON_STATUS status = queue.push(message, admission, session_number(notification->connection));
   if (status == QUILLON_STATUS_WB_ERROR) wb_log(WB_LOG_ERROR, "quillon_notification_handle retain failed");
   if (status == QUILLON_STATUS_MALLOC_ERROR) qlk::out_of_memory(__func__);
   return status;

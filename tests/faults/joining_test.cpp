@@ -317,6 +317,37 @@ const PendingRow kPendings[] = {
 
 INSTANTIATE_TEST_SUITE_P(Each, Pending, testing::ValuesIn(kPendings), kNameOfRow);
 
+// A handler is so slow that a word of the session before is heard only in the next one.
+TEST_F(FaultTest, AWordOfAnEarlierSessionIsToldAndActsNoMore) {
+  struct Marks {
+    std::atomic<unsigned> seen = 0;
+    std::atomic<bool> is_released = false;
+  } marks;
+  const auto handle = [](wb_dom_node *, void *arg) {
+    auto &handled = *static_cast<Marks *>(arg);
+    ++handled.seen;
+    EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return handled.is_released.load(); }));
+  };
+  constexpr char kMark[] = "<mark xmlns='urn:test'/>";
+  EXPECT_EQ(QUILLON_STATUS_OK,
+            quillon_connection_register_notification_handler(application_.connection(), "urn:test", "mark", handle, &marks));
+  auto peer = std::make_unique<ScriptedPeer>(correct());
+  application_.use(peer->host());
+  ASSERT_EQ(QUILLON_STATUS_OK, application_.connect());
+  peer->notify(kMark);
+  peer->notify(update("disabled"));
+  EXPECT_EQ(QUILLON_STATUS_OK, application_.ask());  // its answer comes after them
+  EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
+  ASSERT_EQ(QUILLON_STATUS_OK, application_.connect());
+  marks.is_released = true;
+  peer->notify(kMark);
+  EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return marks.seen == 2; }));
+  EXPECT_EQ(Statuses{QUILLON_STATUS_ACCOUNT_DISABLED}, application_.seen().account);
+  EXPECT_TRUE(application_.is_connected());
+  EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
+  expect_recovery(std::move(peer));
+}
+
 // ---- What is announced once the connection is admitted: its own subscription, and that of a capability that is remembered
 
 class Announcement : public RequestTest {};
