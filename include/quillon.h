@@ -684,6 +684,7 @@ QUILLON_API QUILLON_STATUS quillon_connection_connect(const quillon_connection *
  * Blocks:  up to send_timeout_seconds for the event loop and 50 seconds for the end, which disconnect_cb is part of.
  * Thread:  any but the event loop's.
  * Returns: QUILLON_STATUS_OK, also without a session, and when the end did not come in time, which is logged
+ *          QUILLON_STATUS_SEND_ERROR    called on the event loop, and the session is up; only a connect under way is ended
  *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted, and the session may still be up */
 QUILLON_API QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connection);
 

@@ -553,17 +553,19 @@ QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connectio
     quillon_connection &target = writable(connection);
     const qlk::ConnectionHold hold(target);
     unsigned session = 0;  // that is to be ended
-    bool ends_connect = false;
+    bool ends_connect = false, is_ending = false;
     {
       const std::lock_guard lock(target.extra->mutex);
       qlk::ConnectionPrivate &extra = *target.extra;
       ends_connect = extra.connecting;
       if (ends_connect) extra.cancelled = true;
       if (target.is_xmpp_connected || (extra.connecting && extra.session.posted)) session = extra.session.number;
+      is_ending = !extra.session.wanted;
     }
     if (ends_connect) quillon_monitor_notify(target.xmpp_connection_monitor);
     if (session != 0 && qlk::is_on_loop(target)) {
       wb_log(WB_LOG_ERROR, "quillon_connection_disconnect cannot wait on the event loop thread");
+      if (!is_ending) return QUILLON_STATUS_SEND_ERROR;
     } else if (const QUILLON_STATUS status = end_session(target, session); status != QUILLON_STATUS_OK) {
       return fail("no memory to end the session", status);
     }
