@@ -669,8 +669,8 @@ QUILLON_API void quillon_connection_wakeup(quillon_connection *connection);
  * Returns: QUILLON_STATUS_OK
  *          QUILLON_STATUS_INVALID_ARGS        connection is NULL, or there is no configuration, user name or host
  *          QUILLON_STATUS_CONNECTION_ERROR    no XMPP session; or the account was not enabled after "pending"; or the answer of
- *                                             the controller was not understood; or a disconnect or destroy came meanwhile;
- *                                             or the session ended while the capabilities were announced
+ *                                             the controller was not understood; or a disconnect, drain or destroy came
+ *                                             meanwhile; or the session ended while the capabilities were announced
  *          QUILLON_STATUS_CONNECTION_DENIED   the controller denied the account; the XMPP session stays up
  *          QUILLON_STATUS_SEND_TIMEOUT        the controller did not answer; the XMPP session stays up, unless it was lost
  *          QUILLON_STATUS_XMPP_ERROR, QUILLON_STATUS_QUILLON_ERROR  the request was refused; the XMPP session stays up

@@ -105,8 +105,8 @@ void announce_change(quillon_connection &connection);
 void call_account_cb(quillon_connection &connection, QUILLON_STATUS status);
 
 // quillon_connection_connect for a caller who may change his mind: when keep_running is false, or becomes false followed by a
-// disconnect, the attempt is given up. NULL: he does not.
-QUILLON_STATUS connect(quillon_connection &connection, const std::atomic<bool> *keep_running);
+// disconnect, the attempt is given up. NULL: he does not. own_leaving: how much of extra->leaving is the caller's.
+QUILLON_STATUS connect(quillon_connection &connection, const std::atomic<bool> *keep_running, int own_leaving = 0);
 
 // Handler of the controller's notification about the account; arg is the connection.
 void _connection_update_notification_callback(wb_dom_node *node, void *arg);

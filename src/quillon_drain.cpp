@@ -34,6 +34,7 @@ class Leaving {
   explicit Leaving(quillon_connection &connection) : hold_(connection), extra_(*connection.extra) {
     const std::lock_guard lock(extra_.mutex);
     ++extra_.leaving;
+    extra_.changed.notify_all();
   }
   ~Leaving() {
     const std::lock_guard lock(extra_.mutex);
@@ -73,7 +74,7 @@ QUILLON_STATUS renew(quillon_connection &connection, uint32_t milliseconds) {
   const Leaving leaving(connection);
   const QUILLON_STATUS status = drain(connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds));
   if (status != QUILLON_STATUS_OK && status != QUILLON_STATUS_SEND_TIMEOUT) return status;
-  return qlk::connect(connection, nullptr);
+  return qlk::connect(connection, nullptr, 1);
 }
 
 }  // namespace

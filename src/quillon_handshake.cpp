@@ -2,7 +2,7 @@
 //
 // A connect goes through three stages: the XMPP session, a presence to the controller, and a request in which the controller
 // approves, denies or holds the account. While the account is pending the caller waits for the controller's notification.
-// Connects are serialised by connect_lock, which each holds to its end; a disconnect takes no part in that, since it is what ends
+// There is one connect at a time, which holds connect_lock to its end; a disconnect takes no part in that, since it is what ends
 // a connect that waits. It marks the connect under way as cancelled, which every later step of the connect looks at, and ends the
 // session if one is open.
 #include <algorithm>
@@ -469,27 +469,35 @@ QUILLON_STATUS join_grid(quillon_connection &connection) {
   return begin_membership(connection);
 }
 
-// Marks the connect under way for the length of its scope, within connect_lock.
+// The connect under way, for the length of its scope, once there is no other. False when the connection is left meanwhile: who
+// leaves it may do so out of a callback of the other connect, and wait for the thread that would wait here.
 class Connecting {
  public:
-  explicit Connecting(quillon_connection &connection) : connection_(connection), extra_(*connection.extra) {
-    const std::lock_guard lock(extra_.mutex);
+  explicit Connecting(quillon_connection &connection, int own_leaving) : connection_(connection), extra_(*connection.extra) {
+    std::unique_lock lock(extra_.mutex);
+    extra_.changed.wait(lock, [&] { return !extra_.connecting || extra_.destroyed || extra_.leaving > own_leaving; });
+    admitted_ = !extra_.connecting && !extra_.destroyed;
+    if (!admitted_) return;
     extra_.connecting = true;
     extra_.connect_thread = pthread_self();
     extra_.cancelled = false;
     qlk::note_phase_locked(connection_);
   }
   ~Connecting() {
+    if (!admitted_) return;
     const std::lock_guard lock(extra_.mutex);
     extra_.connecting = false;
+    extra_.changed.notify_all();
     qlk::note_phase_locked(connection_);
   }
   Connecting(const Connecting &) = delete;
   Connecting &operator=(const Connecting &) = delete;
+  explicit operator bool() const { return admitted_; }
 
  private:
   const quillon_connection &connection_;
   qlk::ConnectionPrivate &extra_;
+  bool admitted_ = false;
 };
 
 bool is_connecting_here(quillon_connection &connection) {
@@ -498,7 +506,6 @@ bool is_connecting_here(quillon_connection &connection) {
 }
 
 QUILLON_STATUS connect_locked(quillon_connection &connection, const std::atomic<bool> *keep_running) {
-  const Connecting connecting(connection);
   if (connection.extra->destroyed || (keep_running != nullptr && !*keep_running)) return QUILLON_STATUS_CONNECTION_ERROR;
   const auto end_drain = [&] {
     connection.query->calls.open();
@@ -529,13 +536,15 @@ QUILLON_STATUS connect_locked(quillon_connection &connection, const std::atomic<
 
 }  // namespace
 
-QUILLON_STATUS qlk::connect(quillon_connection &connection, const std::atomic<bool> *keep_running) {
+QUILLON_STATUS qlk::connect(quillon_connection &connection, const std::atomic<bool> *keep_running, int own_leaving) {
   const ConnectionHold hold(connection);  // outlives the lock, which is part of the record
   if (is_on_loop(connection)) return fail("cannot connect on the event loop thread", QUILLON_STATUS_CONNECTION_ERROR);
   if (is_connecting_here(connection)) {
     wb_log(WB_LOG_WARN, "quillon is connecting or already connected");
     return connection.is_grid_connected ? QUILLON_STATUS_OK : QUILLON_STATUS_CONNECTION_ERROR;
   }
+  const Connecting connecting(connection, own_leaving);
+  if (!connecting) return fail("the connection is left while it connects", QUILLON_STATUS_CONNECTION_ERROR);
   const PthreadLock lock(connection.connect_lock);
   return connect_locked(connection, keep_running);
 }

@@ -320,6 +320,34 @@ TEST_F(ConnectionTest, TheConnectCallbackMayDestroyIt) {
   EXPECT_EQ(nullptr, raw());
 }
 
+// A handler waits for the end of the connect whose callback waits for the handler.
+TEST_F(ConnectionTest, TheConnectCallbackMayLeaveWhileAHandlerConnects) {
+  struct Handler {
+    quillon_connection *connection;
+    std::atomic<bool> is_connecting = false;
+    std::atomic<QUILLON_STATUS> status = QUILLON_STATUS_MAX;
+  };
+  for (const bool destroys : {false, true}) {
+    serve();
+    Handler handler{raw()};
+    const auto handle = [](wb_dom_node *, void *arg) {
+      auto &called = *static_cast<Handler *>(arg);
+      called.is_connecting = true;
+      called.status = quillon_connection_connect(called.connection);
+    };
+    const std::string name = destroys ? "destroy" : "drain";
+    ASSERT_EQ(QUILLON_STATUS_OK,
+              quillon_connection_register_notification_handler(raw(), "urn:test", name.c_str(), handle, &handler));
+    in_connect_cb_ = [&] {
+      server_->notify("<" + name + " xmlns='urn:test'/>");
+      EXPECT_TRUE(wait_for([&] { return handler.is_connecting.load(); }));
+      destroys ? connection_.reset() : static_cast<void>(quillon_connection_drain(raw(), 10000));
+    };
+    EXPECT_EQ(QUILLON_STATUS_OK, connect());
+    EXPECT_TRUE(wait_for([&] { return handler.status == QUILLON_STATUS_CONNECTION_ERROR; })) << handler.status;
+  }
+}
+
 TEST_F(ConnectionTest, TheAccountCallbackMayDestroyIt) {
   serve();
   approve_with(kPending);
