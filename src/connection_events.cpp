@@ -162,6 +162,7 @@ constexpr Binding kBindings[] = {
 // ---- TLS hooks
 
 void _gs_ssl_ctx_cb(void *tls_context, void *arg) {
+  qlk::shut_down_before_openssl();
   auto *connection = static_cast<quillon_connection *>(arg);
   if (connection == nullptr) return;
   const qlk::ConnectionHold hold(*connection);

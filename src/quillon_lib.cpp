@@ -1,7 +1,6 @@
 #include "quillon_lib.h"
 
 #include <event2/thread.h>
-#include <openssl/ssl.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -153,6 +152,11 @@ std::shared_ptr<_quillon_lib_obj> qlk::library() {
 
 bool qlk::is_forked_away() { return forked_away; }
 
+void qlk::shut_down_before_openssl() {
+  static std::atomic<bool> registered = false;
+  if (!registered.exchange(true) && std::atexit(quillon_shutdown) != 0) registered = false;
+}
+
 void qlk::_wakeup_callback(int fd, short events, void *arg) {
   wb_log(WB_LOG_TRACE, "->: %s; args=(fd='%d', events='%d', arg='%p' \n)", __func__, fd, events, arg);
 }
@@ -170,9 +174,6 @@ QUILLON_STATUS quillon_init(void) {
     const auto lib = std::make_shared<_quillon_lib_obj>();
     if (const QUILLON_STATUS status = build(*lib); status != QUILLON_STATUS_OK) return status;
     watch_forks();
-    // What is registered last runs first at exit. OpenSSL, were it to come up with the first session, would clean up while our
-    // threads still use it. If it cannot come up now, that session says so.
-    static_cast<void>(OPENSSL_init_ssl(0, nullptr));
     lib->self = lib;
     qlk::g_Qln_Lib = lib.get();
     qlk::bLibInitialize = true;

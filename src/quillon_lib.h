@@ -32,6 +32,10 @@ std::shared_ptr<_quillon_lib_obj> library();
 // True in a child that fork made while the library was up: nothing of the library's is the child's to end.
 bool is_forked_away();
 
+// What is registered last runs first at exit, and OpenSSL, which comes up with the first session, would clean up while our
+// threads still use it. To be called when it is up; any thread.
+void shut_down_before_openssl();
+
 // Handler of send_event: waking the loop is all that it is for.
 void _wakeup_callback(int fd, short events, void *arg);
 

@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <openssl/crypto.h>
+#include <openssl/ssl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -154,7 +154,8 @@ TEST(LibraryExit, ShutsDownBeforeOpenSsl) {
   constexpr int kInOrder = 3;
   const int status = run_in_child([] {
     if (quillon_init() != QUILLON_STATUS_OK) std::_Exit(1);
-    OPENSSL_init_crypto(0, nullptr);  // as the first session does
+    OPENSSL_init_ssl(0, nullptr);  // as the first session does, which then lets us know
+    qlk::shut_down_before_openssl();
     OPENSSL_atexit([] { std::_Exit(qlk::bLibInitialize ? 2 : kInOrder); });
   });
   ASSERT_TRUE(WIFEXITED(status));
