@@ -39,12 +39,19 @@ std::string crowded_stanza(size_t attributes) {
   return stanza + "/>";
 }
 
+std::string long_named_stanza(size_t names, size_t uri_bytes) {
+  std::string stanza = "<message xmlns='" + std::string(uri_bytes, 'u') + "'>";
+  for (size_t i = 0; i < names; ++i) stanza += "<a" + std::to_string(i) + "/>";
+  return stanza + "</message>";
+}
+
 std::string entity_bomb_prolog() { return "<?xml version='1.0'?>" + entity_bomb_type(); }
 
 std::vector<HostileBytes> hostile_stanzas() {
   return {{"Large", true, [] { return large_stanza(); }},
           {"Deep", true, [] { return deep_stanza(); }},
           {"Crowded", true, [] { return crowded_stanza(); }},
+          {"LongNamed", true, [] { return long_named_stanza(); }},
           {"EntityBomb", false, [] { return entity_bomb_type() + message("&e9;"); }},
           {"DocumentType", false, [] { return "<!DOCTYPE stream>" + message(""); }},
           {"Comment", false, [] { return "<!-- nothing -->" + message(""); }},

@@ -203,6 +203,55 @@ TEST(StreamLimit, Each) {
   expect_outcome("<s a='" + std::string(100, 'x') + "'>", {"", StreamError::policy_violation}, limits);
 }
 
+// Each expanded name begins with its URI: a tag of a few bytes would take as much as that is long.
+TEST(StreamLimit, NamesInALongNamespace) {
+  const std::string uri(100'000, 'u');
+  std::string names, attributes;
+  for (int i = 0; i < 1000; ++i) names += "<a" + std::to_string(i) + "/>";
+  for (int i = 0; i < 200; ++i) attributes += " p:a" + std::to_string(i) + "=''";
+  const Outcome refused{"open <{}s></>\n", StreamError::policy_violation};
+  EXPECT_EQ(refused, run({"<s><a xmlns='" + uri + "'>" + names + "</a>"}));
+  EXPECT_EQ(refused, run({"<s><a xmlns:p='" + uri + "'><b" + attributes + "/></a>"}));
+  EXPECT_EQ(kNone, run({"<s><a xmlns='" + uri.substr(0, 10'000) + "'>" + names + "</a>"}).error);
+  const std::string document = "<a xmlns='" + std::string(1'000'000, 'u') + "'>" + names + "</a>";
+  wb_dom_node *root = nullptr;
+  wb_err err = {};
+  EXPECT_FALSE(wb_dom_parse(document.data(), document.size(), &root, &err));
+  EXPECT_EQ(WB_ERR_BAD_FORMAT, err.code);
+}
+
+// A fresh parser is shown the head again.
+TEST(StreamLimit, TheHead) {
+  const std::string start = "<s xmlns:p='";
+  for (const auto &[length, error] : {std::pair(StreamParser::kHeadBytesMax - 20, kNone),
+                                      std::pair(StreamParser::kHeadBytesMax, StreamError::policy_violation)}) {
+    const std::string text = start + std::string(length, 'u') + "'><a/>";
+    EXPECT_EQ(error, run({text}).error);
+    EXPECT_EQ(error, run(in_pieces(text, 7)).error);
+  }
+  const std::string unfinished = start + std::string(StreamParser::kHeadBytesMax, 'u');
+  EXPECT_EQ(StreamError::policy_violation, run(in_pieces(unfinished, 7)).error);
+}
+
+// Names that a fresh builder would meet again are no reason for one: every item would be followed by the whole head.
+TEST(StreamLimit, WhatIsKnownMakesNothingFull) {
+  wb::DomBuilder builder(wb::BuildOptions{});
+  const std::string uri(1'000'000, 'u');
+  const char *attributes[] = {"xmlns", uri.c_str(), nullptr};
+  const char *none[] = {nullptr};
+  ASSERT_EQ(wb::BuildResult::ok, builder.enter("head", attributes));
+  EXPECT_TRUE(builder.is_full());
+  builder.take_names_as_known();
+  EXPECT_FALSE(builder.is_full());
+  size_t items = 0;
+  for (; items < 10 && !builder.is_full(); ++items) {
+    ASSERT_EQ(wb::BuildResult::ok, builder.open(("a" + std::to_string(items)).c_str(), none));
+    EXPECT_TRUE(builder.close());
+  }
+  EXPECT_TRUE(builder.is_full());
+  EXPECT_GT(items, 1u);
+}
+
 TEST(StreamLimit, UnfinishedMarkupThatIsNoTag) {
   const std::string filler(StreamParser::kUnfinishedMax + 10, 'x');
   for (const char *start : {"<!-- ", "<?p ", "<!DOCTYPE s SYSTEM '", "<a>&", "<a><!-- <b"}) {

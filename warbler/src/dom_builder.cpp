@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-wb::DomBuilder::DomBuilder(const BuildOptions &options) : options_(options), table_(NameTable::create()) {}
+wb::DomBuilder::DomBuilder(const BuildOptions &options) : options_(options), table_(NameTable::create(options.names_bytes_max)) {}
 
 wb::DomBuilder::~DomBuilder() { table_->release(); }
 
@@ -38,6 +38,7 @@ wb::BuildResult wb::DomBuilder::read_attributes(const char **attributes, Element
       prefixed_.push_back(Prefixed{name, made});
     } else if (made != nullptr) {
       made->name = table_->attribute_name(*name);
+      if (made->name == nullptr) return unnamed();
     }
   }
   return BuildResult::ok;
@@ -47,7 +48,8 @@ wb::BuildResult wb::DomBuilder::read_attributes(const char **attributes, Element
 wb::BuildResult wb::DomBuilder::name_prefixed() {
   for (const Prefixed &prefixed : prefixed_) {
     Name *const name = table_->attribute_name(*prefixed.name);
-    if (name == nullptr || name->mark == elements_) return BuildResult::bad_namespace;
+    if (name == nullptr) return unnamed();
+    if (name->mark == elements_) return BuildResult::bad_namespace;
     name->mark = elements_;
     if (prefixed.attribute != nullptr) prefixed.attribute->name = name;
   }
@@ -66,7 +68,7 @@ wb::BuildResult wb::DomBuilder::open(const char *name, const char **attributes) 
     if (const BuildResult result = read_attributes(attributes, element); result != BuildResult::ok) return result;
   }
   element->name = table_->element_name(*written);
-  if (element->name == nullptr) return BuildResult::bad_namespace;
+  if (element->name == nullptr) return unnamed();
   if (has_attributes) {
     if (const BuildResult result = name_prefixed(); result != BuildResult::ok) return result;
   }
@@ -85,7 +87,7 @@ wb::BuildResult wb::DomBuilder::enter(const char *name, const char **attributes)
   QName *const written = table_->qname(name);
   if (written == nullptr) return BuildResult::bad_namespace;
   if (const BuildResult result = read_attributes(attributes, nullptr); result != BuildResult::ok) return result;
-  return table_->element_name(*written) != nullptr ? name_prefixed() : BuildResult::bad_namespace;
+  return table_->element_name(*written) != nullptr ? name_prefixed() : unnamed();
 }
 
 void wb::DomBuilder::text(const char *bytes, size_t length) {

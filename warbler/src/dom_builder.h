@@ -13,10 +13,11 @@
 
 namespace wb {
 
-enum class BuildResult : uint8_t { ok, bad_namespace, too_many_attributes };
+enum class BuildResult : uint8_t { ok, bad_namespace, too_many_attributes, too_many_names };
 
 struct BuildOptions {
-  size_t attributes_max = SIZE_MAX;  // of one element, declarations among them
+  size_t attributes_max = SIZE_MAX;   // of one element, declarations among them
+  size_t names_bytes_max = SIZE_MAX;  // what the names take that the builder has met
   // The trees carry the declarations that they were read with.
   bool keeps_declarations = true;
   // Text goes to the element whose end tag comes next, all in one: what stands before a child becomes the beginning of the
@@ -59,6 +60,8 @@ class DomBuilder {
 
   // The names of the peer take so much memory that the parser and this builder should be replaced by fresh ones.
   bool is_full() const { return table_->is_full(); }
+  // Fresh ones would meet the names that there are now again.
+  void take_names_as_known() { table_->take_as_known(); }
 
  private:
   // What a prefix was bound to outside the element that bound it anew.
@@ -76,6 +79,7 @@ class DomBuilder {
 
   BuildResult read_attributes(const char **attributes, Element *element);
   BuildResult name_prefixed();
+  BuildResult unnamed() const { return table_->is_exhausted() ? BuildResult::too_many_names : BuildResult::bad_namespace; }
 
   const BuildOptions options_;
   NameTable *table_;

@@ -26,9 +26,21 @@ struct ParserFree {
 };
 using ParserPtr = std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserFree>;
 
+// What the names may take: room for every document that repeats some, and in proportion to its length.
+constexpr size_t kNamesBytes = 16u << 20;
+constexpr size_t kNamesBytesEachByte = 64;
+
+wb::BuildOptions build_options(size_t length) {
+  wb::BuildOptions options;
+  options.names_bytes_max = kNamesBytes + kNamesBytesEachByte * std::min(length, SIZE_MAX / 2 / kNamesBytesEachByte);
+  return options;
+}
+
 struct Document {
+  explicit Document(size_t length) : builder(build_options(length)) {}
+
   ParserPtr parser;
-  wb::DomBuilder builder{wb::BuildOptions{}};
+  wb::DomBuilder builder;
   wb_errcode error = WB_ERR_NONE;
   const char *message = nullptr;
 
@@ -55,7 +67,9 @@ void guard(void *self, Body body) {
 
 void XMLCALL on_start(void *self, const XML_Char *name, const XML_Char **attributes) {
   guard(self, [&](Document &document) {
-    if (document.builder.open(name, attributes) != wb::BuildResult::ok) document.fail(WB_ERR_BAD_FORMAT, "namespaces misused");
+    const wb::BuildResult result = document.builder.open(name, attributes);
+    if (result == wb::BuildResult::too_many_names) return document.fail(WB_ERR_BAD_FORMAT, "names take too much memory");
+    if (result != wb::BuildResult::ok) document.fail(WB_ERR_BAD_FORMAT, "namespaces misused");
   });
 }
 
@@ -108,7 +122,7 @@ bool wb_dom_parse(const char *xml, size_t length, wb_dom_node **root, wb_err *er
     if (root == nullptr) return WB_FAIL(err, WB_ERR_INVALID_ARG, "no place for the root");
     *root = nullptr;
     if (xml == nullptr) return WB_FAIL(err, WB_ERR_INVALID_ARG, "no document");
-    Document document;
+    Document document(length);
     document.parser.reset(XML_ParserCreate("UTF-8"));
     XML_Parser parser = document.parser.get();
     if (parser == nullptr) return WB_FAIL(err, WB_ERR_NO_MEMORY, nullptr);

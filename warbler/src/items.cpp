@@ -20,6 +20,8 @@
 
 namespace {
 
+constexpr char kTooManyNames[] = "too many names";
+
 constexpr unsigned kDepthMax = 16384;
 constexpr size_t kItemBytesMax = 64u << 20;
 constexpr size_t kTokenBytesMax = 4u << 20;
@@ -50,6 +52,7 @@ wb_item_reader_options completed(wb_item_reader_options options) {
 
 wb::BuildOptions build_options(const wb_item_reader_options &options) {
   wb::BuildOptions result;
+  result.names_bytes_max = kNameBytesMax;
   result.keeps_declarations = false;
   result.text_waits = options.text_waits;
   return result;
@@ -277,12 +280,13 @@ void wb_item_reader::renew() {
     if (error_ != WB_ERR_NONE) break;
   }
   replaying_ = false;
+  builder_->take_names_as_known();
 }
 
 // What one item makes grow must not grow for ever.
 void wb_item_reader::check_item() {
   if (builder_->tree_bytes() > options_.item_bytes_max) return fail(WB_ERR_BAD_FORMAT, "item too large");
-  if (builder_->names_bytes() > kNameBytesMax) fail(WB_ERR_BAD_FORMAT, "too many names");
+  if (builder_->names_bytes() > kNameBytesMax) fail(WB_ERR_BAD_FORMAT, kTooManyNames);
 }
 
 // Markup that comes whole in one piece was never seen unfinished.
@@ -300,6 +304,7 @@ void wb_item_reader::start_element(const XML_Char *name, const XML_Char **attrib
   if (!in_item && !replaying_) heads_.push_back(make_head(name, attributes));
   if (options_.on_text_before_child != nullptr && builder_->has_waiting_text()) options_.on_text_before_child(options_.arg);
   const wb::BuildResult result = in_item ? builder_->open(name, attributes) : builder_->enter(name, attributes);
+  if (result == wb::BuildResult::too_many_names) return fail(WB_ERR_BAD_FORMAT, kTooManyNames);
   if (result != wb::BuildResult::ok) return fail(WB_ERR_BAD_FORMAT, "namespaces misused");
   check_item();
 }

@@ -11,22 +11,23 @@ constexpr size_t kFirstBlock = 4000;
 
 }  // namespace
 
-wb::NameTable::NameTable(char *begin, char *end)
+wb::NameTable::NameTable(char *begin, char *end, size_t bytes_max)
     : arena_(begin, end),
       no_uri_(store_.symbol(arena_, "")),
       xml_uri_(store_.symbol(arena_, kXmlUri)),
       xmlns_uri_(store_.symbol(arena_, kXmlnsUri)),
       default_{nullptr, 0, no_uri_, no_uri_},
       xml_(prefix("xml")),
-      last_uri_(no_uri_) {
+      last_uri_(no_uri_),
+      bytes_max_(bytes_max) {
   xml_->bound = xml_uri_;
 }
 
-wb::NameTable *wb::NameTable::create() {
+wb::NameTable *wb::NameTable::create(size_t bytes_max) {
   auto *const memory = static_cast<char *>(std::malloc(kFirstBlock));
   if (memory == nullptr) throw std::bad_alloc();
   try {
-    return new (memory) NameTable(memory + Arena::round_up(sizeof(NameTable)), memory + kFirstBlock);
+    return new (memory) NameTable(memory + Arena::round_up(sizeof(NameTable)), memory + kFirstBlock, bytes_max);
   } catch (...) {
     std::free(memory);
     throw;
@@ -120,15 +121,21 @@ wb::Prefix *wb::NameTable::prefix(std::string_view text) {
   return made;
 }
 
+bool wb::NameTable::has_room(const Symbol &uri, const QName &name) {
+  const size_t wanted = size_t{uri.length} + name.local_length;
+  exhausted_ = arena_.reserved() > bytes_max_ || wanted > bytes_max_ - arena_.reserved();
+  return !exhausted_;
+}
+
 wb::Name *wb::NameTable::expand_element(QName &name, const Symbol *uri) {
-  if (uri == nullptr) return nullptr;
+  if (uri == nullptr || !has_room(*uri, name)) return nullptr;
   name.element_name = store_.name(arena_, uri, {name.local, name.local_length}, name.local_hash);
   name.element_uri = uri;
   return name.element_name;
 }
 
 wb::Name *wb::NameTable::expand_attribute(QName &name, const Symbol *uri) {
-  if (uri == nullptr) return nullptr;
+  if (uri == nullptr || !has_room(*uri, name)) return nullptr;
   name.attribute_name = store_.name(arena_, uri, {name.local, name.local_length}, name.local_hash);
   return name.attribute_name;
 }

@@ -1,6 +1,7 @@
 // The names that one parser has met, as they are written on the wire and as they expand, with the namespace bindings in force.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 
@@ -40,7 +41,8 @@ struct QName {
 // frees is what an allocator with caches per thread is worst at.
 class NameTable {
  public:
-  static NameTable *create();
+  // What the names take is bounded: a long URI becomes part of each name that it stands before.
+  static NameTable *create(size_t bytes_max);
   void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
   void release();
 
@@ -63,7 +65,7 @@ class NameTable {
     return last_qname_ = other;
   }
 
-  // The expanded names; null when the prefix is bound to nothing.
+  // The expanded names; null when the prefix is bound to nothing, or when they would take too much.
   Name *element_name(QName &name) {
     const Symbol *const uri = name.prefix != nullptr ? name.prefix->bound : default_.bound;
     if (uri == name.element_uri && uri != nullptr) return name.element_name;
@@ -90,8 +92,16 @@ class NameTable {
 
   // A peer that never repeats a name has made it so large that it should be replaced.
   bool is_full() const {
-    return store_.count() + qnames_.count() + prefixes_.count() > kNamesMax || arena_.reserved() > kBytesMax;
+    return count() - known_count_ > kNamesMax || arena_.reserved() - known_bytes_ > std::max(kBytesMax, known_bytes_);
   }
+  // What is there now would be in the next table as well, and makes this one no fuller.
+  void take_as_known() {
+    known_count_ = count();
+    known_bytes_ = arena_.reserved();
+  }
+
+  // A name was refused, since all of them would take more than they may.
+  bool is_exhausted() const { return exhausted_; }
 
   // What the names take beyond the first block, in bytes.
   size_t reserved() const { return arena_.reserved(); }
@@ -107,9 +117,11 @@ class NameTable {
   // So many blocks are kept, give or take a few.
   static constexpr unsigned kBlocksKept = 64;
 
-  NameTable(char *begin, char *end);
+  NameTable(char *begin, char *end, size_t bytes_max);
   ~NameTable();
   static void free_blocks(FreeBlock *first) noexcept;
+  uint32_t count() const { return store_.count() + qnames_.count() + prefixes_.count(); }
+  bool has_room(const Symbol &uri, const QName &name);
   QName *find_qname(const char *text);
   const Symbol *find_uri(const char *text);
   Prefix *prefix(std::string_view text);
@@ -133,6 +145,10 @@ class NameTable {
   QName nothing_{};
   QName *last_qname_ = &nothing_;
   Symbol *last_uri_;
+  const size_t bytes_max_;
+  uint32_t known_count_ = 0;
+  size_t known_bytes_ = 0;
+  bool exhausted_ = false;
 };
 
 }  // namespace wb

@@ -259,6 +259,7 @@ bool wb::StreamParser::parse_piece(const char *bytes, size_t length) {
 void wb::StreamParser::check_pending() {
   const size_t stanza = depth_ > 1 ? static_cast<size_t>(given_ - stanza_start_) : 0;
   if (stanza + held_ > limits_.max_stanza_bytes) return fail(StreamError::policy_violation, "stanza too large");
+  if (depth_ == 0 && held_ > max_head_bytes()) return fail(StreamError::policy_violation, "stream head too large");
   const XML_Index position = parser_ != nullptr ? XML_GetCurrentByteIndex(parser_.get()) : -1;
   if (position >= 0 && static_cast<size_t>(given_ - position) > kUnfinishedMax) {
     fail(StreamError::restricted_xml, "markup that is no tag in the stream");
@@ -268,6 +269,7 @@ void wb::StreamParser::check_pending() {
 void wb::StreamParser::make_parser() {
   BuildOptions options;
   options.attributes_max = limits_.max_attributes;
+  options.names_bytes_max = kNamesBytesMax;
   builder_ = std::make_unique<DomBuilder>(options);
   parser_.reset(XML_ParserCreate("UTF-8"));
   if (parser_ == nullptr) throw std::bad_alloc();
@@ -291,6 +293,7 @@ void wb::StreamParser::renew() {
   replaying_ = true;
   const bool parsed = parse_piece(head_.data(), head_.size());
   replaying_ = false;
+  builder_->take_names_as_known();
   if (!parsed && state_ == State::running) fail_expat();
 }
 
@@ -306,6 +309,7 @@ void wb::StreamParser::fail_expat() {
 bool wb::StreamParser::accept(BuildResult result) {
   if (result == BuildResult::bad_namespace) fail(StreamError::bad_namespace, "namespaces misused");
   if (result == BuildResult::too_many_attributes) fail(StreamError::policy_violation, "too many attributes");
+  if (result == BuildResult::too_many_names) fail(StreamError::policy_violation, "names take too much memory");
   return result == BuildResult::ok;
 }
 
@@ -318,7 +322,7 @@ void wb::StreamParser::start_element(const XML_Char *name, const XML_Char **attr
     return;
   }
   if (!accept(builder_->open(name, attributes)) || depth_ > 1) return;
-  if (static_cast<size_t>(XML_GetCurrentByteCount(parser_.get())) > limits_.max_stanza_bytes) {
+  if (static_cast<size_t>(XML_GetCurrentByteCount(parser_.get())) > max_head_bytes()) {
     return fail(StreamError::policy_violation, "stream head too large");
   }
   head_ = make_head(name, *builder_->root());

@@ -12,6 +12,7 @@
 #include <expat.h>
 #include <warbler/dom.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -74,6 +75,10 @@ class StreamParser {
   const char *error_text() const { return error_text_; }
 
   static constexpr size_t kUnfinishedMax = 4096;
+  // A fresh parser reads the head again: it must not be so long that a few stanzas make that a burden.
+  static constexpr size_t kHeadBytesMax = 16u << 10;
+  // What the names of a stanza may take, each with its namespace's URI in front.
+  static constexpr size_t kNamesBytesMax = 16u << 20;
 
  private:
   struct ParserFree {
@@ -88,6 +93,7 @@ class StreamParser {
   enum class Scan : char { start, name, end_tag, single_quoted, double_quoted };
   enum class State : char { running, stopped, reset_wanted, closed, failed };
 
+  size_t max_head_bytes() const { return std::min(limits_.max_stanza_bytes, kHeadBytesMax); }
   static const char *scan_tag(const char *at, const char *end, Scan &scan);
   size_t find_unfinished_tag(const char *bytes, size_t from, size_t size);
   void consume(size_t size);

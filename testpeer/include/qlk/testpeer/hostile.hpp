@@ -22,6 +22,9 @@ std::string large_stanza(size_t bytes = 64 * 1024 * 1024);
 std::string deep_stanza(size_t depth = 100'000);
 // A message with so many attributes, each of another name.
 std::string crowded_stanza(size_t attributes = 100'000);
+// A message of so many elements, each of another name in one namespace whose URI is so long: who writes the URI down with each
+// name needs their product.
+std::string long_named_stanza(size_t names = 10'000, size_t uri_bytes = 200'000);
 
 // What stands before a stream's head, for Options::prolog: an XML declaration and a document type whose entities, nested, become
 // three thousand million characters.
