@@ -1,12 +1,15 @@
-// Base64 as it comes in challenges, and a mechanism's exchange with a server that sends whatever it likes: one challenge a line.
+// Base64 as it comes in challenges, and the exchanges of two mechanisms with a server that sends whatever it likes, one challenge
+// a line: one that answers each, and EXTERNAL, which answers none.
 #include "sasl.h"
 
 #include <warbler/data.h>
+#include <warbler/htable.h>
 
 #include <cstring>
 
 #include "base64.h"
 #include "fuzz.h"
+#include "quillon_sasl_mech_external.h"
 
 namespace {
 
@@ -16,6 +19,13 @@ void check_base64(std::string_view text) {
   fuzz::require(wb::decode_base64(wb::encode_base64(text), bytes) && (bytes == text), "what was encoded decodes to the same");
   if (!wb::decode_base64(text, bytes)) return;
   fuzz::require(bytes.empty() || wb::encode_base64(bytes) == text, "there is one way to write bytes");
+}
+
+std::string take_line(std::string_view &rest) {
+  const size_t end = rest.find('\n');
+  const std::string line(rest.substr(0, end));
+  rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+  return line;
 }
 
 bool init(wb_sasl_mech_instance *, wb_htable *, wb_err *) { return true; }
@@ -32,31 +42,52 @@ bool echo(wb_sasl_mech_instance *instance, uint8_t *in, size_t length, wb_sasl_c
   return true;
 }
 
-const wb_sasl_mech &mechanism() {
+const wb_sasl_mech &echo_mechanism() {
   static wb_sasl_mech *mech = nullptr;
   static constexpr wb_sasl_mech_functions kFunctions = {init, nullptr, echo, echo};
   if (mech == nullptr) fuzz::require(wb_sasl_mech_create("ECHO", &kFunctions, &mech, nullptr), "a mechanism can be had");
   return *mech;
 }
 
-}  // namespace
-
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  std::string_view rest = fuzz::text(data, size);
-  check_base64(rest);
-  wb::SaslExchange exchange(mechanism());
+void check_echo(std::string_view rest) {
+  wb::SaslExchange exchange(echo_mechanism());
   wb::SaslOutput output;
   fuzz::require(exchange.start(nullptr, output, nullptr), "the exchange starts");
   while (!rest.empty()) {
-    const size_t end = rest.find('\n');
-    const std::string challenge(rest.substr(0, end));
-    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+    const std::string challenge = take_line(rest);
     check_base64(challenge);
     if (!exchange.step(challenge.c_str(), output, nullptr)) break;
-    if (output.error != WB_SASL_ERR_NONE) break;
     fuzz::require(
         output.present && (output.base64 == challenge || output.base64 == "=" || challenge.find('\0') != std::string::npos),
         "the answer is the challenge");
   }
+}
+
+// The first line is the name that the application has set.
+void check_external(std::string_view rest) {
+  static wb_sasl_mech *mech = nullptr;
+  static wb_htable *table = nullptr;
+  if (mech == nullptr) {
+    fuzz::require(quillon_sasl_mech_external_create(nullptr, &mech, nullptr), "EXTERNAL can be had");
+    fuzz::require(wb_htable_create(1, wb_strcase_hashcode, wb_strcase_compare, &table, nullptr), "a table can be had");
+  }
+  std::string name = take_line(rest);
+  name.resize(std::strlen(name.c_str()));
+  fuzz::require(wb_htable_put(table, "quillon.user_name", name.data(), nullptr, nullptr), "the name can be set");
+  wb::SaslExchange exchange(*mech);
+  wb::SaslOutput output;
+  fuzz::require(exchange.start(table, output, nullptr), "EXTERNAL starts");
+  fuzz::require(output.present && output.base64 == (name.empty() ? "=" : wb::encode_base64(name)), "it tells the name");
+  while (!rest.empty()) fuzz::require(!exchange.step(take_line(rest), output, nullptr), "it answers no challenge");
+  fuzz::require(exchange.succeed("", nullptr), "it is done");
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  const std::string_view input = fuzz::text(data, size);
+  check_base64(input);
+  check_echo(input);
+  check_external(input);
   return 0;
 }
