@@ -41,7 +41,8 @@ struct AsyncCall {
   bool ended = false;
   QUILLON_QUERY_OUTCOME outcome = QUILLON_QUERY_OUTCOME_UNKNOWN;
   QUILLON_STATUS status = QUILLON_STATUS_UNKNOWN;
-  Publisher publisher;  // asked last; once it has ended, that of the result
+  bool leaves_request = false;  // nobody was just asking when it ended, who would still read it
+  Publisher publisher;          // asked last; once it has ended, that of the result
   NodePtr response;
   AsyncCallPtr next;  // of those that have ended
 
@@ -164,24 +165,35 @@ void *AsyncQueries::run_completions(void *self) {
   }
 }
 
+// Takes all that wait at once, so that the loop, which ends the next ones meanwhile, finds the mutex free. What is taken stays in
+// reach of a callback that closes or settles the engine: it calls back the rest.
 void AsyncQueries::call_back_all(std::unique_lock<std::mutex> &lock) {
-  while (first_ended_ != nullptr) {
-    AsyncCallPtr call = std::move(first_ended_);
-    first_ended_ = std::move(call->next);
-    if (first_ended_ == nullptr) last_ended_ = nullptr;
-    const size_t left = waiting_.fetch_sub(1, std::memory_order_relaxed) - 1;
-    if (left <= warning_ / 2) is_warned_ = false;
-    // Who is just asking still reads the request; a handle that is kept need not keep it for longer than that.
-    NodePtr request = call->asking ? nullptr : std::move(call->request);
-    ++callbacks_;
+  ++callbacks_;
+  while (taken_ != nullptr || first_ended_ != nullptr) {
+    if (taken_ == nullptr) {
+      taken_ = std::move(first_ended_);
+      last_ended_ = nullptr;
+    }
     lock.unlock();
-    request.reset();
-    call_back(*call);
-    call.reset();
+    // Callbacks often ask the next query.
+    wb_client_leave_writing_to_loop(taken_->next != nullptr);
+    while (taken_ != nullptr) call_back_first();
+    wb_client_leave_writing_to_loop(false);
     lock.lock();
-    --callbacks_;
   }
+  --callbacks_;
   quiet_.notify_all();
+}
+
+// On the completion thread, without the mutex.
+void AsyncQueries::call_back_first() {
+  const AsyncCallPtr call = std::move(taken_);
+  taken_ = std::move(call->next);
+  const size_t left = waiting_.fetch_sub(1, std::memory_order_relaxed) - 1;
+  if (left <= warning_.load(std::memory_order_relaxed) / 2) is_warned_.store(false, std::memory_order_relaxed);
+  // A handle that is kept need not keep it for longer.
+  if (call->leaves_request) call->request.reset();
+  call_back(*call);
 }
 
 // The event loop reads many answers at once: one wake-up serves for all of them. Another thread does not wait for that, since the
@@ -224,6 +236,7 @@ QUILLON_STATUS AsyncQueries::begin(quillon_capability *capability, wb_dom_node *
       return refuses_new_ ? QUILLON_STATUS_NO_CONNECTION : QUILLON_STATUS_PTHREAD_ERROR;
     }
     call->place = in_flight_.emplace(call->deadline, call);
+    if (call->deadline < watched_) time_changed_.notify_one();
     statistics.begin();
     // From here on it has begun, and nothing but its callback tells what becomes of it.
     call->request.reset(request);
@@ -344,6 +357,7 @@ void AsyncQueries::not_sent_locked(AsyncCall &call, QUILLON_STATUS status) {
 }
 
 void AsyncQueries::wait_until_locked(AsyncCall &call, SteadyClock::time_point when) {
+  if (call.place->first == when) return;
   auto node = in_flight_.extract(call.place);
   node.key() = when;
   call.place = in_flight_.insert(std::move(node));
@@ -361,6 +375,7 @@ void AsyncQueries::finish_locked(AsyncCall &call, End end) {
   call.ended = true;
   call.outcome = end.outcome;
   call.status = end.status;
+  call.leaves_request = !call.asking;
   count_end(connection_.query->statistics, call);
   if (end.status == QUILLON_STATUS_XMPP_ERROR) call.publisher = call.refused_by;
   AsyncCall *const last = std::exchange(last_ended_, &call);
@@ -372,7 +387,8 @@ void AsyncQueries::finish_locked(AsyncCall &call, End end) {
 
 // True once for each crossing.
 bool AsyncQueries::is_too_much_locked() {
-  return waiting_.load(std::memory_order_relaxed) >= warning_ && !std::exchange(is_warned_, true);
+  return waiting_.load(std::memory_order_relaxed) >= warning_.load(std::memory_order_relaxed) &&
+         !is_warned_.exchange(true, std::memory_order_relaxed);
 }
 
 void AsyncQueries::cancel(AsyncCall &call) {
@@ -432,10 +448,7 @@ void AsyncQueries::wait_until_quiet() {
   if (!calls_back_here_locked()) quiet_.wait(lock, [this] { return is_quiet_locked(); });
 }
 
-void AsyncQueries::set_warning(size_t completions) {
-  const std::lock_guard lock(mutex_);
-  warning_ = completions;
-}
+void AsyncQueries::set_warning(size_t completions) { warning_.store(completions, std::memory_order_relaxed); }
 
 quillon_handler_queue_usage AsyncQueries::completions_usage() const {
   return {waiting_.load(std::memory_order_relaxed), waiting_highest_.load(std::memory_order_relaxed), 0};

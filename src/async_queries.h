@@ -76,6 +76,7 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   void time_is_up(const AsyncCallPtr &call, std::unique_lock<std::mutex> &lock);
   static void *run_completions(void *self);
   void call_back_all(std::unique_lock<std::mutex> &lock);
+  void call_back_first();
   void wake_completions_locked();
 
   void ask_next(const AsyncCallPtr &call);
@@ -92,7 +93,7 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   bool is_too_much_locked();
   bool calls_back_here_locked() const;
   // Whether no callback is to come or runs; those that wait in settle themselves are not waited for.
-  bool is_quiet_locked() const { return is_left_ || (first_ended_ == nullptr && callbacks_ <= excused_); }
+  bool is_quiet_locked() const { return is_left_ || (waiting_ == 0 && callbacks_ <= excused_); }
 
   quillon_connection &connection_;
 
@@ -100,19 +101,21 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   std::condition_variable time_changed_, completed_, quiet_;
   // All under mutex_.
   InFlight in_flight_;
-  AsyncCallPtr first_ended_;                                          // those that wait for their callback
+  AsyncCallPtr first_ended_;                                          // those that wait for the completion thread
   AsyncCall *last_ended_ = nullptr;                                   // null when there is none
   SteadyClock::time_point watched_ = SteadyClock::time_point::min();  // what the timer sleeps for; min: it is awake
   bool completions_asleep_ = false;                                   // and nobody has woken it
   bool wakes_soon_ = false;                                           // the event loop will, when it has read what is there
-  size_t callbacks_ = 0;                                              // that are under way, each but the first within another
-  size_t excused_ = 0;                                                // so many of them, the outer ones, are in settle
+  size_t callbacks_ = 0;                                              // calls of call_back_all, each but the first within another
+  size_t excused_ = 0;                                                // so many of them, the outer ones, wait for a settle
   bool refuses_new_ = false, is_left_ = false, is_stopped_ = false, is_closed_ = false;
-  std::atomic<size_t> waiting_ = 0, waiting_highest_ = 0;  // for their callback; changed under mutex_
-  size_t warning_ = SIZE_MAX;                              // of those that wait
-  bool is_warned_ = false;                                 // since half of that or fewer were left
-  bool has_timer_ = false, has_completions_ = false;       // threads to be joined
+  bool has_timer_ = false, has_completions_ = false;  // threads to be joined
   pthread_t timer_ = {}, completions_ = {};
+
+  AsyncCallPtr taken_;                                     // the completion thread's own: those that it is calling back
+  std::atomic<size_t> waiting_ = 0, waiting_highest_ = 0;  // for their callback; they become more under mutex_
+  std::atomic<size_t> warning_ = SIZE_MAX;                 // of those that wait
+  std::atomic<bool> is_warned_ = false;                    // since half of that or fewer were left
 };
 
 }  // namespace qlk

@@ -518,6 +518,29 @@ TEST(ClientSending, StanzasOfOnePassLeaveTogether) {
   for (size_t i = 0; i < stanzas.size(); ++i) EXPECT_EQ(std::to_string(i), stanzas[i].attribute("id"));
 }
 
+// A thread writes its IQs itself, the loop may do what it will, unless it leaves them to the loop.
+TEST(ClientSending, AThreadMayLeaveTheWritingToTheLoop) {
+  constexpr unsigned kMany = 8;
+  const FakeServer server(server_options());
+  TestClient client(client_settings());
+  ASSERT_NO_FATAL_FAILURE(establish(client, server));
+  const auto track_many = [&](bool leaves) {
+    std::thread([&, leaves] {
+      wb_client_leave_writing_to_loop(leaves);
+      for (unsigned i = 0; i < kMany; ++i) EXPECT_TRUE(client.track(request(), "question", 60));
+    }).join();
+  };
+  client.loop().run([&] {
+    track_many(false);
+    EXPECT_TRUE(test_support::wait_for([&] { return server.stanzas().size() == kMany; }));
+  });
+  const size_t before = server.records();
+  EXPECT_EQ(kMany, before);
+  client.loop().run([&] { track_many(true); });
+  EXPECT_TRUE(test_support::wait_for([&] { return server.stanzas().size() == 2 * kMany; }));
+  EXPECT_EQ(before + 1, server.records());
+}
+
 TEST(ClientSending, ThreadsSendSideBySide) {
   constexpr int kThreads = 4, kEach = 200;
   FakeServer::Options options = server_options();

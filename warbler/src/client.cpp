@@ -66,6 +66,8 @@ bool wb_client_track_iq(wb_client *client, wb_dom_node *iq, wb_client_iq_callbac
   });
 }
 
+void wb_client_leave_writing_to_loop(bool leaves) { wb::ClientCore::leave_writing_to_loop(leaves); }
+
 bool wb_client_reconnect_get_status(const wb_event_data *event, wb_reconnect_status *status, unsigned *timeout) {
   if (event == nullptr || status == nullptr || std::strcmp(event->name, "reconnectStatusChanged") != 0) return false;
   const auto *state = static_cast<const wb::ClientCore::ReconnectState *>(event->data);

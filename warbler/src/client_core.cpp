@@ -52,6 +52,8 @@ bool is_ping(const wb_dom_node *iq) {
          std::strcmp(wb_dom_get_localname(child), "ping") == 0 && std::strcmp(attribute(iq, "type"), "get") == 0;
 }
 
+thread_local bool leaves_writing = false;
+
 }  // namespace
 
 ClientCore::ClientCore(wb_workq &queue, wb_client *handle)
@@ -77,10 +79,13 @@ wb_event *ClientCore::event(const char *name) {
 
 bool ClientCore::track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err) {
   bool must_write = false;
-  if (!channel_.track(iq, tracked, timeout, err, LoopGate::is_on_loop() ? nullptr : &must_write)) return false;
+  const bool is_left = leaves_writing || LoopGate::is_on_loop();
+  if (!channel_.track(iq, tracked, timeout, err, is_left ? nullptr : &must_write)) return false;
   if (must_write) write_here();
   return true;
 }
+
+void ClientCore::leave_writing_to_loop(bool leaves) { leaves_writing = leaves; }
 
 // The IQ is tracked, so a thread that is cancelled must not leave here.
 void ClientCore::write_here() {

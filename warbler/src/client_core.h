@@ -27,6 +27,8 @@ class ClientCore final : public Session::Owner, public Buriable, public std::ena
   // Any thread; consumes one reference of the IQ's context. On a thread that is not the loop's the IQ leaves at once: whoever
   // asks waits for the answer, and the loop need not be woken twice.
   bool track(wb_dom_node *iq, TrackedIq tracked, std::chrono::seconds timeout, wb_err *err);
+  // Of the calling thread, for all clients.
+  static void leave_writing_to_loop(bool leaves);
   // Any thread.
   bool connect(wb_htable *config, wb_err *err);
   void destroy();
