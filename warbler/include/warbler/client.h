@@ -113,9 +113,10 @@ typedef void (*wb_client_iq_callback)(wb_dom_node *result, void *arg);
 WB_API bool wb_client_track_iq(wb_client *client, wb_dom_node *iq, wb_client_iq_callback callback, void *arg,
                                unsigned timeout_seconds, wb_err *err);
 
-/* Whether the calling thread leaves the IQs that it tracks from here on to the loop to write, of every client. At first it does not:
- * it writes each itself where the loop is idle, which is soonest for one that is waited for. Who sends many in a row turns it on
- * meanwhile: they leave together, and the two threads do not get into each other's way. Any thread, for itself; never blocks. */
+/* Whether the calling thread leaves the IQs that it tracks from here on to the loop to write, of every client. At first it does
+ * not: it writes each itself where the loop is idle, which is soonest for one that is waited for. Who sends many in a row turns
+ * it on meanwhile: they leave together, and the two threads do not get into each other's way. Any thread, for itself; never
+ * blocks. */
 WB_API void wb_client_leave_writing_to_loop(bool leaves);
 
 /* Reads a "reconnectStatusChanged" event; timeout (seconds, may be NULL) is the countdown of WB_RECONNECT_PENDING. False for
