@@ -571,7 +571,8 @@ QUILLON_API bool quillon_sasl_mech_external_create(wb_htable *config, wb_sasl_me
 
 /* The application's handle on one session with the grid. Any threads may use it at once, but set the configuration and the
  * callbacks before connecting. Functions that block must not be called on the event loop, which they would wait for: that is
- * where disconnect_cb and the TLS-context callback run. Such a call fails at once, with an error logged. */
+ * where disconnect_cb and the TLS-context callback run. Such a call fails at once, with an error logged; a disconnect, which never
+ * fails for that, does nothing. */
 typedef struct _quillon_connection quillon_connection;
 
 /* A service of the grid that is subscribed to, published or queried. */
@@ -664,7 +665,6 @@ QUILLON_API void quillon_connection_wakeup(quillon_connection *connection);
  * left up is ended first, which may block as long as a disconnect. On a connection that is part of the grid it does nothing.
  * Blocks:  up to 50 seconds for the XMPP session, send_timeout_seconds for each answer of the controller, and without a limit
  *          while the account is pending. quillon_connection_disconnect and quillon_connection_destroy on another thread end it.
- *          A subscription or publication that is not answered in time is the last to be announced; the connect succeeds.
  * Thread:  any but the event loop's; one connect at a time, others wait for it.
  * Returns: QUILLON_STATUS_OK
  *          QUILLON_STATUS_INVALID_ARGS        connection is NULL, or there is no configuration, user name or host
@@ -682,9 +682,8 @@ QUILLON_API QUILLON_STATUS quillon_connection_connect(const quillon_connection *
 
 /* Ends the session, or the connect that is under way, and waits for its end. Nothing is sent to the controller.
  * Blocks:  up to send_timeout_seconds for the event loop and 50 seconds for the end, which disconnect_cb is part of.
- * Thread:  any but the event loop's.
- * Returns: QUILLON_STATUS_OK, also without a session, and when the end did not come in time, which is logged
- *          QUILLON_STATUS_SEND_ERROR    called on the event loop, and the session is up; only a connect under way is ended
+ * Thread:  any but the event loop's, where it ends nothing.
+ * Returns: QUILLON_STATUS_OK, also without a session, on the event loop, and when the end did not come in time, which is logged
  *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted, and the session may still be up */
 QUILLON_API QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connection);
 
@@ -1103,7 +1102,7 @@ QUILLON_API QUILLON_STATUS quillon_dynamic_capability_refresh_publisher_jids(qui
 QUILLON_API void _publisher_update_notification(wb_dom_node *node, void *arg);
 
 /* Announces the connection's core capability and every remembered capability again, all of them in the plain form. The connect
- * does this. The first request that has no answer is the last: what is left is announced with the next connect.
+ * does this. A request that fails is logged, and the next one made, as long as the session lives.
  * Blocks:  until the controller has answered each request, at most the send time-out for each. */
 QUILLON_API void quillon_capability_on_connected(quillon_connection *connection);
 

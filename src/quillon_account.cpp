@@ -23,13 +23,6 @@ constexpr AccountUpdate kAccountUpdates[] = {
     {"enabled", QUILLON_CONNECTION_STATE_ENABLED, QUILLON_STATUS_ACCOUNT_ENABLED, false},
 };
 
-// Null for a word that is not known.
-const AccountUpdate *find_update(std::string_view text) {
-  const auto *found = std::find_if(std::begin(kAccountUpdates), std::end(kAccountUpdates),
-                                   [&](const AccountUpdate &update) { return text.starts_with(update.word); });
-  return found != std::end(kAccountUpdates) ? found : nullptr;
-}
-
 // Whether the session in which the word came is still open. Otherwise the application is told, but the session that has followed,
 // or is about to, bears its own words.
 bool is_of_this_session(const quillon_connection &connection) {
@@ -41,9 +34,8 @@ bool is_of_this_session(const quillon_connection &connection) {
 void apply_account_update(quillon_connection &connection, const AccountUpdate &update) {
   if (is_of_this_session(connection)) connection.state_enum = update.state;
   qlk::call_account_cb(connection, update.status);
-  if (connection.extra->destroyed || !is_of_this_session(connection)) return;
-  if (update.disconnects) quillon_connection_disconnect(&connection);
-  quillon_monitor_notify(connection.connection_update_monitor);
+  if (update.disconnects && !connection.extra->destroyed && is_of_this_session(connection))
+    quillon_connection_disconnect(&connection);
 }
 
 }  // namespace
@@ -58,8 +50,12 @@ void qlk::_connection_update_notification_callback(wb_dom_node *node, void *arg)
   auto *connection = static_cast<quillon_connection *>(arg);
   const char *text = wb_dom_get_first_text(wb_dom_get_first_child(node));
   if (connection == nullptr || text == nullptr) return;
-  const AccountUpdate *update = find_update(text);
-  if (update == nullptr) return wb_log(WB_LOG_WARN, "the controller said something unknown of the account");
   const ConnectionHold hold(*connection);
-  apply_account_update(*connection, *update);
+  const std::string_view word = text;
+  const auto *update = std::find_if(std::begin(kAccountUpdates), std::end(kAccountUpdates),
+                                    [&](const AccountUpdate &known) { return word.starts_with(known.word); });
+  if (update != std::end(kAccountUpdates)) apply_account_update(*connection, *update);
+  // Any word ends the wait for approval, which looks at what has become of the account.
+  if (!connection->extra->destroyed && is_of_this_session(*connection))
+    quillon_monitor_notify(connection->connection_update_monitor);
 }

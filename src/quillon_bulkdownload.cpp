@@ -52,9 +52,7 @@ QUILLON_STATUS quillon_bulkdownload_iter_open(quillon_bulkdownload *bulkdownload
   qlk::trace(__func__);
   *iter = _createBulkDownloadIter(bulkdownload);
   if (*iter == nullptr) return QUILLON_STATUS_MALLOC_ERROR;
-  if (qlk::curlInvoke(*iter) == qlk::eERR_SUCC) return QUILLON_STATUS_OK;
-  free_iter(std::exchange(*iter, nullptr));
-  return QUILLON_STATUS_REST_ERROR;
+  return qlk::curlInvoke(*iter) == qlk::eERR_SUCC ? QUILLON_STATUS_OK : QUILLON_STATUS_REST_ERROR;
 }
 
 // Takes the next chunk out of the ring, waiting for one. False: there will be no more.
@@ -193,7 +191,10 @@ QUILLON_STATUS quillon_bulkdownload_open(quillon_bulkdownload *bulkdownload) {
   qlk::trace(__func__);
   if (bulkdownload == nullptr) return QUILLON_STATUS_INVALID_ARGS;
   if (!quillon_string_validate(bulkdownload->request)) return qlk::refuse("a bulk download needs a request");
-  if (bulkdownload->iter != nullptr) return qlk::refuse("the bulk download is open already");
+  if (bulkdownload->iter != nullptr) {
+    if (bulkdownload->iter->is_started) return qlk::refuse("the bulk download is open already");
+    free_iter(bulkdownload->iter);  // an earlier open could not start its thread
+  }
   return quillon_bulkdownload_iter_open(bulkdownload, &bulkdownload->iter);
 }
 

@@ -243,6 +243,7 @@ qlk::BulkDownloadErrorCode qlk::curlInvoke(quillon_bulkdownload_iter *iter) {
   const SignalsBlocked blocked;
   iter->is_started = pthread_create(&iter->thrd, nullptr, curlThrdFunc, iter) == 0;
   if (iter->is_started) return eERR_SUCC;
+  finish(iter->thrdsSharedData);  // a next would wait for it
   wb_log(WB_LOG_ERROR, "pthread_create() failed at file %s line %d\n", __FILE__, __LINE__);
   return eERR_FAILED;
 }

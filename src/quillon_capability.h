@@ -76,7 +76,7 @@ QUILLON_STATUS registry_add(Registry registry, const quillon_capability &capabil
 std::vector<CapabilityPtr> registry_snapshot(Registry registry);
 bool registry_has_equal(Registry registry, const quillon_capability &capability);
 
-// quillon_capability_on_connected; false when it ended with a request that had no answer. Throws when memory is exhausted.
+// quillon_capability_on_connected; false when a request had no answer. Throws when memory is exhausted.
 bool announce_remembered(quillon_connection &connection);
 
 }  // namespace qlk

@@ -1,5 +1,4 @@
 // Announcing capabilities to the controller, as their subscriber or their publisher, and keeping the lists of their publishers.
-#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -188,10 +187,16 @@ bool announce_again(const quillon_capability &capability, quillon_connection *co
   return !qlk::no_answer(status) && status != QUILLON_STATUS_SEND_ERROR && status != QUILLON_STATUS_NO_CONNECTION;
 }
 
+// One that fails does not keep the others from being made, unless the session has ended: they would each wait for another in
+// vain.
 bool announce_all_again(quillon_connection *connection, const Role &role) {
-  const std::vector<qlk::CapabilityPtr> capabilities = qlk::registry_snapshot(role.registry);
-  return std::all_of(capabilities.begin(), capabilities.end(),
-                     [&](const qlk::CapabilityPtr &capability) { return announce_again(*capability, connection, role); });
+  bool is_answered = true;
+  for (const qlk::CapabilityPtr &capability : qlk::registry_snapshot(role.registry)) {
+    const bool had_session = connection->is_xmpp_connected;
+    is_answered = announce_again(*capability, connection, role) && is_answered;
+    if (had_session && !connection->is_xmpp_connected) return false;
+  }
+  return is_answered;
 }
 
 // The registries are shared, and another connection that was destroyed may have taken the one core capability they list with it.
@@ -317,9 +322,11 @@ void _publisher_update_notification(wb_dom_node *node, void *arg) {
 }
 
 bool qlk::announce_remembered(quillon_connection &connection) {
-  const bool is_answered = announce_core_again(&connection) && announce_all_again(&connection, kSubscriber) &&
-                           announce_all_again(&connection, kPublisher);
-  if (!is_answered) wb_log(WB_LOG_ERROR, "the controller did not answer: what is left is not announced");
+  const bool had_session = connection.is_xmpp_connected;
+  const auto goes_on = [&] { return !had_session || connection.is_xmpp_connected; };
+  bool is_answered = announce_core_again(&connection);
+  if (goes_on()) is_answered = announce_all_again(&connection, kSubscriber) && is_answered;
+  if (goes_on()) is_answered = announce_all_again(&connection, kPublisher) && is_answered;
   return is_answered;
 }
 

@@ -52,17 +52,6 @@ bool is_called_off(quillon_connection &connection) {
   return connection.extra->cancelled || connection.extra->destroyed;
 }
 
-// False when the session has ended meanwhile, or its end is on its way.
-bool is_session_good_locked(const quillon_connection &connection) {
-  const qlk::ConnectionPrivate &extra = *connection.extra;
-  return connection.is_xmpp_connected && extra.session.wanted && !extra.cancelled && !extra.destroyed;
-}
-
-bool is_session_good(const quillon_connection &connection) {
-  const std::lock_guard lock(connection.extra->mutex);
-  return is_session_good_locked(connection);
-}
-
 // The session that is open; 0 for none.
 unsigned open_session_number(quillon_connection &connection) {
   const std::lock_guard lock(connection.extra->mutex);
@@ -383,28 +372,28 @@ void set_pending(quillon_connection &connection, bool pending) {
   qlk::note_phase_locked(connection);
 }
 
-// The controller has said what becomes of the account, or nobody will hear it any more.
-bool is_decided(const quillon_connection &connection) {
-  if (!is_session_good(connection)) return true;
-  const QUILLON_CONNECTION_STATE_ENUM state = connection.state_enum;
-  return state == QUILLON_CONNECTION_STATE_ENABLED || state == QUILLON_CONNECTION_STATE_DISABLED ||
-         state == QUILLON_CONNECTION_STATE_DELETED || state == QUILLON_CONNECTION_STATE_AUTHORIZATION_CHANGED;
-}
-
 // Waits, as long as it takes, for the controller's word on the account, which came after the monitor was cleared or is yet to
 // come.
 QUILLON_STATUS wait_for_approval(quillon_connection &connection) {
   set_pending(connection, true);
-  do {
-    qlk::wait_notified(*connection.connection_update_monitor, std::nullopt);
-    quillon_monitor_clear(connection.connection_update_monitor);
-  } while (!is_decided(connection));
+  qlk::wait_notified(*connection.connection_update_monitor, std::nullopt);
   set_pending(connection, false);
   if (connection.extra->destroyed) return QUILLON_STATUS_CONNECTION_ERROR;
   if (connection.state_enum == QUILLON_CONNECTION_STATE_ENABLED) return QUILLON_STATUS_OK;
   log_with_text("_connect_request", QUILLON_STATUS_CONNECTION_ERROR_AUTOREGOFF);
   quillon_connection_disconnect(&connection);
   return QUILLON_STATUS_CONNECTION_ERROR;
+}
+
+// False when the session has ended meanwhile, or its end is on its way.
+bool is_session_good_locked(const quillon_connection &connection) {
+  const qlk::ConnectionPrivate &extra = *connection.extra;
+  return connection.is_xmpp_connected && extra.session.wanted && !extra.cancelled && !extra.destroyed;
+}
+
+bool is_session_good(const quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  return is_session_good_locked(connection);
 }
 
 bool mark_grid_connected(quillon_connection &connection) {
@@ -562,19 +551,17 @@ QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connectio
     quillon_connection &target = writable(connection);
     const qlk::ConnectionHold hold(target);
     unsigned session = 0;  // that is to be ended
-    bool ends_connect = false, is_ending = false;
+    bool ends_connect = false;
     {
       const std::lock_guard lock(target.extra->mutex);
       qlk::ConnectionPrivate &extra = *target.extra;
       ends_connect = extra.connecting;
       if (ends_connect) extra.cancelled = true;
       if (target.is_xmpp_connected || (extra.connecting && extra.session.posted)) session = extra.session.number;
-      is_ending = !extra.session.wanted;
     }
     if (ends_connect) quillon_monitor_notify(target.xmpp_connection_monitor);
     if (session != 0 && qlk::is_on_loop(target)) {
       wb_log(WB_LOG_ERROR, "quillon_connection_disconnect cannot wait on the event loop thread");
-      if (!is_ending) return QUILLON_STATUS_SEND_ERROR;
     } else if (const QUILLON_STATUS status = end_session(target, session); status != QUILLON_STATUS_OK) {
       return fail("no memory to end the session", status);
     }

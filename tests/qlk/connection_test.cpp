@@ -417,20 +417,6 @@ TEST_F(ConnectionTest, OnTheEventLoopNothingWaitsForIt) {
   EXPECT_TRUE(wait_for([this] { return !raw()->is_xmpp_connected; }));
 }
 
-TEST_F(ConnectionTest, OnTheEventLoopADisconnectOfASessionThatIsUpSaysThatItFailed) {
-  serve();
-  ASSERT_EQ(QUILLON_STATUS_OK, connect());
-  std::atomic<QUILLON_STATUS> status = QUILLON_STATUS_MAX;
-  const auto disconnect = [](quillon_connection *connection, QUILLON_TRACE_DIRECTION, const char *, size_t, void *arg) {
-    static_cast<std::atomic<QUILLON_STATUS> *>(arg)->store(quillon_connection_disconnect(connection));
-  };
-  ASSERT_EQ(QUILLON_STATUS_OK, quillon_connection_set_stanza_trace(raw(), disconnect, &status));
-  server_->notify("<mark xmlns='urn:test'/>");
-  EXPECT_TRUE(wait_for([&] { return status == QUILLON_STATUS_SEND_ERROR; })) << status;
-  EXPECT_TRUE(quillon_connection_is_connected(raw()));
-  EXPECT_EQ(QUILLON_STATUS_OK, quillon_connection_disconnect(raw()));
-}
-
 TEST_F(ConnectionTest, WithoutATlsCallbackTheServerIsAsked) {
   serve();
   quillon_connection_set_ssl_ctx_cb(raw(), nullptr);
