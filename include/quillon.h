@@ -571,8 +571,8 @@ QUILLON_API bool quillon_sasl_mech_external_create(wb_htable *config, wb_sasl_me
 
 /* The application's handle on one session with the grid. Any threads may use it at once, but set the configuration and the
  * callbacks before connecting. Functions that block must not be called on the event loop, which they would wait for: that is
- * where disconnect_cb and the TLS-context callback run. Such a call fails at once, with an error logged; a disconnect, which never
- * fails for that, does nothing. */
+ * where disconnect_cb and the TLS-context callback run. Such a call fails at once, with an error logged; a disconnect, which
+ * never fails for that, does nothing. */
 typedef struct _quillon_connection quillon_connection;
 
 /* A service of the grid that is subscribed to, published or queried. */
@@ -683,7 +683,7 @@ QUILLON_API QUILLON_STATUS quillon_connection_connect(const quillon_connection *
 /* Ends the session, or the connect that is under way, and waits for its end. Nothing is sent to the controller.
  * Blocks:  up to send_timeout_seconds for the event loop and 50 seconds for the end, which disconnect_cb is part of.
  * Thread:  any but the event loop's, where it ends nothing.
- * Returns: QUILLON_STATUS_OK, also without a session, on the event loop, and when the end did not come in time, which is logged
+ * Returns: QUILLON_STATUS_OK, also without a session, on the event loop, and when the end did not come in time: both are logged
  *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted, and the session may still be up */
 QUILLON_API QUILLON_STATUS quillon_connection_disconnect(const quillon_connection *connection);
 
