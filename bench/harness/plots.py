@@ -82,9 +82,11 @@ def draw_panel(folder, growth, panel, result):
         size, value = guide
         begin = result["sizes"][len(result["sizes"]) // 2]
         plots.append(f"[{begin}:{size}] {1.5 * value}*(x/{size}.0)**{panel.natural} {dashes} title 'natural: exponent {panel.natural:g}'")
+    top = 1.1 * max(highest) or 1
+    from_zero = f"set yrange [{-0.05 * top}:{top}]"  # with room below, so that a line at zero is seen
     draw(os.path.join(folder, f"{growth.key}-{panel.key}.svg"), [
         *data, f"set title {quote(growth.title)} noenhanced", f"set xlabel {quote(growth.axis)} noenhanced", f"set ylabel {quote(panel.title)} noenhanced",
-        "set logscale x", f"set yrange [0:{1.1 * max(highest) or 1}]" if may_be_zero else "set logscale y", "set grid", "set key below noenhanced",
+        "set logscale x", from_zero if may_be_zero else "set logscale y", "set grid", "set key below noenhanced",
         "plot " + ", ".join(plots)])
 
 

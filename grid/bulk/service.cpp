@@ -3,6 +3,8 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/bufferevent_ssl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
 #include <sys/socket.h>
@@ -80,6 +82,10 @@ class Answer {
   }
 
   void begin() {
+    // The head and what follows it leave apart: the second would wait until the first is acknowledged, which takes 40 ms.
+    const int at_once = 1;
+    setsockopt(bufferevent_getfd(evhttp_connection_get_bufferevent(connection_)), IPPROTO_TCP, TCP_NODELAY, &at_once,
+               sizeof at_once);
     evkeyvalq *const headers = evhttp_request_get_output_headers(request_);
     evhttp_add_header(headers, "Content-Type", "application/xml");
     // A document that breaks off is no fault in HTTP where no length was told.
