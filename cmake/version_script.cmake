@@ -1,6 +1,6 @@
 # qlk_export_declared(target VERSION name MACRO macro HEADERS header...)
 #
-# Gives a shared library a version script that exports exactly the names that its public headers declare with the macro. The headers
+# Gives a shared library, which then stays in its process, a version script that exports exactly the names that its public headers declare with the macro. The headers
 # are the one list of what leaves the library.
 function(qlk_export_declared target)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "VERSION;MACRO" "HEADERS")
@@ -12,6 +12,7 @@ function(qlk_export_declared target)
                      DEPENDS ${ARG_HEADERS} ${generator}
                      COMMENT "Listing the names that ${target} exports" VERBATIM)
   target_sources(${target} PRIVATE ${script})
-  target_link_options(${target} PRIVATE -Wl,--version-script=${script})
+  # dlclose leaves the code in place: a look-up of a name cannot be interrupted, and its thread may come back after the last object is gone.
+  target_link_options(${target} PRIVATE -Wl,--version-script=${script} -Wl,-z,nodelete)
   set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${script})
 endfunction()

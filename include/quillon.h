@@ -553,8 +553,9 @@ QUILLON_API void quillon_config_fill_ssl_ctx(const quillon_config *config, void 
  *          The library stays down when it fails, and the call may be repeated. */
 QUILLON_API QUILLON_STATUS quillon_init(void);
 
-/* Takes the library down; it may be brought up again. It also runs when the process exits or the library is unloaded. Destroy the
- * connections first: those left lose their sessions without a callback and can only be destroyed.
+/* Takes the library down; it may be brought up again. It also runs when the process exits, but not at dlclose, after which the
+ * library stays in the process. Destroy the connections first: those left lose their sessions without a callback and can only be
+ * destroyed.
  *   A child that fork makes while the library is up has none of its threads, and what it has open is the parent's: quillon_init
  * fails there with QUILLON_STATUS_WB_ERROR, this function and quillon_connection_destroy do nothing, and nothing else may be
  * called. The child may end or call exec; the parent's sessions do not notice.

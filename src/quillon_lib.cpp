@@ -171,9 +171,10 @@ QUILLON_STATUS quillon_init(void) {
       return QUILLON_STATUS_OK;
     }
     wb_log_set_ndc_enabled(false);
-    const auto lib = std::make_shared<_quillon_lib_obj>();
-    if (const QUILLON_STATUS status = build(*lib); status != QUILLON_STATUS_OK) return status;
+    auto built = std::make_unique<_quillon_lib_obj>();
+    if (const QUILLON_STATUS status = build(*built); status != QUILLON_STATUS_OK) return status;
     watch_forks();
+    const std::shared_ptr<_quillon_lib_obj> lib = std::move(built);
     lib->self = lib;
     qlk::g_Qln_Lib = lib.get();
     qlk::bLibInitialize = true;

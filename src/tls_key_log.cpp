@@ -40,7 +40,7 @@ void close_key_log(void *, void *value, CRYPTO_EX_DATA *, int, long, void *) {
   if (stored > 0) close(static_cast<int>(stored - 1));
 }
 
-// Taken back when the library is unloaded: OpenSSL calls the function for each context of the process.
+// Taken back at the end of the process: OpenSSL calls the function for each context.
 struct KeyLogIndex {
   const int value = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, close_key_log);
   ~KeyLogIndex() { CRYPTO_free_ex_index(CRYPTO_EX_INDEX_SSL_CTX, value); }

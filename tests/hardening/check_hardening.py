@@ -2,9 +2,9 @@
 """check_hardening.py READELF OPTIMIZED FILE...
 
 Every FILE, a shared library or a program, must be position-independent, have full RELRO, no executable stack and no text relocations,
-call the stack protector, have a landing mark for indirect jumps at least at every function that it exports, where the processor knows of such
-marks, and, where OPTIMIZED is 1, call fortified functions. That a file as a whole is marked for control-flow protection is not asked for: the
-linker leaves the mark out where the C library's start-up objects lack it."""
+call the stack protector, stay in its process if it is a library, have a landing mark for indirect jumps at least at every function that
+it exports, where the processor knows of such marks, and, where OPTIMIZED is 1, call fortified functions. That a file as a whole is marked for
+control-flow protection is not asked for: the linker leaves the mark out where the C library's start-up objects lack it."""
 
 import pathlib
 import platform
@@ -29,6 +29,7 @@ def complaints_of(readelf, path, is_optimized):
         (re.search(r"\(FLAGS_1\).*\bNOW\b", dynamic), "binds lazily: its RELRO is partial"),
         (stack and "E" not in stack.group(1), "has an executable stack"),
         (not re.search(r"\(TEXTREL\)", dynamic), "has text relocations"),
+        ("NODELETE" in dynamic or "(SONAME)" not in dynamic, "is a library that dlclose takes away, under threads that may come back to it"),
         (re.search(r"\b__stack_chk_fail\b", symbols), "does not call the stack protector"),
         (re.search(r"\b__\w+_chk\b", symbols) or not is_optimized, "calls no fortified functions"),
         (landing_marks >= max(exported, 20) or platform.machine() != "x86_64", "lacks the landing marks of control-flow protection"),

@@ -108,7 +108,7 @@ TEST_F(XmlHelpers, SenderIsTheRootsBareJid) {
   char room[2049] = "#";
   EXPECT_EQ(QUILLON_STATUS_OK, quillon_xml_get_sender(nullptr, room));
   EXPECT_STREQ("", room);
-  for (const size_t length : {2047, 2048}) {
+  for (const size_t length : {size_t{2047}, size_t{2048}}) {
     room[2048] = '#';
     const std::string from(length, 'a');
     EXPECT_EQ(QUILLON_STATUS_OK, quillon_xml_get_sender(parse(("<iq from='" + from + "/r'/>").c_str()), room));
