@@ -6,19 +6,18 @@
 #include <cstring>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "footprint.h"
-#include "grid_objects.h"
-#include "local_grid.h"
+#include "grid_download.h"
 #include "oom.h"
 #include "wait_for.h"
 
 namespace {
 
+using grid_test::Download;
 using test_support::footprint;
 using test_support::Node;
 using test_support::wait_for;
@@ -26,63 +25,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr QUILLON_STATUS kOk = QUILLON_STATUS_OK;
 constexpr char kReading[] = "{urn:quillon:results}reading";
-
-// A download of a user's, ready to be opened; closed, if need be, with the object.
-class Download {
- public:
-  Download(test_support::LocalGrid &grid, const std::string &user, const std::string &certified_user) {
-    const test_support::LocalGrid::Credentials credentials = grid.enroll(certified_user);
-    EXPECT_EQ(kOk, quillon_config_create(&config_));
-    quillon_log_set_level(QUILLON_LOG_NONE);
-    quillon_config_set_user_name(config_, user.c_str());
-    quillon_config_set_bulk_server_cert_chain_filename(config_, grid.ca_path().c_str());
-    quillon_config_set_client_cert_chain_filename(config_, credentials.certificate.c_str());
-    quillon_config_set_client_cert_key_filename(config_, credentials.key.c_str());
-    EXPECT_EQ(kOk, quillon_bulkdownload_create(&bulk, config_));
-    std::istringstream environment(grid.run({"env"}));
-    const std::string name = "QUILLON_GRID_BULK_URL=";
-    for (std::string line; std::getline(environment, line);) {
-      if (line.starts_with(name)) url_ = line.substr(name.size());
-    }
-    EXPECT_EQ(kOk, quillon_bulkdownload_set_url(bulk, url_.c_str()));
-  }
-  ~Download() {
-    quillon_bulkdownload_destroy(&bulk);
-    quillon_config_destroy(config_);
-  }
-  Download(const Download &) = delete;
-  Download &operator=(const Download &) = delete;
-
-  void open(const std::string &attributes) {
-    const Node request = test_support::parse("<bulkRequest xmlns='http://quillon.internal/quillon' " + attributes + "/>");
-    ASSERT_EQ(kOk, quillon_bulkdownload_set_request(bulk, request.get()));
-    ASSERT_EQ(kOk, quillon_bulkdownload_open(bulk));
-  }
-
-  // The next item; null when there is none.
-  Node next() {
-    wb_dom_node *node = nullptr;
-    status = quillon_bulkdownload_next(bulk, &node);
-    return Node(node);
-  }
-
-  // Counts the items that are left, each with the number that it should have.
-  size_t read_numbered(size_t first = 0) {
-    size_t items = 0;
-    for (Node item = next(); item != nullptr; item = next(), ++items) {
-      const char *const id = wb_dom_get_attribute(item.get(), "id");
-      EXPECT_EQ(first + items, id != nullptr ? std::stoul(id) : SIZE_MAX);
-    }
-    return items;
-  }
-
-  quillon_bulkdownload *bulk = nullptr;
-  QUILLON_STATUS status = kOk;  // of the last next
-
- private:
-  quillon_config *config_ = nullptr;
-  std::string url_;
-};
 
 class GridBulkTest : public testing::Test {
  protected:

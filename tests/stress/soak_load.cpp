@@ -1,275 +1,283 @@
-// soak_load SECONDS RESTART-SECONDS: queries and notifications through a local grid of its own, whose server is restarted again
+// soak_load SECONDS RESTART-SECONDS: all that the library does, through a local grid of its own, whose server is restarted again
 // and again. Every second a line tells what the process holds and how it was served; tests/soak makes a picture and a verdict of
 // them.
-#include <malloc.h>
+#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
+#include <functional>
 #include <memory>
-#include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "grid_client.h"
+#include "grid_download.h"
+#include "soak_counts.h"
+#include "soak_notifications.h"
+#include "soak_questions.h"
+#include "wait_for.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace soak;
 using grid_test::Client;
-using Clock = std::chrono::steady_clock;
+using test_support::wait_for;
 
 constexpr unsigned kAskers = 2;
-constexpr auto kPaceOfNotifications = 5ms;
+constexpr uint64_t kAnswersForAVisit = 1500, kAnswersForADocument = 400;
+constexpr uint32_t kDrainMilliseconds = 60'000;
 
-// ---- What is counted
+// ---- Beside the members
 
-std::atomic<bool> is_over = false, is_calm = false, is_telling = false;  // calm: the server is up, and all are connected
-std::atomic<uint64_t> upheavals = 0;                                     // odd while the server is being restarted
-std::atomic<uint64_t> answers = 0, disturbed = 0, wrong = 0, sent = 0, received = 0, restarts = 0, visits = 0;
-// Notifications bear the numbers from 0 to sent - 1, and arrive in that order.
-std::atomic<uint64_t> expected = 0, skipped = 0, lost = 0, repeated = 0;
-
-// The latencies of one second, in microseconds.
-class Latencies {
- public:
-  void add(uint32_t microseconds) {
-    const std::lock_guard lock(mutex_);
-    if (count_ < values_.size()) values_[count_++] = microseconds;
-  }
-
-  struct Summary {
-    uint32_t median = 0, high = 0;  // of a hundred, the ninety-ninth
-  };
-  Summary take() {
-    const std::lock_guard lock(mutex_);
-    if (count_ == 0) return {};
-    const auto at = [this](size_t place) {
-      std::nth_element(values_.begin(), values_.begin() + static_cast<ptrdiff_t>(place),
-                       values_.begin() + static_cast<ptrdiff_t>(count_));
-      return values_[place];
-    };
-    const Summary summary = {at(count_ / 2), at(count_ * 99 / 100)};
-    count_ = 0;
-    return summary;
-  }
-
- private:
-  std::mutex mutex_;
-  std::array<uint32_t, 65536> values_{};  // its memory is there from the beginning on
-  size_t count_ = 0;
-};
-
-Latencies latencies;
-
-size_t count_entries(const char *folder) {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator(folder)) ++count;
-  return count;
-}
-
-size_t resident_kib() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::strtoul(line.c_str() + 6, nullptr, 10);
-  }
-  return 0;
-}
-
-void print_sample(double seconds, Client &asker) {
-  const Latencies::Summary latency = latencies.take();
-  quillon_handler_queue_usage queue = {};
-  quillon_connection_get_handler_queue_usage(asker.connection, QUILLON_HANDLER_QUEUE_NOTIFICATIONS, &queue);
-  std::printf("%.1f %zu %zu %zu %zu %u %u %lu %lu %lu %lu %lu %lu %lu %lu %lu %zu %d\n", seconds, resident_kib(),
-              mallinfo2().uordblks / 1024, count_entries("/proc/self/fd"), count_entries("/proc/self/task"), latency.median,
-              latency.high, answers.load(), disturbed.load(), wrong.load(), sent.load(), received.load(), lost.load(),
-              repeated.load(), restarts.load(), visits.load(), queue.highest, is_calm ? 1 : 0);
-  std::fflush(stdout);
-}
-
-// ---- What the threads do
-
-// A run in which something does not come to an end has failed.
-void require(bool came, const char *what) {
-  if (!came) throw std::runtime_error(std::string("did not come: ") + what);
-}
-
-constexpr std::chrono::minutes kPatience{2};
-
-// Delay: how often a condition is looked at again.
-void pause_a_little() { std::this_thread::sleep_for(10ms); }
-
-void ask_on_and_on(Client &client, quillon_capability *capability, unsigned number) {
-  for (uint64_t i = 0; !is_over; ++i) {
-    if (!is_calm) {
-      pause_a_little();
-      continue;
-    }
-    const std::string text = std::to_string(number) + "-" + std::to_string(i);
-    std::string reply;
-    const uint64_t upheaval = upheavals;
-    const auto begun = Clock::now();
-    const QUILLON_STATUS status = client.ask(capability, text, reply);
-    if (status == QUILLON_STATUS_OK) {
-      latencies.add(static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begun).count()));
-      ++(reply.ends_with(": " + text) ? answers : wrong);
-    } else {
-      const bool is_restart = upheaval % 2 == 1 || upheavals != upheaval;
-      ++(is_restart ? disturbed : wrong);
-      pause_a_little();  // nobody is there
-      if (!is_restart) std::fprintf(stderr, "a query came to %d\n", status);
-    }
-  }
-}
-
-void tell_on_and_on(Client &client, quillon_capability *capability) {
-  for (auto next = Clock::now(); !is_over; next += kPaceOfNotifications) {
-    is_telling = true;  // before the look at is_calm, so that a restart knows when it has ended
-    if (!is_calm) {
-      is_telling = false;
-      pause_a_little();
-      next = Clock::now();
-      continue;
-    }
-    if (quillon_connection_notify(client.connection, capability, grid_test::payload("told", std::to_string(sent))) ==
-        QUILLON_STATUS_OK)
-      ++sent;
-    is_telling = false;
-    std::this_thread::sleep_until(next);  // Delay: the pace of the notifications
-  }
-}
-
-// Clients that come, ask once, and go.
+// Clients that come, ask the controller, and go: every second one by a drain.
 void visit_on_and_on(test_support::LocalGrid &grid) {
-  while (!is_over) {
-    for (int i = 0; i < 100 && !is_over; ++i) pause_a_little();  // the pace of the visits
-    if (!is_calm) continue;
+  for (Pace pace(kAnswersForAVisit); pace.wait();) {
     Client visitor(grid, "dave");
     visitor.serve();
     // No capability of its own: destroying one ends the announcements of its namesakes in the whole process.
     wb_dom_node *answer = nullptr;
     if (visitor.connect() != QUILLON_STATUS_OK) continue;
-    if (quillon_connection_query_capabilities(visitor.connection, &answer) == QUILLON_STATUS_OK) ++visits;
+    if (quillon_connection_query_capabilities(visitor.connection, &answer) == QUILLON_STATUS_OK) ++counts.visits;
     wb_dom_context_destroy(wb_dom_get_context(answer));
+    if (counts.visits % 2 == 0) quillon_connection_drain(visitor.connection, kDrainMilliseconds);
   }
 }
 
-void connect_again(Client &client) {
-  require(grid_test::eventually([&] { return client.connect() == QUILLON_STATUS_OK; }, kPatience), "a connect");
+// Documents of different lengths, each item looked at; every tenth is broken off.
+void download_on_and_on(test_support::LocalGrid &grid) {
+  grid_test::Download download(grid, "reader", "reader");
+  Pace pace(kAnswersForADocument);
+  for (size_t number = 0; pace.wait(); ++number) {
+    const size_t records = 100 + number % 7 * 100;
+    download.open("records='" + std::to_string(records) + "'");
+    if (number % 10 == 9) {
+      download.next();
+    } else {
+      const size_t items = download.read_numbered();
+      counts.items += items;
+      if (items == records && download.status == QUILLON_STATUS_OK) {
+        ++counts.documents;
+      } else {
+        complain("a document ended early", download.status);
+      }
+    }
+    if (const QUILLON_STATUS status = quillon_bulkdownload_close(download.bulk); status != QUILLON_STATUS_OK) {
+      complain("a document could not be closed", status);
+    }
+  }
 }
 
-// On the one thread of the handlers.
-void count_notification(wb_dom_node *told, void *) {
-  ++received;
-  const uint64_t number = std::strtoul(grid_test::text_of(told).c_str(), nullptr, 10), next = expected;
-  if (number < next) {
-    ++repeated;
-    return;
+// ---- The members
+
+// A client that is brought back by a reconnection, or by hand.
+class Member : public Client {
+ public:
+  Member(test_support::LocalGrid &grid, const std::string &name, bool is_kept_up) : Client(grid, name) {
+    serve();
+    if (!is_kept_up) return;
+    quillon_reconnection_create(&reconnection_, connection);
+    quillon_reconnection_set_delays(reconnection_, 50, 150, 1000);
+    quillon_reconnection_set_jitter(reconnection_, true);
+    const auto count = [](const quillon_reconnection_report *report, void *member) {
+      if (report->state == QUILLON_RECONNECTION_STATE_UP) ++static_cast<Member *>(member)->returns_;
+    };
+    quillon_reconnection_set_report_cb(reconnection_, count, this);
   }
-  skipped += number - next;
-  expected = number + 1;
-}
+  ~Member() { leave(); }
+  Member(const Member &) = delete;
+  Member &operator=(const Member &) = delete;
+
+  void start() {
+    if (reconnection_ != nullptr) require(quillon_reconnection_start(reconnection_) == QUILLON_STATUS_OK, "a reconnection");
+    return_after(0);
+  }
+
+  // For good: afterwards no callback runs.
+  void leave() {
+    if (reconnection_ != nullptr) quillon_reconnection_destroy(std::exchange(reconnection_, nullptr));
+    destroy_connection();
+  }
+
+  uint64_t returns() const { return returns_; }
+
+  // Once more than so many returns ago: the end of the session before may not have been seen yet.
+  void return_after(uint64_t returns) {
+    if (reconnection_ != nullptr) {
+      require(wait_for([&] { return returns_ > returns && is_connected(); }, kPatience), "a return");
+      if (returns != 0) ++counts.returns;
+    } else {
+      require(wait_for([this] { return !is_connected(); }, kPatience), "the end of a session");
+      require(wait_for([this] { return connect() == QUILLON_STATUS_OK; }, kPatience), "a connect");
+    }
+  }
+
+ private:
+  quillon_reconnection *reconnection_ = nullptr;
+  std::atomic<uint64_t> returns_ = 0;
+};
 
 struct Members {
-  explicit Members(test_support::LocalGrid &grid) : answering(grid, "alice"), asking(grid, "bob"), telling(grid, "carol") {
-    // Capabilities are remembered for the whole process: with the first restart all its members publish what one of them does.
-    for (Client *client : {&answering, &asking, &telling}) client->serve();
-    quillon_connection_register_notification_handler(asking.connection, grid_test::kNamespace, "told", count_notification,
-                                                     nullptr);
-    for (Client *client : {&answering, &asking, &telling}) connect_again(*client);
-    answered = answering.add_capability("Soak");
-    asked = asking.add_capability("Soak");
-    told = telling.add_capability("Told");
-    heard = asking.add_capability("Told");
-    quillon_capability_publish(answered, answering.connection);
-    quillon_capability_publish(told, telling.connection);
-    quillon_capability_subscribe(asked, asking.connection);
-    quillon_capability_subscribe(heard, asking.connection);
+  explicit Members(test_support::LocalGrid &grid)
+      : answering(grid, "alice", true),
+        asking(grid, "bob", true),
+        telling(grid, "carol", false),
+        notifications(telling, {&answering, &asking, &telling}) {
+    for (Member *member : all) member->start();
+    // Capabilities are remembered for the whole process: with the first restart all its members announce what one of them does.
+    publish(answering, "Soak");
+    publish(telling, "Told");
+    asked = answers_of(asking, "Soak");
+    for (Member *member : all) told = answers_of(*member, "Told");
+    questions = std::make_unique<Questions>(asking, asked);
+  }
+
+  ~Members() {
+    for (Member *member : all) member->leave();
+  }
+  Members(const Members &) = delete;
+  Members &operator=(const Members &) = delete;
+
+  static void publish(Member &member, const char *name) {
+    require(quillon_capability_publish(member.add_capability(name), member.connection) == QUILLON_STATUS_OK, "a publication");
+  }
+
+  static quillon_capability *answers_of(Member &member, const char *name) {
+    quillon_capability *capability = member.add_capability(name);
+    require(quillon_capability_subscribe(capability, member.connection) == QUILLON_STATUS_OK, "a subscription");
+    return capability;
+  }
+
+  void begin() {
+    phase.may_ask = phase.is_calm = true;
+    notifications.resume();
+  }
+
+  void pause_notifications() {
+    phase.is_calm = false;
+    require(notifications.pause(), "the end of a notify");
+  }
+
+  // Nothing more is sent, and what was sent arrives.
+  void quieten() {
+    pause_notifications();
+    phase.may_ask = false;
+    notifications.end_series();
+    require(wait_for([this] { return questions->is_at_rest(); }, kPatience), "the end of all queries");
+  }
+
+  void wait_for_publishers() {
+    require(wait_for([this] { return grid_test::publishers(asked) != 0; }, kPatience), "a publisher");
   }
 
   // Every second time in the midst of the traffic.
   void restart(test_support::LocalGrid &grid) {
-    const bool is_sudden = restarts % 2 == 1;
-    ++upheavals;
-    lost += skipped.exchange(0);
-    if (!is_sudden) quieten(true);
-    grid.server_stop();
-    is_calm = false;
-    grid.server_start();
-    for (Client *client : {&answering, &asking, &telling}) {
-      // The end of the old session may not have been seen yet.
-      require(grid_test::eventually([&] { return !client->is_connected(); }, kPatience), "the end of a session");
-      connect_again(*client);
+    const bool is_sudden = counts.restarts % 2 == 1;
+    ++phase.upheavals;
+    if (is_sudden) {
+      notifications.count_gaps();
+    } else {
+      quieten();
     }
-    require(grid_test::eventually([&] { return grid_test::publishers(asked) != 0; }, kPatience), "a publisher");
-    if (is_sudden) quieten(false);
-    ++restarts;
-    ++upheavals;
-    is_calm = true;
+    const uint64_t answering_returns = answering.returns(), asking_returns = asking.returns();
+    grid.server_stop();
+    pause_notifications();
+    phase.may_ask = false;
+    grid.server_start();
+    answering.return_after(answering_returns);
+    asking.return_after(asking_returns);
+    telling.return_after(0);
+    wait_for_publishers();
+    if (is_sudden) notifications.give_up_series();
+    ++counts.restarts;
+    ++phase.upheavals;
+    begin();
   }
 
-  // Nothing more is sent. What was sent arrives, unless the server went meanwhile.
-  void quieten(bool is_served) {
-    is_calm = false;
-    require(grid_test::eventually([] { return !is_telling; }, kPatience), "the end of a notify");
-    if (is_served && !grid_test::eventually([] { return expected >= sent; })) lost += sent - expected;
-    const auto has_handled_all = [this] {
-      quillon_handler_queue_usage queue = {.depth = 1, .highest = 0, .dropped = 0};
-      quillon_connection_get_handler_queue_usage(asking.connection, QUILLON_HANDLER_QUEUE_NOTIFICATIONS, &queue);
-      return queue.depth == 0;
-    };
-    require(grid_test::eventually(has_handled_all, kPatience), "the end of the notifications' queue");
-    pause_a_little();  // the last one may be in its handler
-    const uint64_t gaps = skipped.exchange(0);
-    if (is_served) lost += gaps;
-    expected = sent.load();
+  // The queries go on: none that was sent may stay without an answer.
+  void drain_asker() {
+    pause_notifications();
+    notifications.end_series();
+    ++phase.departures;
+    const uint64_t returns = asking.returns();
+    require(quillon_connection_drain(asking.connection, kDrainMilliseconds) == QUILLON_STATUS_OK, "the end of a drain");
+    asking.return_after(returns);
+    wait_for_publishers();
+    ++counts.drains;
+    ++phase.departures;
+    begin();
   }
 
-  Client answering, asking, telling;
-  quillon_capability *answered, *asked, *told, *heard;
+  // What was sent before arrives all the same, but at the one who sent it.
+  void renew_teller() {
+    pause_notifications();
+    require(quillon_connection_renew(telling.connection, kDrainMilliseconds) == QUILLON_STATUS_OK, "the end of a renewal");
+    notifications.end_series(&telling);
+    ++counts.renewals;
+    begin();
+  }
+
+  size_t queue_highest() {
+    quillon_handler_queue_usage queue = {};
+    quillon_connection_get_handler_queue_usage(asking.connection, QUILLON_HANDLER_QUEUE_NOTIFICATIONS, &queue);
+    return queue.highest;
+  }
+
+  Member answering, asking, telling;
+  const std::vector<Member *> all = {&answering, &asking, &telling};
+  Notifications notifications;  // of telling, to all
+  quillon_capability *asked = nullptr, *told = nullptr;
+  std::unique_ptr<Questions> questions;
 };
+
+// Restarts, and half-way between them a drain or a renewal.
+void disturb(Members &members, test_support::LocalGrid &grid, Clock::time_point begun, Clock::time_point end,
+             std::chrono::seconds between_restarts) {
+  unsigned halves = 1;
+  for (auto next = begun + between_restarts / 2; next < end; next = begun + ++halves * between_restarts / 2) {
+    std::this_thread::sleep_until(next);  // Delay: the time between disturbances
+    if (halves % 2 == 0) {
+      members.restart(grid);
+    } else if (halves % 4 == 1) {
+      members.drain_asker();
+    } else {
+      members.renew_teller();
+    }
+  }
+  std::this_thread::sleep_until(end);  // Delay: the length of the run
+}
 
 int run(std::chrono::seconds time, std::chrono::seconds between_restarts) {
   test_support::LocalGrid grid;
   Members members(grid);
-  is_calm = true;
+  members.begin();
   std::vector<std::thread> threads;
   for (unsigned i = 0; i < kAskers; ++i) threads.emplace_back([&, i] { ask_on_and_on(members.asking, members.asked, i); });
-  threads.emplace_back([&] { tell_on_and_on(members.telling, members.told); });
+  threads.emplace_back([&] { members.questions->run(); });
+  threads.emplace_back([&] { members.notifications.run(members.told); });
   threads.emplace_back([&] { visit_on_and_on(grid); });
+  threads.emplace_back([&] { download_on_and_on(grid); });
   const auto begun = Clock::now();
-  std::thread sampling([&] {
-    for (int i = 1; !is_over; ++i) {
+  const auto print = [&] { print_sample(std::chrono::duration<double>(Clock::now() - begun).count(), members.queue_highest()); };
+  threads.emplace_back([&] {
+    for (int i = 1; !phase.is_over; ++i) {
       std::this_thread::sleep_until(begun + std::chrono::seconds(i));  // Delay: a sample each second
-      print_sample(std::chrono::duration<double>(Clock::now() - begun).count(), members.asking);
+      print();
     }
   });
   int code = 0;
   try {
-    for (auto next = begun + between_restarts; next < begun + time; next += between_restarts) {
-      std::this_thread::sleep_until(next);  // Delay: the time between restarts
-      members.restart(grid);
-    }
-    std::this_thread::sleep_until(begun + time);  // Delay: the length of the run
-    members.quieten(true);
+    disturb(members, grid, begun, begun + time, between_restarts);
+    members.quieten();
   } catch (const std::exception &failed) {
     std::fprintf(stderr, "soak_load: %s\n", failed.what());
     code = 1;
   }
-  is_over = true;
+  members.notifications.end_run();
   for (std::thread &thread : threads) thread.join();
-  sampling.join();
-  print_sample(std::chrono::duration<double>(Clock::now() - begun).count(), members.asking);  // with the last losses
-  return code;
+  print();  // with the last losses
+  return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : code;
 }
 
 }  // namespace
