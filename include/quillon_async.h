@@ -104,7 +104,8 @@ QUILLON_API void quillon_pending_query_destroy(quillon_pending_query *pending);
  *          that are running, unless they drain the connection too.
  * Thread:  any but the event loop's.
  * Returns: QUILLON_STATUS_OK            everything had ended before the deadline, also without a session
- *          QUILLON_STATUS_SEND_TIMEOUT  something was cut short; the session is ended all the same
+ *          QUILLON_STATUS_SEND_TIMEOUT  something was cut short; the session is ended all the same, unless a callback that does
+ *                                       not return holds the event loop up: then it ends, and callbacks with it, once that has
  *          QUILLON_STATUS_SEND_ERROR    called on the event loop: nothing was done
  *          QUILLON_STATUS_MALLOC_ERROR  memory is exhausted, and the session may still be up */
 QUILLON_API QUILLON_STATUS quillon_connection_drain(quillon_connection *connection, uint32_t milliseconds);

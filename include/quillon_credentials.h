@@ -76,6 +76,7 @@ QUILLON_API QUILLON_STATUS quillon_config_get_credentials_info(const quillon_con
  * Blocks:  as both, one after the other; milliseconds are the drain's.
  * Thread:  any but the event loop's and the callbacks of the connection.
  * Returns: what quillon_connection_connect does, or
+ *          QUILLON_STATUS_SEND_TIMEOUT   also when the old session has not ended, see quillon_connection_drain: nothing connects
  *          QUILLON_STATUS_NO_CONNECTION  it is not part of the grid: nothing was done
  *          QUILLON_STATUS_SEND_ERROR     called on the event loop: nothing was done */
 QUILLON_API QUILLON_STATUS quillon_connection_renew(quillon_connection *connection, uint32_t milliseconds);

@@ -49,7 +49,24 @@ class Leaving {
   qlk::ConnectionPrivate &extra_;
 };
 
-QUILLON_STATUS drain(quillon_connection &connection, SteadyClock::time_point deadline) {
+// The session that is up, or may come up; 0 for none.
+unsigned live_session(const quillon_connection &connection) {
+  const std::lock_guard lock(connection.extra->mutex);
+  const qlk::SessionState &session = connection.extra->session;
+  return session.open && (session.wanted || connection.is_xmpp_connected) ? session.number : 0;
+}
+
+// Ends the session. OK also when its end did not come in time, as the event loop is held up: has_ended tells.
+QUILLON_STATUS leave(quillon_connection &connection, bool &has_ended) {
+  const unsigned session = live_session(connection);
+  const QUILLON_STATUS status = quillon_connection_disconnect(&connection);
+  has_ended = session == 0 || connection.extra->destroyed || live_session(connection) != session;
+  return status;
+}
+
+// has_ended: whether the session is over when this returns.
+QUILLON_STATUS drain(quillon_connection &connection, SteadyClock::time_point deadline, bool &has_ended) {
+  has_ended = true;
   const Leaving leaving(connection);
   const Drained drained(connection);
   const std::atomic<bool> &is_destroyed = connection.extra->destroyed;
@@ -60,20 +77,22 @@ QUILLON_STATUS drain(quillon_connection &connection, SteadyClock::time_point dea
   // Their answers need the session.
   in_time = drained.query->request_handler.wait_until_idle(deadline) && in_time;
   if (is_destroyed) return QUILLON_STATUS_OK;
-  const QUILLON_STATUS status = quillon_connection_disconnect(&connection);
+  const QUILLON_STATUS status = leave(connection, has_ended);
   // Callbacks that still run may be about to return only now that the session has ended.
   drained.calls->wait_until_quiet();
   if (is_destroyed) return QUILLON_STATUS_OK;
   in_time = drained.query->request_handler.settle(deadline) && in_time;
   in_time = drained.notification->notf_handler.settle(deadline) && in_time;
   if (status != QUILLON_STATUS_OK) return status;
-  return in_time ? QUILLON_STATUS_OK : QUILLON_STATUS_SEND_TIMEOUT;
+  return in_time && has_ended ? QUILLON_STATUS_OK : QUILLON_STATUS_SEND_TIMEOUT;
 }
 
 QUILLON_STATUS renew(quillon_connection &connection, uint32_t milliseconds) {
   const Leaving leaving(connection);
-  const QUILLON_STATUS status = drain(connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds));
-  if (status != QUILLON_STATUS_OK && status != QUILLON_STATUS_SEND_TIMEOUT) return status;
+  bool has_ended = false;
+  const QUILLON_STATUS status = drain(connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds), has_ended);
+  // A connect would take the old session for the new one.
+  if (!has_ended || (status != QUILLON_STATUS_OK && status != QUILLON_STATUS_SEND_TIMEOUT)) return status;
   return qlk::connect(connection, nullptr, 1);
 }
 
@@ -86,7 +105,9 @@ QUILLON_STATUS quillon_connection_drain(quillon_connection *connection, uint32_t
     wb_log(WB_LOG_ERROR, "quillon_connection_drain cannot wait on the event loop thread");
     return QUILLON_STATUS_SEND_ERROR;
   }
-  return qlk::guarded(__func__, [&] { return drain(*connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds)); });
+  bool has_ended = false;
+  return qlk::guarded(
+      __func__, [&] { return drain(*connection, SteadyClock::now() + std::chrono::milliseconds(milliseconds), has_ended); });
 }
 
 QUILLON_STATUS quillon_connection_renew(quillon_connection *connection, uint32_t milliseconds) {

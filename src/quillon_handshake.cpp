@@ -223,10 +223,12 @@ QUILLON_STATUS begin_session(quillon_connection &connection) {
   qlk::enter_loop(connection);
   wb_err err = {};
   bool begun = false;
-  connection.extra->gate->use([&](wb_client *client) { begun = wb_client_connect(client, connection.wb_config, &err); });
+  const bool is_there =
+      connection.extra->gate->use([&](wb_client *client) { begun = wb_client_connect(client, connection.wb_config, &err); });
   if (!begun) {
     forget_session(*connection.extra);
     qlk::leave_loop(connection);
+    if (!is_there) return fail("the connection is destroyed while it connects", QUILLON_STATUS_CONNECTION_ERROR);
     wb_log_err(WB_LOG_ERROR, &err, "could not connect to specified server");
     return QUILLON_STATUS_WB_ERROR;
   }

@@ -169,7 +169,8 @@ class connection {
   // quillon_connection_drain.
   // Blocks:  until all has ended, at most so long and what disconnect takes; longer only for handlers that are running.
   // Thread:  any but the event loop's; every other handler may call it.
-  // Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_SEND_TIMEOUT when something was cut short
+  // Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_SEND_TIMEOUT when something was cut short, or a handler on the event loop does
+  //          not return and the session has not ended yet
   result<> drain(std::chrono::milliseconds within) noexcept {
     return quillon_connection_drain(handle(), detail::whole_milliseconds(within));
   }

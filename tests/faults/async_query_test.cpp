@@ -387,6 +387,28 @@ TEST_F(Drain, CutsShortWhatIsLeftAtTheDeadline) {
   EXPECT_TRUE(testpeer::eventually(kSoon, [this] { return heard_ == 2; })) << "what waited is gone, what comes is heard";
 }
 
+TEST_F(Drain, TellsOfASessionThatDoesNotEndWhileTheEventLoopIsHeldUp) {
+  ASSERT_NO_FATAL_FAILURE(connect({}));
+  struct Holding {
+    testpeer::Latch is_inside, may_go_on;
+  } holding;
+  const auto hold = [](quillon_connection *, QUILLON_TRACE_DIRECTION, const char *, size_t, void *given) {
+    static_cast<Holding *>(given)->is_inside.count_down();
+    static_cast<Holding *>(given)->may_go_on.wait(kSoon);
+  };
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_connection_set_stanza_trace(connection(), hold, &holding));
+  peer_->notify("<news xmlns='urn:test'/>");
+  ASSERT_TRUE(holding.is_inside.wait(kSoon));
+  EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, drain());
+  EXPECT_EQ(QUILLON_STATUS_SEND_TIMEOUT, quillon_connection_renew(connection(), kLong));
+  EXPECT_TRUE(application_.is_connected());
+  holding.may_go_on.count_down();
+  EXPECT_TRUE(application_.wait_ended());
+  EXPECT_EQ(QUILLON_STATUS_OK, application_.connect());
+  EXPECT_EQ(QUILLON_STATUS_OK, drain());
+  application_.destroy_connection();
+}
+
 // Each waits for the others' threads, but not for those that wait for it.
 TEST_F(Drain, MayBeCalledByAllCallbacksAtOnce) {
   ASSERT_NO_FATAL_FAILURE(connect({"silent"}));
