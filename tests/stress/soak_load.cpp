@@ -31,17 +31,25 @@ constexpr uint32_t kDrainMilliseconds = 60'000;
 
 // ---- Beside the members
 
-// Clients that come, ask the controller, and go: every second one by a drain.
+// A client that comes, asks the controller, and goes: every second one by a drain. Tells what did not succeed.
+QUILLON_STATUS visit(Client &visitor) {
+  // No capability of its own: destroying one ends the announcements of its namesakes in the whole process.
+  visitor.serve();
+  wb_dom_node *answer = nullptr;
+  QUILLON_STATUS status = visitor.connect();
+  if (status != QUILLON_STATUS_OK) return status;
+  status = quillon_connection_query_capabilities(visitor.connection, &answer);
+  wb_dom_context_destroy(wb_dom_get_context(answer));
+  if (status != QUILLON_STATUS_OK || ++counts.visits % 2 != 0) return status;
+  return quillon_connection_drain(visitor.connection, kDrainMilliseconds);
+}
+
 void visit_on_and_on(test_support::LocalGrid &grid) {
   for (Pace pace(kAnswersForAVisit); pace.wait();) {
+    const Moment moment;
     Client visitor(grid, "dave");
-    visitor.serve();
-    // No capability of its own: destroying one ends the announcements of its namesakes in the whole process.
-    wb_dom_node *answer = nullptr;
-    if (visitor.connect() != QUILLON_STATUS_OK) continue;
-    if (quillon_connection_query_capabilities(visitor.connection, &answer) == QUILLON_STATUS_OK) ++counts.visits;
-    wb_dom_context_destroy(wb_dom_get_context(answer));
-    if (counts.visits % 2 == 0) quillon_connection_drain(visitor.connection, kDrainMilliseconds);
+    const QUILLON_STATUS status = visit(visitor);
+    if (status != QUILLON_STATUS_OK && !moment.is_of_restart()) complain("a visit failed", status);
   }
 }
 
@@ -261,8 +269,9 @@ int run(std::chrono::seconds time, std::chrono::seconds between_restarts) {
   const auto begun = Clock::now();
   const auto print = [&] { print_sample(std::chrono::duration<double>(Clock::now() - begun).count(), members.queue_highest()); };
   threads.emplace_back([&] {
-    for (int i = 1; !phase.is_over; ++i) {
-      std::this_thread::sleep_until(begun + std::chrono::seconds(i));  // Delay: a sample each second
+    while (!phase.is_over) {
+      const auto second = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begun) + 1s;
+      std::this_thread::sleep_until(begun + second);  // Delay: a sample each second
       print();
     }
   });
@@ -285,6 +294,7 @@ int run(std::chrono::seconds time, std::chrono::seconds between_restarts) {
 int main(int argc, char **argv) {
   if (argc != 3) return std::fprintf(stderr, "usage: soak_load SECONDS RESTART-SECONDS\n"), 2;
   quillon_log_set_level(QUILLON_LOG_NONE);
+  unsetenv("GLIBC_TUNABLES");  // what this program's allocator was told is not meant for the servers
   try {
     return run(std::chrono::seconds(std::strtol(argv[1], nullptr, 10)), std::chrono::seconds(std::strtol(argv[2], nullptr, 10)));
   } catch (const std::exception &failed) {

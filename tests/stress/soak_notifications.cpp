@@ -7,7 +7,7 @@ namespace soak {
 
 namespace {
 
-constexpr uint64_t kUnderWay = 32;
+constexpr uint64_t kUnderWay = 20;
 constexpr std::chrono::seconds kArrival{30};
 
 }  // namespace

@@ -41,7 +41,7 @@ class Questions {
 
   grid_test::Client &client_;
   quillon_capability *const capability_;
-  std::array<Question, 48> questions_;
+  std::array<Question, 64> questions_;
 };
 
 }  // namespace soak
