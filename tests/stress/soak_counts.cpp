@@ -20,6 +20,8 @@ size_t count_entries(const char *folder) {
   return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator()));
 }
 
+size_t used_kib() { return mallinfo2().uordblks / 1024; }
+
 size_t resident_kib() {
   std::ifstream status("/proc/self/status");
   std::string line;
@@ -67,16 +69,25 @@ bool Pace::wait() {
   return !phase.is_over;
 }
 
+void note_low() {
+  size_t low = used_kib();
+  for (int i = 0; i < 20; ++i) {
+    pause_a_little();
+    low = std::min(low, used_kib());
+  }
+  counts.low_kib = low;
+}
+
 void print_sample(double seconds, size_t queue_highest) {
   const Latencies::Summary sync = sync_latencies.take(), async = async_latencies.take();
-  std::printf("%.1f %d %zu %zu %zu %zu %u %u %u", seconds, phase.is_calm ? 1 : 0, resident_kib(), mallinfo2().uordblks / 1024,
+  std::printf("%.1f %d %zu %zu %zu %zu %u %u %u", seconds, phase.is_calm ? 1 : 0, resident_kib(), used_kib(),
               count_entries("/proc/self/fd"), count_entries("/proc/self/task"), sync.median, sync.high, async.median);
   for (const auto *count : {&counts.answers, &counts.async_answers, &counts.disturbed, &counts.refused, &counts.wrong,
                             &counts.sent, &counts.received, &counts.lost, &counts.repeated, &counts.documents, &counts.items,
                             &counts.restarts, &counts.visits, &counts.drains, &counts.renewals, &counts.returns}) {
     std::printf(" %lu", count->load());
   }
-  std::printf(" %zu\n", queue_highest);
+  std::printf(" %zu %zu\n", counts.low_kib.load(), queue_highest);
   std::fflush(stdout);
 }
 

@@ -24,6 +24,7 @@ struct Counts {
   std::atomic<uint64_t> documents = 0, items = 0;        // of the bulk service
   std::atomic<uint64_t> restarts = 0, visits = 0, drains = 0, renewals = 0;
   std::atomic<uint64_t> returns = 0;  // of members, brought about by a reconnection
+  std::atomic<size_t> low_kib = 0;    // in use at the last restart, when no session was up
 };
 inline Counts counts;
 
@@ -84,6 +85,9 @@ class Pace {
   const uint64_t answers_;
   uint64_t next_ = 0;
 };
+
+// Notes the least memory that is in use during a fraction of a second.
+void note_low();
 
 // One line on the standard output: what the process holds, and how far it has come.
 void print_sample(double seconds, size_t queue_highest);

@@ -3,6 +3,7 @@
 // them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -192,6 +193,9 @@ struct Members {
     grid.server_stop();
     pause_notifications();
     phase.may_ask = false;
+    const auto is_away = [](Member *member) { return !member->is_connected(); };
+    require(wait_for([&] { return std::all_of(all.begin(), all.end(), is_away); }, kPatience), "the end of the sessions");
+    note_low();
     grid.server_start();
     answering.return_after(answering_returns);
     asking.return_after(asking_returns);
