@@ -65,6 +65,14 @@ constexpr Way kWays[] = {
                                             [](quillon_connection *, QUILLON_STATUS, void *given) { Brief::of(given).end(); });
        connect(brief.connection);
      }},
+    {"account_cb",
+     [](Brief &brief, const Servers &servers) {
+       quillon_connection_set_account_cb_user_data(brief.connection, &brief);
+       quillon_connection_set_account_cb(brief.connection,
+                                         [](quillon_connection *, QUILLON_STATUS, void *given) { Brief::of(given).end(); });
+       connect(brief.connection);
+       servers.speak();
+     }},
     {"ssl_ctx_cb",
      [](Brief &brief, const Servers &) {
        quillon_connection_set_ssl_ctx_cb_user_data(brief.connection, &brief);

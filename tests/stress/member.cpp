@@ -25,24 +25,32 @@ void expect_number(const wb_dom_node *answer, size_t number) {
 
 // ---- Callbacks
 
-void on_connect(quillon_connection *, void *watch) { Watch::of(watch).seen(Watch::of(watch).connected); }
-void on_disconnect(quillon_connection *, QUILLON_STATUS, void *watch) { Watch::of(watch).seen(Watch::of(watch).disconnected); }
-void on_account(quillon_connection *, QUILLON_STATUS, void *watch) { Watch::of(watch).seen(Watch::of(watch).received); }
-void on_stanza(quillon_connection *, QUILLON_TRACE_DIRECTION, const char *, size_t, void *watch) {
-  Watch::of(watch).seen(Watch::of(watch).traced);
+// Counts the call, and now and then does something.
+void count_and_act(Watch &watch, std::atomic<unsigned> &counter, unsigned every) {
+  const unsigned count = watch.seen(counter);
+  if (count % every == 0 && !watch.is_quiet) do_within_callback(watch.connection, count / every);
 }
 
-// Handlers, most of which only count.
-void on_news(wb_dom_node *, void *given) {
-  Watch &watch = Watch::of(given);
-  watch.seen(watch.received);
-  if (watch.received % 64 == 0) do_within_callback(watch.connection, watch.received / 64);
-}
-wb_dom_node *on_query(wb_dom_node *request, void *given) {
-  Watch &watch = Watch::of(given);
-  watch.seen(watch.received);
-  if (watch.received % 64 == 1) do_within_callback(watch.connection, watch.received / 64);
+void on_connect(quillon_connection *, void *watch) { count_and_act(Watch::of(watch), Watch::of(watch).connected, 4); }
+void on_account(quillon_connection *, QUILLON_STATUS, void *watch) { count_and_act(Watch::of(watch), Watch::of(watch).told, 4); }
+void on_news(wb_dom_node *, void *watch) { count_and_act(Watch::of(watch), Watch::of(watch).received, 64); }
+wb_dom_node *on_query(wb_dom_node *request, void *watch) {
+  count_and_act(Watch::of(watch), Watch::of(watch).received, 64);
   return request;
+}
+
+// On the event loop, where what would block is refused.
+void on_disconnect(quillon_connection *connection, QUILLON_STATUS, void *given) {
+  Watch &watch = Watch::of(given);
+  if (watch.seen(watch.disconnected) % 4 != 0 || watch.is_quiet) return;
+  begin_to_ask(nullptr, watch, 500, 1);
+  EXPECT_EQ(QUILLON_STATUS_SEND_ERROR, quillon_connection_drain(connection, 100));
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, quillon_connection_connect(connection));
+  EXPECT_NE(QUILLON_STATUS_OK, ask(connection, nullptr));
+}
+void on_stanza(quillon_connection *, QUILLON_TRACE_DIRECTION, const char *, size_t, void *given) {
+  Watch &watch = Watch::of(given);
+  if (watch.seen(watch.traced) % 64 == 0 && !watch.is_quiet) begin_to_ask(nullptr, watch, 500, 0);
 }
 
 void expect_outcome(const quillon_query_result &result, size_t number) {
@@ -62,6 +70,13 @@ void expect_outcome(const quillon_query_result &result, size_t number) {
   if (!is_answered) return;
   expect_number(result.response, number);
   ++asynchronous_answers;
+  // The response is freed by whoever comes next.
+  static std::mutex mutex;
+  static Node kept;
+  EXPECT_TRUE(wb_dom_context_retain(wb_dom_get_context(result.response), nullptr));
+  Node response(result.response);
+  const std::lock_guard lock(mutex);
+  kept.swap(response);
 }
 
 void on_done(const quillon_query_result *result, void *given) {
@@ -71,7 +86,7 @@ void on_done(const quillon_query_result *result, void *given) {
   watch.seen(watch.ended);
   expect_outcome(*result, question.number);
   if (question.followers > 0) begin_to_ask(nullptr, watch, 500, question.followers - 1);
-  if (question.number % 16 == 0) do_within_callback(watch.connection, question.number / 16);
+  if (question.number % 16 == 0 && !watch.is_quiet) do_within_callback(watch.connection, question.number / 16);
 }
 
 }  // namespace
@@ -142,6 +157,13 @@ void register_handlers(quillon_connection *connection, Watch &watch) {
   if (watch.received % 4 != 0) return;  // notification handlers add up
   EXPECT_EQ(QUILLON_STATUS_OK,
             quillon_connection_register_notification_handler(connection, "urn:stress", "news", on_news, &watch));
+}
+
+void set_reports(quillon_reconnection *reconnection, Watch &watch) {
+  const auto on_report = [](const quillon_reconnection_report *, void *given) {
+    count_and_act(Watch::of(given), Watch::of(given).reported, 2);
+  };
+  EXPECT_EQ(QUILLON_STATUS_OK, quillon_reconnection_set_report_cb(reconnection, on_report, &watch));
 }
 
 void set_trace(quillon_connection *connection, Watch &watch, bool is_on) {

@@ -28,13 +28,14 @@ struct Question {
 
 // What callbacks are given. It outlives its connection, so that a call that comes too late is seen.
 struct Watch {
-  quillon_connection *connection = nullptr;  // for callbacks
-  std::atomic<bool> is_gone = false;
-  std::atomic<unsigned> late = 0, connected = 0, disconnected = 0, received = 0, traced = 0, reported = 0, ended = 0;
+  quillon_connection *connection = nullptr;             // for callbacks
+  std::atomic<bool> is_gone = false, is_quiet = false;  // quiet: its callbacks do nothing any more but count
+  std::atomic<unsigned> late = 0, connected = 0, disconnected = 0, told = 0, received = 0, traced = 0, reported = 0, ended = 0;
 
-  void seen(std::atomic<unsigned> &counter) {
-    ++counter;
+  // How often it was, now.
+  unsigned seen(std::atomic<unsigned> &counter) {
     if (is_gone) ++late;
+    return ++counter;
   }
   static Watch &of(void *watch) { return *static_cast<Watch *>(watch); }
 
@@ -65,6 +66,7 @@ Member make_member(std::vector<std::string> hosts, Watch &watch, Random &random)
 
 void set_callbacks(quillon_connection *connection, Watch &watch, bool has_account_cb = true);
 void register_handlers(quillon_connection *connection, Watch &watch);
+void set_reports(quillon_reconnection *reconnection, Watch &watch);
 void set_trace(quillon_connection *connection, Watch &watch, bool is_on);
 void set_credentials(quillon_config *config, const testpeer::Credentials &credentials);
 quillon_statistics statistics_of(const quillon_connection *connection);

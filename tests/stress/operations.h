@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <utility>
 #include <vector>
 
 #include "member.h"
@@ -49,6 +50,7 @@ class Stress {
   // With the slot's mutex shared.
   void begin_query(Slot &slot, Random &random);
   void cancel_query(Slot &slot, Random &random);
+  void ask_controller(Slot &slot, Random &random);
   void keep_up(Slot &slot, Random &random);
   void renew(Slot &slot, Random &random);
   void reload_credentials(Slot &slot, Random &random);
@@ -74,6 +76,8 @@ class Stress {
   std::mutex pending_mutex_;
   std::deque<quillon_pending_query *> pending_;
   std::mutex names_mutex_;  // both names of credentials are set at once
+  std::mutex slowest_mutex_;
+  std::pair<std::chrono::steady_clock::duration, const char *> slowest_ = {};  // how long it took, and what
   std::atomic<size_t> operations_ = 0, made_ = 0, items_ = 0;
 };
 

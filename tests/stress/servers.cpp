@@ -23,8 +23,8 @@ constexpr size_t kBadPeers = 4, kBadServices = 2;
 #define NEWS "<news xmlns='urn:stress'/>"
 #define FROM_CONTROLLER(payload) \
   "<message from='" CONTROLLER_JID "'><grid xmlns='quillon' type='notification'>" payload "</grid></message>"
-#define SAYS_OF_ACCOUNT(state) \
-  FROM_CONTROLLER("<connectionUpdateNotification xmlns='" GRID_NS "'><status>" state "</status></connectionUpdateNotification>")
+#define ACCOUNT_IS(state) \
+  "<connectionUpdateNotification xmlns='" GRID_NS "'><status>" state "</status></connectionUpdateNotification>"
 constexpr char kAsked[] = "<iq type='get' id='stress' from='bob@" GRID_DOMAIN
                           "/qlk'><grid xmlns='quillon' type='request'><asked xmlns='urn:stress'/></grid></iq>";
 
@@ -98,7 +98,8 @@ void harm_session(testpeer::Connection &session, Random &random) {
       session.stop_reading();
       return session.resume_reading();
     case 7:
-      session.send(once_in(random, 2) ? SAYS_OF_ACCOUNT("authorizationChanged") : SAYS_OF_ACCOUNT("enabled"));
+      session.send(once_in(random, 2) ? FROM_CONTROLLER(ACCOUNT_IS("authorizationChanged"))
+                                      : FROM_CONTROLLER(ACCOUNT_IS("enabled")));
       return;
     default:
       return send_much(session);
@@ -174,8 +175,7 @@ void Servers::harm(Random &random) {
 }
 
 void Servers::speak() const {
-  peers_[0]->notify(NEWS);
-  peers_[0]->send(kAsked);
+  for (const char *said : {FROM_CONTROLLER(NEWS), FROM_CONTROLLER(ACCOUNT_IS("enabled")), kAsked}) peers_[0]->send(said);
 }
 
 std::string Servers::random_document(Random &random, bool is_silent) const {

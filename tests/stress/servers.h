@@ -41,7 +41,7 @@ class Servers {
   std::vector<std::string> hosts() const;
   // Something befalls a session that is up, or a server is replaced by another, on another port.
   void harm(Random &random);
-  // The good server sends each of its sessions a notification and a query.
+  // The good server sends each of its sessions a notification, a word on the account, and a query.
   void speak() const;
 
   std::string good_document() const { return services_[0]->url("/whole"); }
