@@ -555,7 +555,8 @@ QUILLON_API QUILLON_STATUS quillon_init(void);
 
 /* Takes the library down; it may be brought up again. It also runs when the process exits, but not at dlclose, after which the
  * library stays in the process. Destroy the connections first: those left lose their sessions without a callback and can only be
- * destroyed.
+ * destroyed; calls on them that wait on other threads return. At the exit of the process downloads that are open are broken off
+ * too, for which it takes up to 3 seconds.
  *   A child that fork makes while the library is up has none of its threads, and what it has open is the parent's: quillon_init
  * fails there with QUILLON_STATUS_WB_ERROR, this function and quillon_connection_destroy do nothing, and nothing else may be
  * called. The child may end or call exec; the parent's sessions do not notice.

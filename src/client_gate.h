@@ -7,8 +7,10 @@
 #include <condition_variable>
 #include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <vector>
 
 namespace qlk {
 
@@ -85,6 +87,19 @@ class ClientGate {
   std::mutex waiters_mutex_;
   std::list<Waiter> waiters_;  // under waiters_mutex_
   bool closed_ = false;        // under waiters_mutex_
+};
+
+// The gates of the connections there are, so that all can be closed at once.
+class OpenGates {
+ public:
+  // Throws std::bad_alloc. Any thread, as what follows.
+  void add(const std::shared_ptr<ClientGate> &gate);
+  void close_all();
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::weak_ptr<ClientGate>> gates_;  // under mutex_, those of connections that are gone too
+  size_t swept_ = 16;                             // so many are looked through for these
 };
 
 }  // namespace qlk

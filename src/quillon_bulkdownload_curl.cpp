@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "bulk_transfers.h"
 #include "guard.h"
 #include "owners.h"
 #include "pthread_lock.h"
@@ -250,12 +251,7 @@ qlk::BulkDownloadErrorCode qlk::curlInvoke(quillon_bulkdownload_iter *iter) {
 
 qlk::BulkDownloadErrorCode qlk::curlEnd(quillon_bulkdownload_iter *iter) {
   if (iter == nullptr) return eERR_FAILED;
-  ThrdsSharedData &shared = iter->thrdsSharedData;
-  {
-    const PthreadLock lock(shared.mutex);
-    shared.stopWrite = true;
-    pthread_cond_signal(&shared.notFull);
-  }
+  stop_transfer(iter->thrdsSharedData);
   const bool joined = iter->is_started && pthread_join(iter->thrd, nullptr) == 0;
   iter->is_started = false;
   if (joined) return eERR_SUCC;
@@ -283,8 +279,13 @@ void *qlk::curlThrdFunc(void *userdata) {
     if (iter != nullptr) finish(iter->thrdsSharedData);
     return nullptr;
   }
-  Transfer transfer;
-  perform(transfer, *iter);
+  const QUILLON_STATUS performed = guarded(__func__, [&]() -> QUILLON_STATUS {
+    const BulkTransfer under_way(iter->thrdsSharedData);
+    Transfer transfer;
+    perform(transfer, *iter);
+    return QUILLON_STATUS_OK;
+  });
+  if (performed != QUILLON_STATUS_OK) fail_for_memory(*iter->bulkdownload);
   finish(iter->thrdsSharedData);
   return nullptr;
 }

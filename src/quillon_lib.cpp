@@ -191,7 +191,9 @@ void quillon_shutdown(void) {
     const std::lock_guard lock(lifecycle_mutex);
     if (qlk::g_Qln_Lib == nullptr) return wb_log(WB_LOG_INFO, "quillon library is already uninitialized");
     std::shared_ptr<_quillon_lib_obj> lib = std::move(std::exchange(qlk::g_Qln_Lib, nullptr)->self);
-    lib->loop->close();  // before anything goes that a session still up might be using
+    // Before anything goes that a session still up might be using, on the loop or on a thread that sends.
+    lib->gates.close_all();
+    lib->loop->close();
     if (lib->loop.use_count() > 1) wb_log(WB_LOG_WARN, "the event loop stays until the last connection is destroyed");
     lib.reset();
     wb_tls_terminate();

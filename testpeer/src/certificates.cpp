@@ -8,6 +8,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 #include <stdlib.h>
+#include <unistd.h>
 #include <qlk/testpeer/certificates.hpp>
 
 #include <cstdio>
@@ -148,11 +149,13 @@ const char *usage_name(Usage usage) {
 
 }  // namespace
 
-TemporaryFolder::TemporaryFolder() : path_((std::filesystem::temp_directory_path() / "testpeer-XXXXXX").string()) {
+TemporaryFolder::TemporaryFolder()
+    : path_((std::filesystem::temp_directory_path() / "testpeer-XXXXXX").string()), process_(getpid()) {
   if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("cannot make the temporary folder " + path_);
 }
 
 TemporaryFolder::~TemporaryFolder() {
+  if (getpid() != process_) return;
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
 }

@@ -10,7 +10,7 @@
 
 namespace testpeer {
 
-// A folder of the system's temporary one; its destructor removes it with everything in it.
+// A folder of the system's temporary one; its destructor removes it with everything in it, but for a child made by fork.
 class TemporaryFolder {
  public:
   TemporaryFolder();
@@ -24,6 +24,7 @@ class TemporaryFolder {
 
  private:
   std::string path_;
+  long process_;  // that made it
 };
 
 // Paths of PEM files; they live as long as the authority that issued them. The pass phrase is empty when the key is not
