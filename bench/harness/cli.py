@@ -34,7 +34,7 @@ def rotated(items, number):
 def measure_line(bench, line, rounds, short):
     """Each round runs every contender once, so that a change of the machine's mood meets all of them."""
     values = {contender.name: {} for contender in line.contenders}
-    for number in range(line.rounds or rounds):
+    for number in range((line.rounds or rounds) * line.rounds_factor):
         for contender in rotated(line.contenders, number):
             tell(f"{line.key}, round {number + 1}: {contender.name}")
             for key, value in contender.run(bench, short).items():
