@@ -529,6 +529,18 @@ QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_warning(quillon_conf
 QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_bound(quillon_config *config, int stanzas,
                                                                   QUILLON_HANDLER_QUEUE_OVERFLOW overflow);
 
+/* Sets how many bytes of memory the stanzas that wait for a handler may take, beside their number, in each of the two handler
+ * queues of a connection; it holds from the next connect on. A stanza takes about 3 KiB and more, up to twenty times what it has
+ * on the wire: it is a tree of small elements then.
+ *   From warning bytes on the warning of quillon_config_set_handler_queue_warning is logged, also for asynchronous queries. What
+ * would make it more than bound bytes is treated as one that finds the queue full, see quillon_config_set_handler_queue_bound
+ * and the overflow that is chosen there; but a stanza that waits alone is taken whatever its size, and what the controller
+ * says until 64 MiB more than the bound wait.
+ * warning: 1 and more, at first 64 MiB; 0: there is none, as in a configuration made by quillon_config_default_create
+ * bound: 1 and more; 0, as at first: no bound
+ * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS when config is NULL */
+QUILLON_API QUILLON_STATUS quillon_config_set_handler_queue_bytes(quillon_config *config, size_t warning, size_t bound);
+
 /* Fills an OpenSSL SSL_CTX from the configuration: client certificate chain, private key with its pass phrase, the CA file of the
  * bulk download server or of the XMPP server, and peer verification on. For an application's own TLS-context callback. The
  * context keeps a pointer to the configuration. Each file that cannot be used is logged as an error with OpenSSL's reason, one
@@ -701,13 +713,15 @@ typedef enum QUILLON_HANDLER_QUEUE {
 
 /* How a handler queue is used. */
 typedef struct _quillon_handler_queue_usage {
-  size_t depth;     /* the stanzas that wait now, without the one that is being handled */
-  size_t highest;   /* the most that ever waited, since the connection was made */
-  uint64_t dropped; /* those that found the queue full, since the connection was made */
+  size_t depth;         /* the stanzas that wait now, without the one that is being handled */
+  size_t highest;       /* the most that ever waited, since the connection was made */
+  uint64_t dropped;     /* those that found the queue full, since the connection was made */
+  size_t bytes;         /* the memory that those take that wait now */
+  size_t highest_bytes; /* the most that it ever was, since the connection was made */
 } quillon_handler_queue_usage;
 
 /* Tells how a handler queue is used: one whose depth grows has a handler that is too slow for what arrives. What may wait is
- * limited by quillon_config_set_handler_queue_bound.
+ * limited by quillon_config_set_handler_queue_bound and quillon_config_set_handler_queue_bytes.
  * Thread:  any, handlers too; it does not block.
  * Returns: QUILLON_STATUS_OK, or QUILLON_STATUS_INVALID_ARGS also for a value of queue that is none */
 QUILLON_API QUILLON_STATUS quillon_connection_get_handler_queue_usage(const quillon_connection *connection,

@@ -44,7 +44,8 @@ struct AsyncCall {
   bool leaves_request = false;  // nobody was just asking when it ended, who would still read it
   Publisher publisher;          // asked last; once it has ended, that of the result
   NodePtr response;
-  AsyncCallPtr next;  // of those that have ended
+  QueueGauge::Entry waiting = {};  // for its callback
+  AsyncCallPtr next;               // of those that have ended
 
   bool may_ask_another() const { return !ended && !asking && !exhausted && asked < count; }
 };
@@ -189,8 +190,7 @@ void AsyncQueries::call_back_all(std::unique_lock<std::mutex> &lock) {
 void AsyncQueries::call_back_first() {
   const AsyncCallPtr call = std::move(taken_);
   taken_ = std::move(call->next);
-  const size_t left = waiting_.fetch_sub(1, std::memory_order_relaxed) - 1;
-  if (left <= warning_.load(std::memory_order_relaxed) / 2) is_warned_.store(false, std::memory_order_relaxed);
+  if (waiting_.leave(call->waiting.bytes)) waiting_.calm();
   // A handle that is kept need not keep it for longer.
   if (call->leaves_request) call->request.reset();
   call_back(*call);
@@ -315,7 +315,7 @@ void AsyncQueries::on_done(void *arg, QUILLON_STATUS status, wb_dom_node *reply)
 
 void AsyncQueries::on_answer(const AsyncAttempt &attempt, QUILLON_STATUS status, NodePtr response) {
   AsyncCall &call = *attempt.call;
-  bool is_too_much = false;
+  QueueGauge::Entry entry = {};
   {
     const std::lock_guard lock(mutex_);
     if (call.ended) return;
@@ -323,11 +323,9 @@ void AsyncQueries::on_answer(const AsyncAttempt &attempt, QUILLON_STATUS status,
     call.response = std::move(response);
     finish_locked(call, status == QUILLON_STATUS_OK ? End{QUILLON_QUERY_OUTCOME_ANSWERED, QUILLON_STATUS_OK}
                                                     : End{QUILLON_QUERY_OUTCOME_REFUSED, status});
-    is_too_much = is_too_much_locked();
+    entry = call.waiting;
   }
-  if (is_too_much)
-    wb_log(WB_LOG_WARN, "%zu answered queries wait for their callback, which is too slow for them",
-           waiting_.load(std::memory_order_relaxed));
+  if (entry.is_high) waiting_.log_and_admit(entry);
   if (call.capability != nullptr && attempt.index != call.start)
     StickyIndex(*connection_.query, *call.capability).store(attempt.index);
 }
@@ -380,15 +378,8 @@ void AsyncQueries::finish_locked(AsyncCall &call, End end) {
   if (end.status == QUILLON_STATUS_XMPP_ERROR) call.publisher = call.refused_by;
   AsyncCall *const last = std::exchange(last_ended_, &call);
   (last != nullptr ? last->next : first_ended_) = std::move(ended);
-  const size_t waiting = waiting_.fetch_add(1, std::memory_order_relaxed) + 1;
-  if (waiting > waiting_highest_.load(std::memory_order_relaxed)) waiting_highest_.store(waiting, std::memory_order_relaxed);
+  call.waiting = waiting_.enter(wb_dom_context_get_memory(wb_dom_get_context(call.response.get())));
   wake_completions_locked();
-}
-
-// True once for each crossing.
-bool AsyncQueries::is_too_much_locked() {
-  return waiting_.load(std::memory_order_relaxed) >= warning_.load(std::memory_order_relaxed) &&
-         !is_warned_.exchange(true, std::memory_order_relaxed);
 }
 
 void AsyncQueries::cancel(AsyncCall &call) {
@@ -448,11 +439,11 @@ void AsyncQueries::wait_until_quiet() {
   if (!calls_back_here_locked()) quiet_.wait(lock, [this] { return is_quiet_locked(); });
 }
 
-void AsyncQueries::set_warning(size_t completions) { warning_.store(completions, std::memory_order_relaxed); }
-
-quillon_handler_queue_usage AsyncQueries::completions_usage() const {
-  return {waiting_.load(std::memory_order_relaxed), waiting_highest_.load(std::memory_order_relaxed), 0};
+void AsyncQueries::set_limits(const QueueGauge::Limits &limits) {
+  waiting_.set_limits({.warning = limits.warning, .warning_bytes = limits.warning_bytes});
 }
+
+quillon_handler_queue_usage AsyncQueries::completions_usage() const { return waiting_.usage(); }
 
 void AsyncQueries::give_up_waiting() {
   const std::lock_guard lock(mutex_);

@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "monitor_wait.h"
+#include "queue_gauge.h"
 #include "quillon.h"
 #include "quillon_capability.h"
 #include "stanza_builder.h"
@@ -46,8 +47,8 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   // Waits until no callback is to come or runs, however long it takes. Called by a callback it does not wait.
   void wait_until_quiet();
 
-  // So many that wait for their callback are worth a warning in the log. Any thread.
-  void set_warning(size_t completions);
+  // What may wait for its callback before there is a warning in the log; the bounds do not hold here. Any thread.
+  void set_limits(const QueueGauge::Limits &limits);
   // Those that have ended and wait for their callback. Any thread.
   quillon_handler_queue_usage completions_usage() const;
 
@@ -90,10 +91,9 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   static End end_without_answer(const AsyncCall &call, QUILLON_STATUS status);
   void finish_locked(AsyncCall &call, End end);
   void finish_all_locked(QUILLON_STATUS status);
-  bool is_too_much_locked();
   bool calls_back_here_locked() const;
   // Whether no callback is to come or runs; those that wait in settle themselves are not waited for.
-  bool is_quiet_locked() const { return is_left_ || (waiting_ == 0 && callbacks_ <= excused_); }
+  bool is_quiet_locked() const { return is_left_ || (waiting_.depth() == 0 && callbacks_ <= excused_); }
 
   quillon_connection &connection_;
 
@@ -112,10 +112,8 @@ class AsyncQueries : public std::enable_shared_from_this<AsyncQueries> {
   bool has_timer_ = false, has_completions_ = false;  // threads to be joined
   pthread_t timer_ = {}, completions_ = {};
 
-  AsyncCallPtr taken_;                                     // the completion thread's own: those that it is calling back
-  std::atomic<size_t> waiting_ = 0, waiting_highest_ = 0;  // for their callback; they become more under mutex_
-  std::atomic<size_t> warning_ = SIZE_MAX;                 // of those that wait
-  std::atomic<bool> is_warned_ = false;                    // since half of that or fewer were left
+  AsyncCallPtr taken_;                                              // the completion thread's own: those that it is calling back
+  QueueGauge waiting_{"answered queries wait for their callback"};  // it counts up under mutex_
 };
 
 }  // namespace qlk

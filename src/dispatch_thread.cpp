@@ -1,7 +1,5 @@
 #include "dispatch_thread.h"
 
-#include <algorithm>
-#include <cinttypes>
 #include <utility>
 
 #include "event_loop.h"
@@ -37,22 +35,19 @@ QUILLON_STATUS DispatchThread::start(const std::shared_ptr<void> &owner, Handler
   return QUILLON_STATUS_OK;
 }
 
-QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, Admission admission, unsigned session) {
-  if (!wb_dom_context_retain(wb_dom_get_context(stanza), nullptr)) return QUILLON_STATUS_WB_ERROR;
+QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, QueueGauge::Admission admission, unsigned session) {
+  wb_dom_ctx *const context = wb_dom_get_context(stanza);
+  if (!wb_dom_context_retain(context, nullptr)) return QUILLON_STATUS_WB_ERROR;
   NodePtr reference(stanza);
-  const size_t depth = queued_.fetch_add(1, std::memory_order_relaxed) + 1;
-  if (depth >= warning_.load(std::memory_order_relaxed) && !admit(depth, admission)) {
-    queued_.fetch_sub(1, std::memory_order_relaxed);
-    return QUILLON_STATUS_UNKNOWN;
-  }
-  if (depth > highest_.load(std::memory_order_relaxed)) highest_.store(depth, std::memory_order_relaxed);
+  const QueueGauge::Entry entry = gauge_.enter(wb_dom_context_get_memory(context));
+  if (entry.is_high && !gauge_.log_and_admit(entry, admission)) return QUILLON_STATUS_UNKNOWN;
   std::shared_ptr<void> self;  // once the thread is awake its handler may destroy the owner; null: it need not be woken
   try {
     const std::lock_guard lock(mutex_);
-    waiting_.push_back({std::move(reference), session});
+    waiting_.push_back({std::move(reference), entry.bytes, session});
     if (std::exchange(asleep_, false)) self = std::shared_ptr<void>(owner_.lock(), this);
   } catch (const std::bad_alloc &) {
-    queued_.fetch_sub(1, std::memory_order_relaxed);
+    gauge_.forget(1, entry.bytes);
     return QUILLON_STATUS_MALLOC_ERROR;
   }
   if (self != nullptr) wake(self);
@@ -63,46 +58,6 @@ QUILLON_STATUS DispatchThread::push(wb_dom_node *stanza, Admission admission, un
 void DispatchThread::wake(const std::shared_ptr<void> &self) {
   const auto notify = [](void *thread) { static_cast<DispatchThread *>(thread)->changed_.notify_one(); };
   if (!EventLoop::call_soon(self, notify)) notify(self.get());
-}
-
-void DispatchThread::set_limits(const Limits &limits) {
-  // A full queue is looked at too, and so there is one number to compare with.
-  warning_.store(std::min(limits.warning, limits.bound), std::memory_order_relaxed);
-  bound_.store(limits.bound, std::memory_order_relaxed);
-}
-
-quillon_handler_queue_usage DispatchThread::usage() const {
-  return {queued(), highest_.load(std::memory_order_relaxed), dropped_.load(std::memory_order_relaxed)};
-}
-
-// At or above the warning: logs what is new, and tells whether the stanza may stay.
-bool DispatchThread::admit(size_t depth, Admission admission) {
-  const size_t reserved = admission == Admission::kNeeded ? std::min(depth, kReserve) : 0;
-  if (depth - reserved <= bound_.load(std::memory_order_relaxed)) {
-    if (raise(Alarm::kHigh)) wb_log(WB_LOG_WARN, "%zu %s wait for their handler, which is too slow for them", depth, content_);
-    return true;
-  }
-  dropped_.fetch_add(1, std::memory_order_relaxed);
-  if (raise(Alarm::kFull))
-    wb_log(WB_LOG_WARN, "%zu %s wait for their handler, as many as may: further ones are dropped", depth - 1, content_);
-  return false;
-}
-
-// True for the first to tell.
-bool DispatchThread::raise(Alarm alarm) {
-  Alarm told = alarm_.load(std::memory_order_relaxed);
-  while (told < alarm) {
-    if (alarm_.compare_exchange_weak(told, alarm, std::memory_order_relaxed)) return true;
-  }
-  return false;
-}
-
-// The queue has come down to half of what is worth a warning: the next crossing is told again.
-void DispatchThread::calm() {
-  if (alarm_.exchange(Alarm::kNone, std::memory_order_relaxed) == Alarm::kNone) return;
-  const quillon_handler_queue_usage now = usage();
-  wb_log(WB_LOG_INFO, "only %zu %s wait for their handler now; %zu did at most, and %" PRIu64 " were dropped", now.depth,
-         content_, now.highest, now.dropped);
 }
 
 void DispatchThread::stop() {
@@ -129,9 +84,11 @@ bool DispatchThread::settle(SteadyClock::time_point deadline) {
   const bool is_idle = wait_until_idle(deadline);
   std::vector<Waiting> dropped;  // freed without the lock
   std::unique_lock lock(mutex_);
-  const bool drops = !is_idle || queued() > 0;
+  const bool drops = !is_idle || gauge_.depth() > 0;
   if (drops) drops_ = true;
-  queued_.fetch_sub(waiting_.size(), std::memory_order_relaxed);
+  size_t bytes = 0;
+  for (const Waiting &waiting : waiting_) bytes += waiting.bytes;
+  gauge_.forget(waiting_.size(), bytes);
   dropped.swap(waiting_);
   idle_.notify_all();
   if (!is_self()) idle_.wait(lock, [this] { return is_quiet_locked(); });
@@ -182,8 +139,7 @@ void DispatchThread::loop(void *owner, Handler handler) {
       if (!keep_running()) return;
       const NodePtr stanza = std::move(waiting.stanza);
       session_ = waiting.session;
-      const size_t depth = queued_.fetch_sub(1, std::memory_order_relaxed) - 1;
-      if (alarm_.load(std::memory_order_relaxed) != Alarm::kNone && depth <= warning_.load(std::memory_order_relaxed) / 2) calm();
+      if (gauge_.leave(waiting.bytes)) gauge_.calm();
       if (drops_.load(std::memory_order_relaxed)) continue;
       guarded_void("dispatch", [&] { handler(owner, stanza.get()); });
     }

@@ -6,12 +6,12 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <vector>
 
 #include "monitor_wait.h"
+#include "queue_gauge.h"
 #include "quillon.h"
 #include "stanza_builder.h"
 
@@ -19,21 +19,11 @@ namespace qlk {
 
 class DispatchThread {
  public:
-  // What may wait, in stanzas. Both are at least 1.
-  struct Limits {
-    size_t warning = SIZE_MAX;  // so many are worth a warning
-    size_t bound = SIZE_MAX;    // more are not taken, but for those that are needed
-  };
-
-  // A stanza that is needed is still taken when the queue is full, until this many more than the bound wait.
-  enum class Admission { kBounded, kNeeded };
-  static constexpr size_t kReserve = 1000;
-
   // Handles one stanza, which is released when the function returns.
   using Handler = void (*)(void *owner, wb_dom_node *stanza);
 
-  // Says in the log what waits here; the text is kept by address.
-  explicit DispatchThread(const char *content) : content_(content) {}
+  // The text is that of the gauge.
+  explicit DispatchThread(const char *content) : gauge_(content) {}
   ~DispatchThread() = default;  // releases the stanzas that are still queued
   DispatchThread(const DispatchThread &) = delete;
   DispatchThread &operator=(const DispatchThread &) = delete;
@@ -46,13 +36,11 @@ class DispatchThread {
   // wakes this one together with those that the loop reads at once with it.
   // Returns: QUILLON_STATUS_OK, QUILLON_STATUS_WB_ERROR (the context could not be retained), QUILLON_STATUS_MALLOC_ERROR or
   //          QUILLON_STATUS_UNKNOWN (the queue is full: the stanza is counted as dropped)
-  QUILLON_STATUS push(wb_dom_node *stanza, Admission admission = Admission::kBounded, unsigned session = 0);
+  QUILLON_STATUS push(wb_dom_node *stanza, QueueGauge::Admission admission = QueueGauge::Admission::kBounded,
+                      unsigned session = 0);
 
   // For the handler: the session with which the stanza that it handles was queued, which another may have followed meanwhile.
   unsigned session() const { return session_; }
-
-  // Any thread; what waits already is not looked at.
-  void set_limits(const Limits &limits);
 
   // Ends the loop after the stanza that is being handled, and waits for that. Called by the handler itself it only lets the loop
   // end when the handler returns. Only the first call does anything.
@@ -83,29 +71,23 @@ class DispatchThread {
   // False once stop was called.
   bool keep_running() const { return keep_running_.load(std::memory_order_acquire); }
 
-  // How many stanzas wait, and how many at most will.
-  size_t queued() const { return queued_.load(std::memory_order_relaxed); }
-  bool is_full() const { return queued() >= bound_.load(std::memory_order_relaxed); }
-  quillon_handler_queue_usage usage() const;
+  // What waits, and how much may.
+  QueueGauge &gauge() { return gauge_; }
+  const QueueGauge &gauge() const { return gauge_; }
 
  private:
   struct Start;
   struct Waiting {
     NodePtr stanza;
+    size_t bytes;
     unsigned session;
   };
-  // What the log has been told since the queue was last far below its limits.
-  enum class Alarm { kNone, kHigh, kFull };
-
-  bool admit(size_t depth, Admission admission);
-  bool raise(Alarm alarm);
-  void calm();
 
   static void *run(void *start);
   void loop(void *owner, Handler handler);
   void await(std::vector<Waiting> &batch);
   bool is_self() const { return pthread_equal(pthread_self(), thread_) != 0; }
-  bool is_idle_locked() const { return !keep_running() || (queued() == 0 && is_quiet_locked()); }
+  bool is_idle_locked() const { return !keep_running() || (gauge_.depth() == 0 && is_quiet_locked()); }
   bool is_quiet_locked() const { return !keep_running() || !busy_ || is_excused_; }
   static void wake(const std::shared_ptr<void> &self);
 
@@ -117,13 +99,7 @@ class DispatchThread {
   bool is_excused_ = false;          // under mutex_
   std::atomic<bool> drops_ = false;  // what was taken is not handled any more
   std::weak_ptr<void> owner_;
-  const char *const content_;
-  std::atomic<size_t> queued_ = 0;
-  std::atomic<size_t> highest_ = 0;
-  std::atomic<uint64_t> dropped_ = 0;
-  std::atomic<size_t> warning_ = SIZE_MAX;
-  std::atomic<size_t> bound_ = SIZE_MAX;
-  std::atomic<Alarm> alarm_ = Alarm::kNone;
+  QueueGauge gauge_;
   std::atomic<bool> keep_running_ = false;
   pthread_t thread_ = {};
   unsigned session_ = 0;  // the thread's

@@ -22,6 +22,7 @@ namespace {
 
 constexpr int kSendTimeoutSeconds = 15;
 constexpr int kHandlerQueueWarning = 1000;
+constexpr size_t kHandlerQueueWarningBytes = size_t{64} << 20;
 constexpr int kExpiryWarningDays = 14;
 constexpr char kJidSuffix[] = "@" GRID_DOMAIN "/qlk";
 
@@ -245,6 +246,7 @@ QUILLON_STATUS quillon_config_create(quillon_config **config) {
   (*config)->groups_count = 0;
   (*config)->send_timeout_seconds = kSendTimeoutSeconds;
   (*config)->handler_queue_warning = kHandlerQueueWarning;
+  (*config)->handler_queue_warning_bytes = kHandlerQueueWarningBytes;
   (*config)->expiry_warning_days = kExpiryWarningDays;
   return QUILLON_STATUS_OK;
 }
@@ -298,6 +300,8 @@ void quillon_config_clone(const quillon_config *config, quillon_config **new_con
   copy.send_timeout_seconds = config->send_timeout_seconds;
   copy.handler_queue_warning = config->handler_queue_warning;
   copy.handler_queue_bound = config->handler_queue_bound;
+  copy.handler_queue_warning_bytes = config->handler_queue_warning_bytes;
+  copy.handler_queue_bound_bytes = config->handler_queue_bound_bytes;
   copy.handler_queue_overflow = config->handler_queue_overflow;
   copy.sasl_response = config->sasl_response;
   copy.races_addresses = config->races_addresses;
@@ -480,6 +484,14 @@ QUILLON_STATUS quillon_config_set_handler_queue_bound(quillon_config *config, in
     return QUILLON_STATUS_INVALID_ARGS;
   config->handler_queue_bound = stanzas;
   config->handler_queue_overflow = overflow;
+  return QUILLON_STATUS_OK;
+}
+
+QUILLON_STATUS quillon_config_set_handler_queue_bytes(quillon_config *config, size_t warning, size_t bound) {
+  qlk::trace(__func__);
+  if (config == nullptr) return QUILLON_STATUS_INVALID_ARGS;
+  config->handler_queue_warning_bytes = warning;
+  config->handler_queue_bound_bytes = bound;
   return QUILLON_STATUS_OK;
 }
 

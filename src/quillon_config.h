@@ -24,9 +24,11 @@ struct _quillon_config {
   quillon_string *user_group;
   quillon_list *groups;  // of quillon_string
   int32_t groups_count;
-  // Private additions. In stanzas; 0: no such limit.
+  // Private additions. In stanzas, and in bytes; 0: no such limit.
   int32_t handler_queue_warning;
   int32_t handler_queue_bound;
+  size_t handler_queue_warning_bytes;
+  size_t handler_queue_bound_bytes;
   QUILLON_HANDLER_QUEUE_OVERFLOW handler_queue_overflow;
   QUILLON_SASL_RESPONSE sasl_response;
   bool races_addresses;

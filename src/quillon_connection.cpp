@@ -290,10 +290,10 @@ QUILLON_STATUS quillon_connection_get_handler_queue_usage(const quillon_connecti
   if (usage == nullptr) return qlk::refuse("usage is null");
   switch (queue) {
     case QUILLON_HANDLER_QUEUE_QUERIES:
-      *usage = connection->query->request_handler.usage();
+      *usage = connection->query->request_handler.gauge().usage();
       return QUILLON_STATUS_OK;
     case QUILLON_HANDLER_QUEUE_NOTIFICATIONS:
-      *usage = connection->notification->notf_handler.usage();
+      *usage = connection->notification->notf_handler.gauge().usage();
       return QUILLON_STATUS_OK;
     case QUILLON_HANDLER_QUEUE_MAX:
       break;

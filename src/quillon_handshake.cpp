@@ -166,14 +166,19 @@ QUILLON_STATUS read_target(quillon_connection &connection) {
   return QUILLON_STATUS_OK;
 }
 
+// A setting of 0 is no limit.
 size_t limit_of(int32_t stanzas) { return stanzas > 0 ? static_cast<size_t>(stanzas) : SIZE_MAX; }
+size_t limit_of_bytes(size_t bytes) { return bytes > 0 ? bytes : SIZE_MAX; }
 
 void limit_handler_queues(const quillon_connection &connection) {
-  const qlk::DispatchThread::Limits limits = {.warning = limit_of(connection.config->handler_queue_warning),
-                                              .bound = limit_of(connection.config->handler_queue_bound)};
-  connection.query->request_handler.set_limits(limits);
-  connection.notification->notf_handler.set_limits(limits);
-  connection.extra->async_queries->set_warning(limits.warning);
+  const quillon_config &config = *connection.config;
+  const qlk::QueueGauge::Limits limits = {.warning = limit_of(config.handler_queue_warning),
+                                          .bound = limit_of(config.handler_queue_bound),
+                                          .warning_bytes = limit_of_bytes(config.handler_queue_warning_bytes),
+                                          .bound_bytes = limit_of_bytes(config.handler_queue_bound_bytes)};
+  connection.query->request_handler.gauge().set_limits(limits);
+  connection.notification->notf_handler.gauge().set_limits(limits);
+  connection.extra->async_queries->set_limits(limits);
 }
 
 bool put_target(quillon_connection &connection, wb_err *err) {

@@ -314,8 +314,8 @@ QUILLON_STATUS quillon_notification_register_handler(quillon_notification *notif
 QUILLON_STATUS quillon_notification_handle(quillon_notification *notification, wb_dom_node *message) {
   if (notification == nullptr) return qlk::refuse("notification is null");
   qlk::DispatchThread &queue = notification->notf_handler;
-  const bool is_needed = queue.is_full() && qlk::is_from_controller(message);
-  const auto admission = is_needed ? qlk::DispatchThread::Admission::kNeeded : qlk::DispatchThread::Admission::kBounded;
+  const bool is_needed = queue.gauge().is_bounded() && qlk::is_from_controller(message);
+  const auto admission = is_needed ? qlk::QueueGauge::Admission::kNeeded : qlk::QueueGauge::Admission::kBounded;
   const QUILLON_STATUS status = queue.push(message, admission, session_number(notification->connection));
   if (status == QUILLON_STATUS_WB_ERROR) wb_log(WB_LOG_ERROR, "quillon_notification_handle retain failed");
   if (status == QUILLON_STATUS_MALLOC_ERROR) qlk::out_of_memory(__func__);

@@ -24,11 +24,11 @@ using NotificationHandlers = std::vector<NotificationHandler>;
 }  // namespace qlk
 
 struct _quillon_notification {
-  quillon_connection *connection = nullptr;           // borrowed
-  qlk::TablePtr map_of_name_to_callback;              // to std::shared_ptr<NotificationHandlers>
-  std::atomic<int64_t> iq_id = 0;                     // of the next publish
-  qlk::DispatchThread notf_handler{"notifications"};  // thread, queue and run flag
-  std::mutex map_mutex;                               // guards the table, its entries and the next two
+  quillon_connection *connection = nullptr;                                  // borrowed
+  qlk::TablePtr map_of_name_to_callback;                                     // to std::shared_ptr<NotificationHandlers>
+  std::atomic<int64_t> iq_id = 0;                                            // of the next publish
+  qlk::DispatchThread notf_handler{"notifications wait for their handler"};  // thread, queue and run flag
+  std::mutex map_mutex;                                                      // guards the table, its entries and the next two
   std::shared_ptr<qlk::NotificationHandlers> in_dispatch;
   bool has_stale = false;                       // some of those in dispatch belong to a capability that was destroyed meanwhile
   std::shared_ptr<_quillon_notification> self;  // the creator's reference; the dispatch thread has one too

@@ -13,11 +13,11 @@ struct _quillon_query {
   quillon_connection *connection = nullptr;         // borrowed
   qlk::TablePtr map_of_capability_to_sticky_index;  // the index plus one as the value itself
   qlk::TablePtr map_of_name_to_callback;
-  std::mutex map_mutex;                            // guards both tables
-  qlk::DispatchThread request_handler{"queries"};  // thread, queue and run flag
-  qlk::CallGate calls;                             // synchronous queries
-  qlk::QueryStatistics statistics;                 // of all queries of the connection
-  std::shared_ptr<_quillon_query> self;            // the creator's reference; the handler thread has one too
+  std::mutex map_mutex;                                                   // guards both tables
+  qlk::DispatchThread request_handler{"queries wait for their handler"};  // thread, queue and run flag
+  qlk::CallGate calls;                                                    // synchronous queries
+  qlk::QueryStatistics statistics;                                        // of all queries of the connection
+  std::shared_ptr<_quillon_query> self;  // the creator's reference; the handler thread has one too
 };
 
 namespace qlk {

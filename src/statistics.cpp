@@ -136,8 +136,8 @@ QUILLON_STATUS quillon_connection_get_statistics(const quillon_connection *conne
   read_traffic(*connection->extra, read);
   connection->query->statistics.read(read);
   connection->extra->phases.read(read);
-  read.request_queue = connection->query->request_handler.usage();
-  read.notification_queue = connection->notification->notf_handler.usage();
+  read.request_queue = connection->query->request_handler.gauge().usage();
+  read.notification_queue = connection->notification->notf_handler.gauge().usage();
   read.completion_queue = connection->extra->async_queries->completions_usage();
   std::memset(statistics, 0, statistics->size);
   std::memcpy(statistics, &read, read.size);

@@ -143,6 +143,11 @@ class config {
   result<> set_handler_queue_bound(int stanzas, QUILLON_HANDLER_QUEUE_OVERFLOW overflow) noexcept {
     return quillon_config_set_handler_queue_bound(handle(), stanzas, overflow);
   }
+  // Sets both in bytes of memory, beside the numbers: the warning comes at first with 64 MiB, and 0 is no limit. See
+  // quillon_config_set_handler_queue_bytes. Returns: QUILLON_STATUS_OK
+  result<> set_handler_queue_bytes(size_t warning, size_t bound) noexcept {
+    return quillon_config_set_handler_queue_bytes(handle(), warning, bound);
+  }
 
   // Sets the PEM file with the lists of revoked certificates; an empty text clears it. A server whose certificate is listed is
   // refused, and every one whose CA has no list there: see quillon_config_set_crl.

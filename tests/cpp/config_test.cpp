@@ -64,6 +64,9 @@ TEST(CppConfig, LimitsTheHandlerQueues) {
   EXPECT_EQ(10, made.handle()->handler_queue_warning);
   EXPECT_EQ(20, made.handle()->handler_queue_bound);
   EXPECT_EQ(QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE, made.handle()->handler_queue_overflow);
+  EXPECT_TRUE(made.set_handler_queue_bytes(30, 40));
+  EXPECT_EQ(30U, made.handle()->handler_queue_warning_bytes);
+  EXPECT_EQ(40U, made.handle()->handler_queue_bound_bytes);
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, made.set_handler_queue_bound(-1, QUILLON_HANDLER_QUEUE_OVERFLOW_DROP).status());
 }
 

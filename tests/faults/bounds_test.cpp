@@ -50,8 +50,10 @@ struct FloodRow {
   QUILLON_HANDLER_QUEUE queue;
   int bound;
   QUILLON_HANDLER_QUEUE_OVERFLOW overflow = QUILLON_HANDLER_QUEUE_OVERFLOW_DROP;
-  size_t reserve = 0;  // for the controller, in whose name the flood comes then
+  size_t reserve = 0;     // for the controller, in whose name the flood comes then
+  bool in_bytes = false;  // the limits are such that two stanzas, which take 3 KiB each, are as much as may wait
 
+  size_t may_wait() const { return in_bytes ? 2 : bound == 0 ? kFlood : static_cast<size_t>(bound); }
   friend void PrintTo(const FloodRow &row, std::ostream *out) { *out << row.name; }
 };
 
@@ -71,6 +73,9 @@ class Flood : public FaultTest, public testing::WithParamInterface<FloodRow> {
     EXPECT_EQ(QUILLON_STATUS_OK, quillon_config_set_handler_queue_warning(application_.config(), kWarning));
     EXPECT_EQ(QUILLON_STATUS_OK,
               quillon_config_set_handler_queue_bound(application_.config(), GetParam().bound, GetParam().overflow));
+    const bool in_bytes = GetParam().in_bytes;
+    EXPECT_EQ(QUILLON_STATUS_OK,
+              quillon_config_set_handler_queue_bytes(application_.config(), in_bytes ? 6000 : 0, in_bytes ? 7000 : 0));
   }
   ~Flood() override { slow_.open(true); }
 
@@ -118,6 +123,7 @@ class Flood : public FaultTest, public testing::WithParamInterface<FloodRow> {
     for (size_t i = 0; i <= waited; ++i) expected.push_back(std::to_string(i));
     EXPECT_EQ(expected, slow_.take());
     EXPECT_EQ(0U, usage().depth);
+    EXPECT_EQ(0U, usage().bytes);
   }
 
   size_t logged(std::string_view part) const {
@@ -135,14 +141,16 @@ TEST_P(Flood, IsToldAndBounded) {
   auto peer = std::make_unique<ScriptedPeer>(correct());
   application_.use(peer->host());
   ASSERT_EQ(QUILLON_STATUS_OK, application_.connect()) << application_.log();
-  const size_t waiting = row.bound == 0 ? kFlood : static_cast<size_t>(row.bound);
+  const size_t waiting = row.may_wait();
   for (size_t crossing = 1; crossing <= 2; ++crossing) {
     ASSERT_NO_FATAL_FAILURE(flood(*peer));
     ASSERT_TRUE(wait_usage(waiting, waiting, crossing * (kFlood - waiting))) << application_.log();
+    EXPECT_LE(waiting * sizeof(void *) * 20, usage().bytes);
+    EXPECT_EQ(usage().bytes, usage().highest_bytes);
     EXPECT_EQ(QUILLON_STATUS_OK, application_.ask());  // nothing else is held up
     expect_handled(waiting);
     EXPECT_EQ(crossing, logged(kTooSlow)) << application_.log();
-    EXPECT_EQ(row.bound == 0 ? 0U : crossing, logged(kDropping)) << application_.log();
+    EXPECT_EQ(waiting == kFlood ? 0U : crossing, logged(kDropping)) << application_.log();
   }
   EXPECT_EQ(Statuses(), application_.seen().disconnected);
   EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
@@ -154,6 +162,8 @@ const FloodRow kBorneFloods[] = {
     {"NotificationsBounded", QUILLON_HANDLER_QUEUE_NOTIFICATIONS, kBound},
     {"QueriesUnbounded", QUILLON_HANDLER_QUEUE_QUERIES, 0},
     {"QueriesBounded", QUILLON_HANDLER_QUEUE_QUERIES, kBound},
+    {.name = "NotificationsBoundedInBytes", .queue = QUILLON_HANDLER_QUEUE_NOTIFICATIONS, .bound = 0, .in_bytes = true},
+    {.name = "QueriesBoundedInBytes", .queue = QUILLON_HANDLER_QUEUE_QUERIES, .bound = kBound, .in_bytes = true},
 };
 
 INSTANTIATE_TEST_SUITE_P(Borne, Flood, testing::ValuesIn(kBorneFloods), kNameOfRow);
@@ -172,7 +182,7 @@ TEST_P(ClosingFlood, EndsTheSession) {
   EXPECT_EQ(1U, logged("the session is ended: a handler queue is full")) << application_.log();
   EXPECT_EQ(1U, logged(kDropping)) << application_.log();
   EXPECT_LE(1U, usage().dropped);
-  expect_handled(kBound + GetParam().reserve);
+  expect_handled(GetParam().may_wait() + GetParam().reserve);
   expect_recovery(std::move(peer));
 }
 
@@ -180,6 +190,11 @@ const FloodRow kEndingFloods[] = {
     {"Notifications", QUILLON_HANDLER_QUEUE_NOTIFICATIONS, kBound, QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE},
     {"Queries", QUILLON_HANDLER_QUEUE_QUERIES, kBound, QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE},
     {"WordsOfTheController", QUILLON_HANDLER_QUEUE_NOTIFICATIONS, kBound, QUILLON_HANDLER_QUEUE_OVERFLOW_DROP, 1000},
+    {.name = "NotificationsInBytes",
+     .queue = QUILLON_HANDLER_QUEUE_NOTIFICATIONS,
+     .bound = 0,
+     .overflow = QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE,
+     .in_bytes = true},
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, ClosingFlood, testing::ValuesIn(kEndingFloods), kNameOfRow);
@@ -192,19 +207,20 @@ TEST_P(FloodOfNotifications, LeavesRoomForTheController) {
   application_.use(peer->host());
   ASSERT_EQ(QUILLON_STATUS_OK, application_.connect()) << application_.log();
   ASSERT_NO_FATAL_FAILURE(flood(*peer));
-  ASSERT_TRUE(wait_usage(kBound, kBound, kFlood - kBound)) << application_.log();
+  const size_t waiting = GetParam().may_wait();
+  ASSERT_TRUE(wait_usage(waiting, waiting, kFlood - waiting)) << application_.log();
   peer->send("<message from='" CONTROLLER_JID
              "'><grid xmlns='quillon' type='notification'>"
              "<connectionUpdateNotification xmlns='" GRID_NS
              "'><status>enabled</status></connectionUpdateNotification></grid></message>");
-  ASSERT_TRUE(wait_usage(kBound + 1, kBound + 1, kFlood - kBound)) << application_.log();
+  ASSERT_TRUE(wait_usage(waiting + 1, waiting + 1, kFlood - waiting)) << application_.log();
   slow_.open(true);
   EXPECT_TRUE(application_.wait_until([](const Seen &seen) { return seen.account == Statuses{QUILLON_STATUS_ACCOUNT_ENABLED}; }));
   EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
   expect_recovery(std::move(peer));
 }
 
-INSTANTIATE_TEST_SUITE_P(Bounded, FloodOfNotifications, testing::Values(kBorneFloods[1]), kNameOfRow);
+INSTANTIATE_TEST_SUITE_P(Bounded, FloodOfNotifications, testing::Values(kBorneFloods[1], kBorneFloods[4]), kNameOfRow);
 
 TEST(HandlerQueue, RefusesWhatIsNoLimitAndNoQueue) {
   Application application;
@@ -215,6 +231,7 @@ TEST(HandlerQueue, RefusesWhatIsNoLimitAndNoQueue) {
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_config_set_handler_queue_bound(nullptr, 1, QUILLON_HANDLER_QUEUE_OVERFLOW_DROP));
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_config_set_handler_queue_bound(config, -1, QUILLON_HANDLER_QUEUE_OVERFLOW_DROP));
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_config_set_handler_queue_bound(config, 1, QUILLON_HANDLER_QUEUE_OVERFLOW_MAX));
+  EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_config_set_handler_queue_bytes(nullptr, 1, 1));
   quillon_handler_queue_usage usage = {};
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS,
             quillon_connection_get_handler_queue_usage(nullptr, QUILLON_HANDLER_QUEUE_QUERIES, &usage));

@@ -295,6 +295,7 @@ TEST(ConfigClone, CopiesDeeply) {
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_send_timeout_seconds(config.get(), 3));
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_handler_queue_warning(config.get(), 4));
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_handler_queue_bound(config.get(), 5, QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE));
+  ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_handler_queue_bytes(config.get(), 6, 7));
   ASSERT_EQ(QUILLON_STATUS_OK, quillon_config_set_sasl_response(config.get(), QUILLON_SASL_RESPONSE_NONE));
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_config_set_sasl_response(config.get(), QUILLON_SASL_RESPONSE_MAX));
   EXPECT_EQ(QUILLON_STATUS_INVALID_ARGS, quillon_config_set_sasl_response(nullptr, QUILLON_SASL_RESPONSE_NONE));
@@ -318,6 +319,8 @@ TEST(ConfigClone, CopiesDeeply) {
   EXPECT_EQ(3, copy->send_timeout_seconds);
   EXPECT_EQ(4, copy->handler_queue_warning);
   EXPECT_EQ(5, copy->handler_queue_bound);
+  EXPECT_EQ(6U, copy->handler_queue_warning_bytes);
+  EXPECT_EQ(7U, copy->handler_queue_bound_bytes);
   EXPECT_EQ(QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE, copy->handler_queue_overflow);
   EXPECT_EQ(QUILLON_SASL_RESPONSE_NONE, copy->sasl_response);
 }

@@ -323,6 +323,20 @@ TEST(DomParse, LargeTag) {
   EXPECT_STREQ(std::string(100, 'v').c_str(), wb_dom_get_attribute(document.root, "{urn:p}b49999"));
 }
 
+TEST(DomContext, TellsItsMemory) {
+  EXPECT_EQ(0U, wb_dom_context_get_memory(nullptr));
+  size_t before = 0;
+  for (const size_t length : {size_t{1}, size_t{100} << 10, size_t{1} << 20}) {
+    const Document document("<a>" + std::string(length, 'x') + "</a>");
+    ASSERT_NE(nullptr, document.root);
+    const size_t memory = wb_dom_context_get_memory(wb_dom_get_context(document.root));
+    EXPECT_GT(memory, before);
+    EXPECT_GT(memory, length);
+    EXPECT_LT(memory, 2 * length + 8192);
+    before = memory;
+  }
+}
+
 TEST(DomContext, ReferencesFromSeveralThreads) {
   wb_dom_node *root = nullptr;
   ASSERT_TRUE(wb_dom_parse("<a>text</a>", 11, &root, nullptr));

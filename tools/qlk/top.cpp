@@ -87,7 +87,11 @@ Json json_of(const quillon_query_counts &counts) {
 }
 
 Json json_of(const quillon_handler_queue_usage &usage) {
-  return {{"waiting", usage.depth}, {"highest", usage.highest}, {"dropped", usage.dropped}};
+  return {{"waiting", usage.depth},
+          {"highest", usage.highest},
+          {"dropped", usage.dropped},
+          {"bytes", usage.bytes},
+          {"highest_bytes", usage.highest_bytes}};
 }
 
 // null where there is no such time.
@@ -165,7 +169,7 @@ class Screen {
     heading("queries", {"answered", "refused", "not sent", "timed out", "unknown"});
     add_queries("synchronous", now.synchronous_queries);
     add_queries("asynchronous", now.asynchronous_queries);
-    heading("waiting", {"now", "at most", "dropped"});
+    heading("waiting", {"now", "at most", "dropped", "bytes", "at most"});
     add_row("queries", {short_number(now.queries_in_flight), short_number(now.queries_in_flight_highest)});
     add_row("bytes", {short_number(now.bytes_waiting), short_number(now.bytes_waiting_highest)});
     add_queue("requests", now.request_queue);
@@ -203,7 +207,8 @@ class Screen {
                     short_number(counts.timed_out), short_number(counts.unknown)});
   }
   void add_queue(const char *title, const quillon_handler_queue_usage &usage) {
-    add_row(title, {short_number(usage.depth), short_number(usage.highest), short_number(usage.dropped)});
+    add_row(title, {short_number(usage.depth), short_number(usage.highest), short_number(usage.dropped),
+                    short_number(usage.bytes), short_number(usage.highest_bytes)});
   }
 
   // A bar for each bucket, from the first that is in use to the last; where there is no room for all, for the last ones.

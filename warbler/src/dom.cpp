@@ -124,6 +124,11 @@ wb::ContextRef wb::make_context(NameTable *table) {
   return ContextRef(new (memory) wb_dom_ctx(memory + Arena::round_up(sizeof(wb_dom_ctx)), end, table));
 }
 
+size_t wb_dom_context_get_memory(const wb_dom_ctx *context) {
+  if (context == nullptr) return 0;
+  return (context->shared != nullptr ? wb::NameTable::kBlockBytes : kContextBlock) + context->arena.reserved();
+}
+
 wb::Text *wb::make_text(wb_dom_ctx &context, const char *bytes, size_t length) {
   const size_t capacity = Arena::round_up(length + 1);
   const bool is_short = capacity <= kShortText;

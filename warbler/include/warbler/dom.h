@@ -34,6 +34,9 @@ WB_API bool wb_dom_context_retain(wb_dom_ctx *context, wb_err *err);
 /* Drops a reference; with the last one the context and all its nodes are gone. Any thread; NULL is harmless. */
 WB_API void wb_dom_context_destroy(wb_dom_ctx *context);
 
+/* The memory in bytes that the context and its nodes take, without the names that contexts of a client share; 0 for NULL. */
+WB_API size_t wb_dom_context_get_memory(const wb_dom_ctx *context);
+
 /* The context that owns the node; NULL for NULL. */
 WB_API wb_dom_ctx *wb_dom_get_context(const wb_dom_node *node);
 
