@@ -133,6 +133,28 @@ void begin(X509 *certificate, EVP_PKEY *key, const std::string &common_name, Val
   require(X509_set_pubkey(certificate, key) == 1, "public key");
 }
 
+struct Issuer {
+  KeyPtr key{EVP_EC_gen("P-256")};
+  CertificatePtr certificate{X509_new()};
+};
+
+void sign(X509 *certificate, X509 *issuer, EVP_PKEY *issuer_key) {
+  require(X509_set_issuer_name(certificate, X509_get_subject_name(issuer)) == 1, "issuer");
+  require(X509_sign(certificate, issuer_key, EVP_sha256()) > 0, "signature");
+}
+
+// One that may sign others: above is nullptr for the uppermost, which signs itself.
+Issuer make_issuer(const std::string &name, const Issuer *above) {
+  Issuer issuer;
+  X509 *certificate = issuer.certificate.get();
+  begin(certificate, issuer.key.get(), name, Validity::current);
+  add_extension(certificate, NID_basic_constraints, "critical,CA:TRUE");
+  add_extension(certificate, NID_key_usage, "critical,keyCertSign,cRLSign");
+  add_extension(certificate, NID_subject_key_identifier, "hash");
+  sign(certificate, above != nullptr ? above->certificate.get() : certificate, (above != nullptr ? above : &issuer)->key.get());
+  return issuer;
+}
+
 const char *usage_name(Usage usage) {
   switch (usage) {
     case Usage::server:
@@ -174,13 +196,12 @@ class CertificateAuthority::Signer {
   const TemporaryFolder &folder() const { return folder_; }
 
  private:
-  Credentials finish(X509 *certificate, EVP_PKEY *key, Usage usage, bool self_signed, const std::string &passphrase);
+  Credentials finish(X509 *certificate, EVP_PKEY *key, Usage usage, const Issuer *issuer, const std::string &passphrase);
   Credentials save(X509 *certificate, EVP_PKEY *key, const std::string &passphrase);
   void save_revocations();
 
   TemporaryFolder folder_;
-  KeyPtr key_;
-  CertificatePtr certificate_;
+  Issuer authority_;
   RevocationsPtr revocations_;
   std::string revocations_file_ = folder_.file("revocations.pem");
   Credentials own_;
@@ -188,16 +209,10 @@ class CertificateAuthority::Signer {
 };
 
 CertificateAuthority::Signer::Signer(const std::string &name)
-    : key_(EVP_EC_gen("P-256")), certificate_(X509_new()), revocations_(X509_CRL_new()) {
-  begin(certificate_.get(), key_.get(), name, Validity::current);
-  require(X509_set_issuer_name(certificate_.get(), X509_get_subject_name(certificate_.get())) == 1, "issuer");
-  add_extension(certificate_.get(), NID_basic_constraints, "critical,CA:TRUE");
-  add_extension(certificate_.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
-  add_extension(certificate_.get(), NID_subject_key_identifier, "hash");
-  require(X509_sign(certificate_.get(), key_.get(), EVP_sha256()) > 0, "signature");
-  own_ = save(certificate_.get(), key_.get(), "");
+    : authority_(make_issuer(name, nullptr)), revocations_(X509_CRL_new()) {
+  own_ = save(authority_.certificate.get(), authority_.key.get(), "");
   require(X509_CRL_set_version(revocations_.get(), X509_CRL_VERSION_2) == 1 &&
-              X509_CRL_set_issuer_name(revocations_.get(), X509_get_subject_name(certificate_.get())) == 1,
+              X509_CRL_set_issuer_name(revocations_.get(), X509_get_subject_name(authority_.certificate.get())) == 1,
           "list of revocations");
   save_revocations();
 }
@@ -213,7 +228,16 @@ Credentials CertificateAuthority::Signer::server(const ServerIdentity &identity)
   for (const std::string &name : identity.names) add_name(names.get(), dns_name(name));
   for (const std::string &address : identity.addresses) add_name(names.get(), ip_address(address));
   add_alternative_names(certificate.get(), names.get());
-  return finish(certificate.get(), key.get(), identity.usage, identity.self_signed, identity.passphrase);
+  std::vector<Issuer> between;
+  for (size_t i = 0; i < identity.intermediates; ++i)
+    between.push_back(make_issuer("Between " + std::to_string(i), i == 0 ? &authority_ : &between.back()));
+  const Issuer *issuer = between.empty() ? &authority_ : &between.back();
+  const Credentials files =
+      finish(certificate.get(), key.get(), identity.usage, identity.self_signed ? nullptr : issuer, identity.passphrase);
+  const FilePtr file = open_file(files.certificate, "ab");
+  for (auto one = between.rbegin(); one != between.rend(); ++one)
+    require(PEM_write_X509(file.get(), one->certificate.get()) == 1, files.certificate);
+  return files;
 }
 
 Credentials CertificateAuthority::Signer::client(const ClientIdentity &identity) {
@@ -225,15 +249,14 @@ Credentials CertificateAuthority::Signer::client(const ClientIdentity &identity)
   const NamesPtr names(GENERAL_NAMES_new());
   if (identity.has_xmpp_address) add_name(names.get(), xmpp_address(address));
   add_alternative_names(certificate.get(), names.get());
-  return finish(certificate.get(), key.get(), identity.usage, identity.self_signed, identity.passphrase);
+  return finish(certificate.get(), key.get(), identity.usage, identity.self_signed ? nullptr : &authority_, identity.passphrase);
 }
 
-Credentials CertificateAuthority::Signer::finish(X509 *certificate, EVP_PKEY *key, Usage usage, bool self_signed,
+// Without an issuer it signs itself.
+Credentials CertificateAuthority::Signer::finish(X509 *certificate, EVP_PKEY *key, Usage usage, const Issuer *issuer,
                                                  const std::string &passphrase) {
-  X509 *issuer = self_signed ? certificate : certificate_.get();
-  require(X509_set_issuer_name(certificate, X509_get_subject_name(issuer)) == 1, "issuer");
   if (const char *name = usage_name(usage); name != nullptr) add_extension(certificate, NID_ext_key_usage, name);
-  require(X509_sign(certificate, self_signed ? key : key_.get(), EVP_sha256()) > 0, "signature");
+  sign(certificate, issuer != nullptr ? issuer->certificate.get() : certificate, issuer != nullptr ? issuer->key.get() : key);
   return save(certificate, key, passphrase);
 }
 
@@ -267,7 +290,7 @@ void CertificateAuthority::Signer::save_revocations() {
   const TimePtr now(X509_gmtime_adj(nullptr, -kDay)), next(X509_gmtime_adj(nullptr, 30 * kDay));
   X509_CRL *list = revocations_.get();
   require(X509_CRL_set1_lastUpdate(list, now.get()) == 1 && X509_CRL_set1_nextUpdate(list, next.get()) == 1 &&
-              X509_CRL_sort(list) == 1 && X509_CRL_sign(list, key_.get(), EVP_sha256()) > 0 &&
+              X509_CRL_sort(list) == 1 && X509_CRL_sign(list, authority_.key.get(), EVP_sha256()) > 0 &&
               PEM_write_X509_CRL(open_file(revocations_file_, "wb").get(), list) == 1,
           revocations_file_);
 }

@@ -42,6 +42,9 @@ bool PeerLink::act(const Fault::Action &action, const std::string &answer, const
     case Fault::Kind::stop_reading:
       socket_.set_reading(false);
       return true;
+    case Fault::Kind::tls:
+      if (!socket_.make_noise(action.noise, action.bytes)) throw Ended();
+      return true;
     case Fault::Kind::silent:
       throw Silenced();
     case Fault::Kind::close:

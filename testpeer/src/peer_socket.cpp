@@ -15,6 +15,20 @@ namespace testpeer {
 
 namespace {
 
+constexpr int kNoiseBytes = 256 * 1024;  // at a time
+
+bool say(SSL *ssl, TlsNoise noise) {
+  switch (noise) {
+    case TlsNoise::key_updates:
+      return SSL_key_update(ssl, SSL_KEY_UPDATE_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1;
+    case TlsNoise::session_tickets:
+      return SSL_new_session_ticket(ssl) == 1 && SSL_do_handshake(ssl) == 1;
+    case TlsNoise::renegotiations:
+      return SSL_renegotiate(ssl) == 1 && SSL_do_handshake(ssl) == 1;
+  }
+  return false;
+}
+
 // As poll takes it: rounded up, and -1 for never.
 int remaining(Clock::time_point deadline) {
   if (deadline == Clock::time_point::max()) return -1;
@@ -209,6 +223,23 @@ bool PeerSocket::write(std::string_view bytes, size_t chunk) {
     const std::string_view piece = bytes.substr(0, piece_max);
     if (!write_piece_locked(piece)) return false;
     bytes.remove_prefix(piece.size());
+  }
+  return true;
+}
+
+bool PeerSocket::make_noise(TlsNoise noise, size_t count) {
+  while (count > 0) {
+    const std::lock_guard writing(write_mutex_);
+    if (is_finished_ || is_abandoned_ || descriptor_ < 0) return false;
+    {
+      const std::lock_guard lock(tls_mutex_);
+      for (; count > 0 && (ssl_ == nullptr || BIO_pending(output_) < kNoiseBytes); --count) {
+        const bool said = ssl_ != nullptr && say(ssl_.get(), noise);
+        ERR_clear_error();
+        if (!said) throw std::runtime_error("this TLS cannot say so");
+      }
+    }
+    if (!flush_tls_locked()) return false;
   }
   return true;
 }

@@ -4,6 +4,7 @@
 
 #include <openssl/ssl.h>
 #include <qlk/testpeer/connection.hpp>
+#include <qlk/testpeer/script.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -68,6 +69,8 @@ class PeerSocket {
 
   // False when not everything could be handed to the kernel. chunk: the most bytes in one go and one TLS record, 0 for all.
   bool write(std::string_view bytes, size_t chunk = 0);
+  // Says this so often. False as above. Throws std::runtime_error when there is no TLS, or none that can.
+  bool make_noise(TlsNoise noise, size_t count);
   // Nothing can be written afterwards; what was written still arrives. close_notify: TLS says goodbye, as it should.
   void finish_writing(bool close_notify);
   // While it is off, bytes stay in the kernel and the peer is soon unable to send more.

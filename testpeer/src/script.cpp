@@ -33,6 +33,7 @@ Fault Fault::insert(std::string bytes) { return Fault(Action{.kind = Kind::inser
 Fault Fault::replace(std::string bytes) { return Fault(Action{.kind = Kind::replace, .text = std::move(bytes)}); }
 Fault Fault::cut(size_t bytes) { return Fault(Action{.kind = Kind::cut, .bytes = bytes}); }
 Fault Fault::stop_reading() { return Fault(Action{.kind = Kind::stop_reading}); }
+Fault Fault::tls(TlsNoise noise, size_t count) { return Fault(Action{.kind = Kind::tls, .bytes = count, .noise = noise}); }
 Fault Fault::silent() { return Fault(Action{.kind = Kind::silent}); }
 Fault Fault::close() { return Fault(Action{.kind = Kind::close}); }
 Fault Fault::truncate() { return Fault(Action{.kind = Kind::truncate}); }

@@ -101,6 +101,10 @@ bool RawClient::start_tls(const CertificateAuthority &authority, const Credentia
   ssl_.reset(SSL_new(context.get()));
   SSL_set_fd(ssl_.get(), socket_);
   SSL_set_tlsext_host_name(ssl_.get(), server_name.c_str());
+  SSL_set_msg_callback_arg(ssl_.get(), &handshake_messages_);
+  SSL_set_msg_callback(ssl_.get(), [](int is_ours, int, int type, const void *, size_t, SSL *, void *count) {
+    if (is_ours == 0 && type == SSL3_RT_HANDSHAKE) ++*static_cast<unsigned *>(count);
+  });
   in6_addr ignored;
   if (inet_pton(AF_INET, server_name.c_str(), &ignored) == 1) {
     X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl_.get()), server_name.c_str());

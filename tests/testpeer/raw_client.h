@@ -33,6 +33,8 @@ class RawClient {
   long verify_result() const { return SSL_get_verify_result(ssl_.get()); }
   // How many reads returned something.
   unsigned pieces() const { return pieces_; }
+  // How many messages of a handshake came, in it and since.
+  unsigned handshake_messages() const { return handshake_messages_; }
 
  private:
   enum class Ending { none, in_order, truncated, reset, timeout };
@@ -45,7 +47,7 @@ class RawClient {
   int socket_;
   std::unique_ptr<SSL, SslFree> ssl_;
   std::string unread_;
-  unsigned pieces_ = 0;
+  unsigned pieces_ = 0, handshake_messages_ = 0;
   Ending ending_ = Ending::none;
   bool told_of_reset_ = false;  // by a write
 };

@@ -522,6 +522,9 @@ const CertificateCase kCertificates[] = {
      X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT},
     {"OtherAuthority", [](Identities &by) { return by.other.server(kDomain); }, kDomain,
      X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
+    // The authority's own list is all that there is.
+    {"OfAnAuthorityBelow", [](Identities &by) { return by.authority.server({.names = {kDomain}, .intermediates = 2}); }, kDomain,
+     X509_V_ERR_UNABLE_TO_GET_CRL},
     {"WrongUsage", [](Identities &by) { return by.authority.server({.names = {kDomain}, .usage = Usage::client}); }, kDomain,
      X509_V_ERR_INVALID_PURPOSE},
     {"Revoked",
@@ -589,6 +592,24 @@ TEST(ScriptedPeer, KeepsToItsTlsVersions) {
   const ScriptedPeer oldest(options);
   RawClient refused(oldest.port());
   EXPECT_FALSE(come_to(Stage::sasl, refused));
+}
+
+TEST(ScriptedPeer, SaysInTlsWhatNobodyHears) {
+  for (const TlsNoise noise : {TlsNoise::key_updates, TlsNoise::session_tickets}) {
+    const ScriptedPeer peer(with(Stage::sasl, Fault::tls(noise, 100)));
+    RawClient client(peer.port());
+    ASSERT_TRUE(come_to(Stage::stream_open_tls, client));
+    client.read_until(kFeaturesEnd);
+    const unsigned before = client.handshake_messages();
+    client.send(kAuth);
+    EXPECT_TRUE(client.read_until("</success>").starts_with("<success"));
+    EXPECT_EQ(before + 100, client.handshake_messages());
+  }
+  const ScriptedPeer peer(with(Stage::sasl, Fault::tls(TlsNoise::renegotiations)));
+  RawClient client(peer.port());
+  ASSERT_TRUE(come_to(Stage::sasl, client));
+  client.read_all();
+  EXPECT_EQ(std::vector<std::string>{"this TLS cannot say so"}, peer.newest()->transcript().violations);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <concepts>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -47,6 +48,7 @@ struct ServerIdentity {
   Usage usage = Usage::server;
   bool self_signed = false;
   std::string passphrase = {};  // encrypts the key
+  size_t intermediates = 0;     // so many authorities stand between this one and the server, and are shown with it
 };
 
 // The address USER@DOMAIN is the subject's emailAddress and, as UTF8String, the alternative name of the XMPP kind.

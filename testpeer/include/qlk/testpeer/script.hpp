@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -33,6 +34,14 @@ enum class Stage {
 // As it is written above; constant.
 const char *name_of(Stage stage);
 
+// What a server may say in TLS that no application hears.
+enum class TlsNoise {
+  key_updates,      // new keys, each with the request that the client change its own; TLS 1.3 alone
+  session_tickets,  // for a session to be resumed with
+  renegotiations    // requests for a new handshake; TLS 1.2 alone. A client that refuses one is left, as OpenSSL does not go on
+                    // then
+};
+
 // What the peer does when it would give the answer of a stage, or of a request. Faults join into sequences:
 //   Fault::delay(50ms).then(Fault::reset()),  Fault::close().times(2)
 // In their texts "{host}" stands for the peer's host(), "{jid}" for the client's address and "{id}" for the id of the request;
@@ -51,6 +60,9 @@ class Fault {
   static Fault cut(size_t bytes);
   // Reads nothing more until Connection::resume_reading, but gives this answer.
   static Fault stop_reading();
+  // Says this in TLS so many times, and as fast as the client takes it; without a count, until the client is gone. Before TLS,
+  // and in a version that does not have it, the connection ends, and why is among the violations, or the errors.
+  static Fault tls(TlsNoise noise, size_t count = SIZE_MAX);
 
   // ---- These are the last of their sequence.
   // Reads on and records what comes, but answers no more.
@@ -76,12 +88,13 @@ class Fault {
 
  private:
   friend class PeerLink;
-  enum class Kind { delay, insert, replace, cut, stop_reading, silent, close, truncate, reset, half_close, stream_error };
+  enum class Kind { delay, insert, replace, cut, stop_reading, tls, silent, close, truncate, reset, half_close, stream_error };
   struct Action {
     Kind kind;
     std::string text = {}, condition = {};
     Milliseconds time = {};
-    size_t bytes = 0;
+    size_t bytes = 0;  // or how often
+    TlsNoise noise = {};
   };
   explicit Fault(Action action) : actions_{std::move(action)} {}
 
