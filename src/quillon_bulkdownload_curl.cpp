@@ -325,6 +325,8 @@ CURLcode qlk::_ssl_ctx_cb(CURL * /*curl*/, void *sslctx, void *parm) {
   quillon_bulkdownload &bulkdownload = *static_cast<quillon_bulkdownload_iter *>(parm)->bulkdownload;
   const TlsCallback callback = tls_callback_of(bulkdownload);
   if (callback.function != nullptr) callback.function(&bulkdownload, sslctx, callback.user_data);
+  // Else OpenSSL would read on for as long as the service sends new keys and tickets, and a close would wait for it.
+  if (context != nullptr) SSL_CTX_clear_mode(context, SSL_MODE_AUTO_RETRY);
   if (context != nullptr && SSL_CTX_get_min_proto_version(context) < TLS1_2_VERSION) {
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
   }

@@ -24,6 +24,12 @@ constexpr size_t kInputBytes = 16 * 1024;
 // small records at a time.
 constexpr size_t kPieceBytes = 2 * 1024;
 constexpr size_t kOutputBytesKept = 64 * 1024;  // a larger buffer is given back once it is empty
+// We never write so much ahead of the socket: it is TLS that answers a peer which asks and asks, and reads nothing.
+constexpr size_t kOutputBytesMax = 512 * 1024;
+// OpenSSL reads on until it finds something for us. A peer that sends new keys or tickets without end must not keep the loop:
+// each key costs both of us a tenth of a millisecond, and a good server sends one in hours and a few tickets.
+constexpr unsigned kFillsPerCall = 2;
+constexpr size_t kFruitlessBytesMax = 64 * 1024;
 
 // What others left in the thread's queue would be taken for a failure of ours. Clearing walks all of the queue each time, so an
 // empty one is left alone.
@@ -56,6 +62,7 @@ struct LinkBio {
   static int write(BIO *bio, const char *bytes, int size) {
     BIO_clear_retry_flags(bio);
     try {
+      if (link(bio).has_too_much_to_say()) return -1;
       link(bio).send_or_keep({bytes, static_cast<size_t>(size)});
       return size;
     } catch (const std::bad_alloc &) {
@@ -134,7 +141,10 @@ Link::Io Link::fill() {
 
 Link::Io Link::read_buffered(char *buffer, size_t size, size_t &got) {
   if (in_begin_ == in_end_) {
+    if (ssl_ != nullptr && fills_left_ == 0) return Io::again;
+    if (ssl_ != nullptr) --fills_left_;
     if (const Io filled = fill(); filled != Io::done) return filled;
+    fruitless_ += in_end_;
   }
   got = std::min(size, in_end_ - in_begin_);
   std::memcpy(buffer, in_.get() + in_begin_, got);
@@ -188,6 +198,8 @@ Link::Io Link::tls_result(int result) {
 
 Link::Io Link::handshake() {
   ERR_clear_error();
+  fills_left_ = kFillsPerCall;
+  fruitless_ = 0;
   const int result = SSL_do_handshake(ssl_.get());
   return result == 1 ? Io::done : tls_result(result);
 }
@@ -195,6 +207,7 @@ Link::Io Link::handshake() {
 // Servers put each stanza into a record of its own, but many records come at once.
 Link::Io Link::read_tls(char *buffer, size_t size, size_t &got) {
   bool is_first = true;
+  fills_left_ = kFillsPerCall;
   while (got < size && tls_end_ == Io::done) {
     const bool is_empty = drained_ && in_begin_ == in_end_ && SSL_has_pending(ssl_.get()) == 0;
     if (is_empty) return got > 0 ? Io::done : Io::again;
@@ -203,8 +216,11 @@ Link::Io Link::read_tls(char *buffer, size_t size, size_t &got) {
     const int result = SSL_read_ex(ssl_.get(), buffer + got, size - got, &piece);
     const Io io = result == 1 ? Io::done : tls_result(result);
     got += piece;
-    if (io == Io::again) return got > 0 ? Io::done : Io::again;
-    tls_end_ = io;
+    if (piece > 0) fruitless_ = 0;
+    const bool is_noise = io == Io::again && fruitless_ > kFruitlessBytesMax;
+    if (io == Io::again && !is_noise) return got > 0 ? Io::done : Io::again;
+    if (is_noise) tls_error_ = "the server sends new keys or tickets, and no data";
+    tls_end_ = is_noise ? Io::failed : io;
   }
   return got > 0 ? Io::done : tls_end_;
 }
@@ -232,6 +248,13 @@ Link::Io Link::write_through(std::string_view bytes) {
   const Io io = write(bytes);
   through_ = false;
   return io;
+}
+
+bool Link::has_too_much_to_say() {
+  if (waiting() <= kOutputBytesMax) return false;
+  socket_error_ = ENOBUFS;
+  tls_error_ = "the server asks and asks in TLS, and does not read the answers";
+  return true;
 }
 
 void Link::send_or_keep(std::string_view bytes) {

@@ -84,6 +84,7 @@ class Link final : public Buriable {
   Io receive(char *room, size_t size, size_t &got);
   Io fill();
   Io read_buffered(char *buffer, size_t size, size_t &got);
+  bool has_too_much_to_say();
   void send_or_keep(std::string_view bytes);
   Io tls_result(int result);
   Io read_tls(char *buffer, size_t size, size_t &got);
@@ -93,10 +94,12 @@ class Link final : public Buriable {
   std::unique_ptr<char[]> in_;  // what the socket gave and nobody took
   size_t in_begin_ = 0, in_end_ = 0;
   bool in_closed_ = false;
-  bool drained_ = false;   // the socket had nothing more when it was last read
-  bool spoken_ = false;    // written since it was last read
-  Io tls_end_ = Io::done;  // how reading ended, behind bytes that came before
-  std::string out_;        // what the socket has not taken yet
+  size_t fruitless_ = 0;     // what was read since there were data in it
+  unsigned fills_left_ = 0;  // of in_, in this call
+  bool drained_ = false;     // the socket had nothing more when it was last read
+  bool spoken_ = false;      // written since it was last read
+  Io tls_end_ = Io::done;    // how reading ended, behind bytes that came before
+  std::string out_;          // what the socket has not taken yet
   size_t out_begin_ = 0;
   bool through_ = false;  // to the socket, what OpenSSL writes
   int socket_error_ = 0;
