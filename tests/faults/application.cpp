@@ -1,6 +1,7 @@
 #include "application.h"
 
 #include <filesystem>
+#include <set>
 
 namespace faults {
 
@@ -44,6 +45,14 @@ Options with_reply(const std::string &request, const testpeer::Reply &reply) {
   Options options = correct();
   options.request_replies.emplace(request, reply);
   return options;
+}
+
+std::vector<testpeer::HostileBytes> telling_hostile_stanzas() {
+  const std::set<std::string> telling = {"Large",        "Deep",    "Crowded",       "LongNamed", "EntityBomb",
+                                         "DocumentType", "Comment", "HalfCharacter", "ZeroByte"};
+  std::vector<testpeer::HostileBytes> all = testpeer::hostile_stanzas();
+  std::erase_if(all, [&](const testpeer::HostileBytes &one) { return !telling.contains(one.name); });
+  return all;
 }
 
 // Threads first: one that leaves between the two counts has closed its descriptors before, and must not be missed while they are
@@ -91,6 +100,17 @@ Application::Application() : config_(nullptr, quillon_config_destroy), connectio
 }
 
 Application::~Application() { connection_.reset(); }
+
+quillon_connection *Application::connection() {
+  const std::lock_guard lock(mutex_);
+  return connection_.get();
+}
+
+void Application::destroy_connection() {
+  std::unique_lock lock(mutex_);
+  const test_support::Connection taken = std::move(connection_);
+  lock.unlock();  // the callbacks of its end want it
+}
 
 void Application::use(const std::string &host) { quillon_config_set_host(config(), host.c_str()); }
 

@@ -50,6 +50,10 @@ Options with(Stage stage, const Fault &fault);
 Options with_request(const std::string &request, const Fault &fault);
 Options with_reply(const std::string &request, const testpeer::Reply &reply);
 
+// Of the hostile stanzas those that each meet another check of the parser: where it is known to see all of them, these are
+// enough.
+std::vector<testpeer::HostileBytes> telling_hostile_stanzas();
+
 // Descriptors and threads of this process.
 struct Resources {
   size_t descriptors = 0, threads = 0;
@@ -72,9 +76,10 @@ class Application {
   Application(const Application &) = delete;
   Application &operator=(const Application &) = delete;
 
-  quillon_connection *connection() { return connection_.get(); }
+  quillon_connection *connection();
   quillon_config *config() { return config_.get(); }
-  void destroy_connection() { connection_.reset(); }
+  // Others may be inside calls that have begun.
+  void destroy_connection();
 
   // The host of the next connects.
   void use(const std::string &host);

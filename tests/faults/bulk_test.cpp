@@ -15,6 +15,7 @@ using testpeer::HttpsOptions;
 using testpeer::HttpsPeer;
 using testpeer::HttpsStage;
 using testpeer::ServerIdentity;
+using testpeer::TlsNoise;
 using testpeer::TlsVersion;
 using testpeer::Usage;
 using testpeer::Validity;
@@ -167,6 +168,11 @@ Row survived(Row row) {
   return row;
 }
 
+Row asked(Row row) {
+  row.is_asked = true;
+  return row;
+}
+
 Row losing(Row row) {
   row.may_lose_items = true;
   return row;
@@ -209,6 +215,7 @@ std::vector<Row> rows_of_stages() {
       endless,
 
       silent(in_body("Silent", Fault::silent())),
+      in_body("ClosesItsHalf", Fault::half_close(), QUILLON_STATUS_OK),
       survived(in_body("Late", late.then(Fault::replace(kRest)))),
       // A document that breaks off ends where it does, as the header says; only an announced length tells, or a last chunk.
       in_body("Closes", close, QUILLON_STATUS_OK),
@@ -223,6 +230,117 @@ std::vector<Row> rows_of_stages() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Stages, BulkFault, testing::ValuesIn(rows_of_stages()), kNameOfRow);
+
+// ---- HTTP as it should not be
+
+constexpr char kStatusLine[] = "HTTP/1.1 200 OK\r\n", kChunked[] = "Transfer-Encoding: chunked\r\n";
+
+// What follows the request, and then the end; or again and again until the client is gone.
+Row saying(const std::string &name, const std::string &bytes, const std::string &endlessly = {}) {
+  Row row = changed(name, [=](HttpsOptions &options) {
+    options.on_request = [=](testpeer::HttpExchange &exchange) {
+      bool is_heard = exchange.send(bytes);
+      while (is_heard && !endlessly.empty()) is_heard = exchange.send(endlessly);
+      return true;
+    };
+  });
+  row.is_asked = true;
+  return row;
+}
+
+std::string chunk(const std::string &size, const std::string &bytes) { return size + "\r\n" + bytes + "\r\n"; }
+
+// Behind a first chunk with the first item.
+Row in_chunks(const std::string &name, const std::string &rest, const std::string &endlessly = {}) {
+  return with_one_item(saying("Chunks_" + name, kStatusLine + (kChunked + ("\r\n" + chunk("e", kBegun))) + rest, endlessly));
+}
+
+std::string with_length(const std::string &body, const std::string &more = {}) {
+  return kStatusLine + ("Content-Length: " + std::to_string(body.size()) + "\r\n") + more + "\r\n" + body;
+}
+
+std::string repeated(const std::string &text, size_t count) {
+  std::string all;
+  for (size_t i = 0; i < count; ++i) all += text;
+  return all;
+}
+
+Row with_items(Row row, size_t items, QUILLON_STATUS status = QUILLON_STATUS_OK) {
+  row.items = items;
+  row.status = status;
+  return row;
+}
+
+// Whatever the number says, the body is the document.
+std::vector<Row> rows_of_statuses() {
+  std::vector<Row> rows;
+  for (const int status : {204, 304, 401, 404, 500}) {
+    const std::string name = "Status" + std::to_string(status);
+    const bool has_body = status != 204 && status != 304;
+    rows.push_back(with_items(answering(name + "WithBody", {.status = status, .pieces = {kBegun, kRest}}), has_body ? 2 : 0));
+    rows.push_back(with_items(answering(name + "WithoutBody", {.status = status}), 0));
+  }
+  return rows;
+}
+
+std::vector<Row> rows_of_http() {
+  const std::string document = std::string(kBegun) + kRest, end = chunk("0", "");
+  const std::string zipped("\x1f\x8b\x08\0\0\0\0\0\0\x03\xb3\x29\xd2\xb7\x03\0", 17);
+  std::vector<Row> rows = rows_of_statuses();
+  const std::vector<Row> more = {
+      in_chunks("SizeIsNoNumber", "zz\r\n" + document),
+      in_chunks("SizeIsNegative", "-1\r\n" + document),
+      in_chunks("SizeOverflows", "fffffffffffffffff\r\n" + document),
+      in_chunks("SizeOf64Bits", "ffffffffffffffff\r\n" + document),
+      with_items(in_chunks("SizeOf63Bits", std::string("7fffffffffffffff\r\n") + kRest), 2, QUILLON_STATUS_REST_ERROR),
+      in_chunks("WithoutALineEnd", "3\r\n<i>2" + end),
+      survived(in_chunks("WithTrailers", chunk("10", kRest) + "0\r\nMore: 1\r\n\r\n")),
+      silent(in_chunks("TrailersWithoutEnd", "0\r\n", repeated("More: 1\r\n", 1000))),
+      silent(in_chunks("AnExtensionWithoutEnd", "1;", std::string(10'000, 'x'))),
+      with_items(saying("GzipThatNobodyAskedFor", with_length(zipped, "Content-Encoding: gzip\r\n")), 0,
+                 QUILLON_STATUS_XML_ERROR),
+      survived(saying("ContinueThreeTimes", repeated("HTTP/1.1 100 Continue\r\n\r\n", 3) + with_length(document))),
+      saying("ContinueWithoutEnd", "", repeated("HTTP/1.1 100 Continue\r\n\r\n", 1000)),
+      saying("HintsWithoutEnd", "", repeated("HTTP/1.1 103 Early Hints\r\nLink: <x>\r\n\r\n", 1000)),
+      // The last one holds.
+      survived(saying("TwoLengths", kStatusLine + std::string("Content-Length: 5\r\n") + with_length(document).substr(17))),
+      saying("ALengthThatIsNoNumber", kStatusLine + ("Content-Length: -1\r\n\r\n" + document)),
+      survived(saying("LengthAndChunks",
+                      kStatusLine + ("Content-Length: 3\r\n" + (kChunked + ("\r\n" + chunk("1e", document))) + end))),
+      survived(saying("TrailingBytes", with_length(document) + "<more/>")),
+      saying("Http09", document),
+      with_items(saying("Http2Unasked",
+                        "HTTP/1.1 101 Switching Protocols\r\nUpgrade: h2c\r\nConnection: Upgrade\r\n\r\n" + std::string(9, '\0')),
+                 0, QUILLON_STATUS_XML_ERROR),
+      saying("Http3", "HTTP/3.7 200 OK\r\n\r\n" + document),
+  };
+  rows.insert(rows.end(), more.begin(), more.end());
+  return rows;
+}
+
+INSTANTIATE_TEST_SUITE_P(Http, BulkFault, testing::ValuesIn(rows_of_http()), kNameOfRow);
+
+// A redirection is an answer like any other: neither the request nor the certificate goes anywhere else.
+TEST_F(Bulk, NoRedirectionIsFollowed) {
+  const HttpsPeer other(correct_service());
+  for (const int status : {301, 302, 307, 308}) {
+    for (const std::string &location : {other.url(), "http://" + other.host() + "/", std::string("/bulk"), std::string("//")}) {
+      HttpsOptions options = correct_service();
+      options.answer = testpeer::HttpAnswer::redirect(location, status);
+      const HttpsPeer peer(options);
+      open(peer);
+      size_t items = 0;
+      QUILLON_STATUS worst = QUILLON_STATUS_OK;
+      while (read_on(items, worst)) {
+      }
+      close();
+      EXPECT_EQ(0U, items);
+      EXPECT_EQ(QUILLON_STATUS_OK, worst) << status << " " << location;
+      EXPECT_EQ(1U, peer.connections()) << status << " " << location;
+    }
+  }
+  EXPECT_EQ(0U, other.connections());
+}
 
 // ---- Certificates and versions
 
@@ -249,6 +367,14 @@ std::vector<Row> rows_of_tls() {
   tls_1_1.prepare = [](quillon_config *, quillon_bulkdownload *bulk) {
     quillon_bulkdownload_set_ssl_ctx_cb(bulk, prefer_weakness);
   };
+  const auto renegotiating = [](const char *name, size_t count) {
+    return with_items(changed(name,
+                              [count](HttpsOptions &it) {
+                                it.tls_version_max = TlsVersion::tls_1_2;
+                                it.faults.emplace(HttpsStage::body, Fault::tls(TlsNoise::renegotiations, count));
+                              }),
+                      0, QUILLON_STATUS_REST_ERROR);
+  };
   return {
       survived(certificate("WithoutUsage", {.addresses = here, .usage = Usage::none})),
       certificate("Expired", {.addresses = here, .validity = Validity::expired}),
@@ -266,6 +392,14 @@ std::vector<Row> rows_of_tls() {
       revoked,
       tls_1_1,
       survived(changed("Tls12Only", [](HttpsOptions &it) { it.tls_version_max = TlsVersion::tls_1_2; })),
+      survived(certificate("OfAnAuthorityBelow", {.addresses = here, .intermediates = 3})),
+      certificate("OfAChainThatIsTooLong", {.addresses = here, .intermediates = 120}),
+      survived(in_body("KeyUpdates", Fault::tls(TlsNoise::key_updates, 100).then(Fault::replace(kRest)))),
+      silent(in_body("KeyUpdatesWithoutEnd", Fault::tls(TlsNoise::key_updates))),
+      survived(in_body("SessionTickets", Fault::tls(TlsNoise::session_tickets, 100).then(Fault::replace(kRest)))),
+      silent(in_body("SessionTicketsWithoutEnd", Fault::tls(TlsNoise::session_tickets))),
+      survived(renegotiating("Body_Renegotiation", 1)),
+      asked(silent(renegotiating("Body_RenegotiationsWithoutEnd", SIZE_MAX))),
   };
 }
 

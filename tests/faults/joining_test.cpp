@@ -12,10 +12,15 @@ namespace faults {
 namespace {
 
 using testpeer::Reply;
+using testpeer::TlsNoise;
+using testpeer::TlsVersion;
 
 constexpr char kConnect[] = "connectRequest", kSubscribe[] = "subscribeRequest";
 
 std::string response(const std::string &payload) { return "<grid xmlns='quillon' type='response'>" + payload + "</grid>"; }
+std::string answer_with(const std::string &payload) {
+  return "<iq type='result' id='{id}' from='" CONTROLLER_JID "'>" + response(payload) + "</iq>";
+}
 std::string decision(const std::string &word) {
   return response("<connectResponse xmlns='" GRID_NS "'><approvalStatus>" + word + "</approvalStatus></connectResponse>");
 }
@@ -29,10 +34,13 @@ struct Row {
   Statuses disconnected = {};
   unsigned answer = kPatient;  // the time-out
   Statuses account = {};
+  std::string (*hostile)() = nullptr;  // the payload of an answer, instead of the fault
+  TlsVersion newest = TlsVersion::tls_1_3;
 
   Options options(const std::string &request) const {
     Options options = reply ? with_reply(request, *reply) : correct();
-    options.request_faults.emplace(request, fault);
+    options.request_faults.emplace(request, hostile != nullptr ? Fault::replace(answer_with(hostile())) : fault);
+    options.tls_version_max = newest;
     return options;
   }
   friend void PrintTo(const Row &row, std::ostream *out) { *out << row.name; }
@@ -89,6 +97,14 @@ std::vector<Row> rows_of_wrong_answers() {
   };
 }
 
+std::vector<Row> rows_of_hostile_payloads(QUILLON_STATUS ended) {
+  std::vector<Row> rows;
+  for (const testpeer::HostileBytes &hostile : telling_hostile_stanzas())
+    rows.push_back(
+        {.name = hostile.name, .status = QUILLON_STATUS_SEND_TIMEOUT, .disconnected = {ended}, .hostile = hostile.bytes});
+  return rows;
+}
+
 class RequestTest : public FaultTest, public testing::WithParamInterface<Row> {
  protected:
   void expect_seen(unsigned connected) {
@@ -135,6 +151,8 @@ const std::vector<Row> kDecisions = {
 
 INSTANTIATE_TEST_SUITE_P(AnyRequest, Admission, testing::ValuesIn(rows_of_any_request(QUILLON_STATUS_QUILLON_ERROR)), kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(WrongAnswers, Admission, testing::ValuesIn(rows_of_wrong_answers()), kNameOfRow);
+INSTANTIATE_TEST_SUITE_P(HostilePayload, Admission, testing::ValuesIn(rows_of_hostile_payloads(QUILLON_STATUS_QUILLON_ERROR)),
+                         kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(Decisions, Admission, testing::ValuesIn(kDecisions), kNameOfRow);
 
 // What a drain does first, while the session is only coming up.
@@ -187,6 +205,22 @@ const std::vector<Row> kPresences = {
      .fault = Fault::reset(),
      .status = QUILLON_STATUS_SEND_TIMEOUT,
      .disconnected = {QUILLON_STATUS_QUILLON_ERROR}},
+    {.name = "Truncates",
+     .fault = Fault::truncate(),
+     .status = QUILLON_STATUS_SEND_TIMEOUT,
+     .disconnected = {QUILLON_STATUS_QUILLON_ERROR}},
+    {.name = "ClosesItsHalf",
+     .fault = Fault::half_close(),
+     .status = QUILLON_STATUS_SEND_TIMEOUT,
+     .disconnected = {QUILLON_STATUS_QUILLON_ERROR}},
+    {.name = "Babbles",
+     .fault = Fault::say("<odd xmlns='urn:odd'/></never-opened>"),
+     .status = QUILLON_STATUS_SEND_TIMEOUT,
+     .disconnected = {QUILLON_STATUS_QUILLON_ERROR}},
+    {.name = "IsCutThenSilent",
+     .fault = Fault::say("<presence from='" CONTROLLER_JID "'><pri"),
+     .status = QUILLON_STATUS_SEND_TIMEOUT,
+     .answer = kImpatient},
     {.name = "StreamError",
      .fault = Fault::stream_error("conflict"),
      .status = QUILLON_STATUS_SEND_TIMEOUT,
@@ -194,6 +228,21 @@ const std::vector<Row> kPresences = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, Presence, testing::ValuesIn(kPresences), kNameOfRow);
+
+// A presence in return, of which any part arrives: the connect fails as ever.
+TEST_F(FaultTest, APresenceThatIsCutAnywhereEndsTheConnectOnce) {
+  const std::string presence = "<presence from='" CONTROLLER_JID "'/>";
+  for (size_t at = 0; at <= presence.size(); ++at) {
+    const ScriptedPeer peer(with_request("presence", Fault::replace(presence.substr(0, at)).then(Fault::close())));
+    application_.use(peer.host());
+    application_.forget_seen();
+    ASSERT_NE(QUILLON_STATUS_OK, application_.connect()) << at;
+    ASSERT_TRUE(application_.wait_ended()) << at;
+    EXPECT_EQ(Statuses{QUILLON_STATUS_QUILLON_ERROR}, application_.seen().disconnected) << at;
+    EXPECT_EQ("-", application_.seen().order) << at;
+  }
+  expect_recovery();
+}
 
 // ---- An account that waits for an administrator
 
@@ -240,6 +289,16 @@ TEST_P(Pending, EndsAsItShould) {
   }
   expect_recovery(std::move(peer));
 }
+
+std::vector<PendingRow> rows_of_hostile_words() {
+  std::vector<PendingRow> rows;
+  for (const testpeer::HostileBytes &hostile : telling_hostile_stanzas())
+    rows.push_back(
+        {.name = hostile.name, .then = [bytes = hostile.bytes](Application &, ScriptedPeer &peer) { peer.notify(bytes()); }});
+  return rows;
+}
+
+INSTANTIATE_TEST_SUITE_P(Hostile, Pending, testing::ValuesIn(rows_of_hostile_words()), kNameOfRow);
 
 const PendingRow kPendings[] = {
     {.name = "Enabled",
@@ -409,7 +468,30 @@ std::vector<Row> rows_of_hostile_answers() {
   return rows;
 }
 
+INSTANTIATE_TEST_SUITE_P(HostilePayload, Query, testing::ValuesIn(rows_of_hostile_payloads(QUILLON_STATUS_CONNECTION_ERROR)),
+                         kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(Hostile, Query, testing::ValuesIn(rows_of_hostile_answers()), kNameOfRow);
+
+// What goes on in TLS is nothing that an application hears, unless it has no end. The peer reads nothing meanwhile.
+const Row kNoises[] = {
+    {.name = "KeyUpdates", .fault = Fault::tls(TlsNoise::key_updates, 500)},
+    {.name = "SessionTickets", .fault = Fault::tls(TlsNoise::session_tickets, 20)},
+    {.name = "KeyUpdatesWithoutEnd",
+     .fault = Fault::tls(TlsNoise::key_updates),
+     .status = QUILLON_STATUS_SEND_TIMEOUT,
+     .disconnected = {QUILLON_STATUS_CONNECTION_ERROR}},
+    {.name = "SessionTicketsWithoutEnd",
+     .fault = Fault::tls(TlsNoise::session_tickets),
+     .status = QUILLON_STATUS_SEND_TIMEOUT,
+     .disconnected = {QUILLON_STATUS_CONNECTION_ERROR}},
+    {.name = "RenegotiationsWithoutEnd",
+     .fault = Fault::tls(TlsNoise::renegotiations),
+     .status = QUILLON_STATUS_SEND_TIMEOUT,
+     .disconnected = {QUILLON_STATUS_CONNECTION_ERROR},
+     .newest = TlsVersion::tls_1_2},
+};
+
+INSTANTIATE_TEST_SUITE_P(Tls, Query, testing::ValuesIn(kNoises), kNameOfRow);
 
 // Many threads ask at once, and the server goes while all of them wait.
 TEST_F(FaultTest, ManyQueriesEndWithTheSession) {
@@ -477,6 +559,8 @@ TEST_P(Subscription, EndsAsItShould) {
 
 INSTANTIATE_TEST_SUITE_P(AnyRequest, Subscription, testing::ValuesIn(rows_of_any_request(QUILLON_STATUS_CONNECTION_ERROR)),
                          kNameOfRow);
+INSTANTIATE_TEST_SUITE_P(HostilePayload, Subscription,
+                         testing::ValuesIn(rows_of_hostile_payloads(QUILLON_STATUS_CONNECTION_ERROR)), kNameOfRow);
 INSTANTIATE_TEST_SUITE_P(WrongAnswers, Subscription, testing::ValuesIn(rows_of_wrong_answers()), kNameOfRow);
 
 }  // namespace

@@ -18,6 +18,7 @@ namespace {
 
 using testpeer::HostileBytes;
 using testpeer::ServerIdentity;
+using testpeer::TlsNoise;
 using testpeer::TlsVersion;
 using testpeer::Usage;
 using testpeer::Validity;
@@ -127,6 +128,9 @@ std::vector<Row> rows_of_tls() {
   };
   return {
       survived("WithoutUsage", certificate({.names = {GRID_DOMAIN}, .usage = Usage::none})),
+      survived("OfAnAuthorityBelow", certificate({.names = {GRID_DOMAIN}, .intermediates = 3})),
+      {"OfAChainThatIsTooLong", certificate({.names = {GRID_DOMAIN}, .intermediates = 120})},
+      {"OfAChainOfMoreThan100KiB", certificate({.names = {GRID_DOMAIN}, .intermediates = 280})},
       {"Expired", certificate({.names = {GRID_DOMAIN}, .validity = Validity::expired})},
       {"NotYetValid", certificate({.names = {GRID_DOMAIN}, .validity = Validity::not_yet})},
       {"SelfSigned", certificate({.names = {GRID_DOMAIN}, .self_signed = true})},
@@ -148,6 +152,19 @@ std::vector<Row> rows_of_tls() {
        })},
       survived("MechanismsBeforeTls", changed([](Options &it) { it.offers_mechanisms_before_tls = true; })),
       {"StartTlsRefused", changed([](Options &it) { it.refuses_starttls = true; })},
+      survived("KeyUpdates", [] { return with(Stage::sasl, Fault::tls(TlsNoise::key_updates, 500)); }),
+      {"KeyUpdatesWithoutEnd", [] { return with(Stage::sasl, Fault::tls(TlsNoise::key_updates)); }},
+      survived("SessionTickets", [] { return with(Stage::sasl, Fault::tls(TlsNoise::session_tickets, 20)); }),
+      {"Renegotiation", changed([](Options &it) {
+         it.tls_version_max = TlsVersion::tls_1_2;
+         it.faults.emplace(Stage::sasl, Fault::tls(TlsNoise::renegotiations, 1));
+       })},
+      {"EmptyRecordsInTheHandshake",
+       [] {
+         std::string empty;
+         for (int i = 0; i < 10'000; ++i) empty.append("\x16\x03\x03\0\0", 5);
+         return with(Stage::tls_handshake, Fault::say(empty));
+       }},
   };
 }
 
@@ -268,6 +285,22 @@ std::vector<Row> rows_of_negotiation() {
     std::replace(name.begin(), name.end(), '-', '_');
     rows.push_back({name, changed([condition](Options &it) { it.sasl_failure = condition; })});
   }
+  const auto elsewhere = [&rows](const std::string &name, const std::string &host, QUILLON_STATUS end) {
+    rows.push_back({.name = "SeeOtherHost_" + name,
+                    .options = [host] { return with(Stage::features, Fault::stream_error("see-other-host", host)); },
+                    .disconnected = {end}});
+  };
+  elsewhere("Nowhere", "", QUILLON_STATUS_CONNECTION_ERROR_XMPP);
+  elsewhere("NoName", "no name", QUILLON_STATUS_CONNECTION_ERROR_XMPP);
+  elsewhere("ALongName", std::string(100'000, 'a'), QUILLON_STATUS_QUILLON_ERROR);
+  elsewhere("PortZero", "127.0.0.1:0", QUILLON_STATUS_CONNECTION_ERROR_XMPP);
+  elsewhere("PortTooLarge", "127.0.0.1:65536", QUILLON_STATUS_CONNECTION_ERROR_XMPP);
+  elsewhere("HalfAnIpv6Address", "[::1", QUILLON_STATUS_CONNECTION_ERROR_XMPP);
+  elsewhere("AnIpv6AddressWithoutAnybody", "[::1]:1", QUILLON_STATUS_QUILLON_ERROR);
+  rows.push_back(survived("SeeOtherHost_AnIpv6Address", changed([](Options &it) {
+                            it.ipv6 = true;
+                            it.faults.emplace(Stage::features, Fault::stream_error("see-other-host", "{host}").times(1));
+                          })));
   for (const HostileBytes &hostile : testpeer::hostile_stanzas()) {
     if (hostile.name == "Large") continue;  // the stages after it see that
     const auto bytes = hostile.bytes;

@@ -112,10 +112,40 @@ std::vector<EndRow> rows_of_hostile_stanzas() {
                       for (const char byte : bytes()) it.send({&byte, 1});
                     }});
   }
+  for (const HostileBytes &hostile : telling_hostile_stanzas()) {
+    rows.push_back({"InANotification_" + hostile.name,
+                    [bytes = hostile.bytes](Connection &it) { it.send(grid_message(CONTROLLER_JID, bytes())); }});
+  }
   return rows;
 }
 
 INSTANTIATE_TEST_SUITE_P(Hostile, Ending, testing::ValuesIn(rows_of_hostile_stanzas()), kNameOfRow);
+
+// Whole, and with its end byte by byte.
+TEST_F(FaultTest, AStanzaOf4MibIsTakenAndOneByteMoreIsNot) {
+  constexpr size_t kLimit = 4UL * 1024 * 1024;
+  for (const size_t in_bytes : {0U, 64U}) {
+    for (const bool is_more : {false, true}) {
+      const ScriptedPeer peer(correct());
+      application_.use(peer.host());
+      application_.forget_seen();
+      ASSERT_EQ(QUILLON_STATUS_OK, application_.connect()) << application_.log();
+      const std::string stanza = testpeer::large_stanza(kLimit + (is_more ? 1 : 0));
+      const size_t first = stanza.size() - in_bytes;
+      peer.newest()->send(stanza.substr(0, first));
+      for (const char byte : stanza.substr(first)) peer.newest()->send({&byte, 1});
+      if (is_more) {
+        EXPECT_TRUE(application_.wait_ended()) << application_.log();
+        EXPECT_NE(std::string::npos, application_.log().find("stanza too large"));
+      } else {
+        EXPECT_EQ(QUILLON_STATUS_OK, application_.ask()) << application_.log();
+      }
+      EXPECT_EQ(is_more ? 1U : 0U, application_.seen().disconnected.size());
+      EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
+    }
+  }
+  expect_recovery();
+}
 
 // A server that is there no more without having said so: the probe finds out.
 TEST_F(FaultTest, ASilentServerIsNoticed) {
@@ -230,7 +260,7 @@ struct DisconnectRow {
   std::string name;
   std::function<void(Options &)> change;
   std::function<void(ScriptedPeer &)> act = [](ScriptedPeer &) {};
-  std::string answer = {};  // to the client's closing tag
+  std::function<void(Connection &)> answer = {};  // to the client's closing tag
 
   friend void PrintTo(const DisconnectRow &row, std::ostream *out) { *out << row.name; }
 };
@@ -249,15 +279,15 @@ TEST_P(Disconnecting, EndsAsItShould) {
   row.act(*peer);
   std::shared_ptr<Connection> link = peer->newest();
   std::thread answering([&] {
-    if (!row.answer.empty() && link->wait_until([](const testpeer::Transcript &it) { return it.is_closed_by_client; }, kSoon))
-      link->send(row.answer);
+    if (row.answer && link->wait_until([](const testpeer::Transcript &it) { return it.is_closed_by_client; }, kSoon))
+      row.answer(*link);
   });
   const Stopwatch stopwatch;
   EXPECT_EQ(QUILLON_STATUS_OK, application_.disconnect());
   EXPECT_LT(stopwatch.passed(), kSoon);
   EXPECT_FALSE(application_.is_connected());
   answering.join();
-  EXPECT_TRUE(row.answer.empty() || testpeer::eventually(kSoon, [&] { return link->transcript().is_ended; }));
+  EXPECT_TRUE(!row.answer || testpeer::eventually(kSoon, [&] { return link->transcript().is_ended; }));
   const std::string received = link->transcript().received;
   link.reset();  // it keeps a socket
   EXPECT_EQ(received.rfind(kClosingTag), received.find(kClosingTag)) << "nothing comes behind the closing tag: " << received;
@@ -277,9 +307,19 @@ const DisconnectRow kDisconnects[] = {
     {"IsInAStanza", [](Options &it) { it.answers_close = false; },
      [](ScriptedPeer &peer) { peer.send("<message from='" CONTROLLER_JID "'><grid xmlns='quillon'"); }},
     {"SaysNoXml", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &peer) { peer.send("</message>"); }},
-    {"IsAnsweredByNoXml", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &) {}, "</message>"},
+    {"IsAnsweredByNoXml", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &) {},
+     [](Connection &it) { it.send("</message>"); }},
     {"IsAnsweredByAStreamError", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &) {},
-     "<stream:error><conflict xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>"},
+     [](Connection &it) { it.send("<stream:error><conflict xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>"); }},
+    {"IsAnsweredByAReset", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &) {},
+     [](Connection &it) { it.reset(); }},
+    {"IsAnsweredAndReset", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &) {},
+     [](Connection &it) {
+       it.send(kClosingTag);
+       it.reset();
+     }},
+    {"IsAnsweredByHalfALink", [](Options &it) { it.answers_close = false; }, [](ScriptedPeer &) {},
+     [](Connection &it) { it.half_close(); }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, Disconnecting, testing::ValuesIn(kDisconnects), kNameOfRow);
