@@ -36,7 +36,7 @@ class SoakTest(unittest.TestCase):
         busy_from_half = {"others_cpu": lambda value, part: 1.4 if part > 0.5 else value}
         cases = (  # how the samples change, the lines that rise
             ({}, set()),
-            ({"used_kib": lambda value, part: value + 400 * part}, {"used_kib"}),
+            ({"used_kib": lambda value, part: value + 1000 * part}, {"used_kib"}),
             ({"used_kib": lambda value, part: value + 1000 * min(part, 0.15)}, set()),  # while it warms up
             ({"low_kib": lambda value, part: value + value / 10 * part}, {"low_kib"}),
             ({"resident_kib": lambda value, part: value + 2500 * part}, {"resident_kib"}),
@@ -46,7 +46,7 @@ class SoakTest(unittest.TestCase):
             ({"async_us": lambda value, part: value * (40 if 0.4 < part < 0.7 else 1)}, set()),  # and comes down again
             # Others take the processors: what the clock says is not believed, but what is paid is.
             ({"async_us": lambda value, part: value * (20 if part > 0.5 else 1), **busy_from_half}, set()),
-            ({"cost_us": lambda value, part: value * (1 + 2 * part), **busy_from_half}, {"cost_us"}),
+            ({"cost_us": lambda value, part: value * (1 + 6 * part), **busy_from_half}, {"cost_us"}),
         )
         titles = {title: key for key, title, *_ in soak.LINES + soak.SPANS} | {title: key for title, key, _ in soak.LOWS}
         for number, (changed, rising) in enumerate(cases):
