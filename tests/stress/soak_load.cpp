@@ -120,6 +120,10 @@ class Member : public Client {
       require(wait_for([this] { return !is_connected(); }, kPatience), "the end of a session");
       require(wait_for([this] { return connect() == QUILLON_STATUS_OK; }, kPatience), "a connect");
     }
+    // What the client records would be the only thing that grows.
+    account.clear();
+    connected.clear();
+    disconnected.clear();
   }
 
  private:
