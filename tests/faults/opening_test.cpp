@@ -5,11 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <future>
 #include <thread>
 
 #include "application.h"
 #include "black_hole.h"
 #include "connection_events.h"
+#include "connection_private.h"
 #include "stuck_resolver.h"
 #include "wait_for.h"
 
@@ -495,6 +497,28 @@ std::vector<Place> places() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Stages, Abandoned, testing::ValuesIn(places()), kNameOfRow);
+
+// Behind its last look at whether the connection is still there, where its log holds the connect up.
+TEST_F(FaultTest, ADestroyJustBeforeTheSessionBeginsIsNoFaultOfTheHost) {
+  static testpeer::Latch is_there, may_go_on;
+  quillon_log_set_callback([](const char *format, va_list) {
+    if (std::string_view(format).starts_with("connecting to host")) {
+      is_there.count_down();
+      may_go_on.wait(kSoon);
+    }
+    return 0;
+  });
+  application_.use("127.0.0.1:9");
+  quillon_connection *const connection = application_.connection();
+  const qlk::ConnectionHold hold(*connection);
+  auto status = std::async(std::launch::async, [&] { return quillon_connection_connect(connection); });
+  EXPECT_TRUE(is_there.wait(kSoon));
+  auto destroyed = std::async(std::launch::async, [this] { application_.destroy_connection(); });
+  EXPECT_TRUE(testpeer::eventually(kSoon, [&] { return !connection->extra->gate->is_open(); }));
+  may_go_on.count_down();
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, status.get());
+  destroyed.get();
+}
 
 }  // namespace
 }  // namespace faults
