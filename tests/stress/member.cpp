@@ -132,6 +132,7 @@ Member make_member(std::vector<std::string> hosts, Watch &watch, Random &random)
   quillon_config_set_address_racing(config, once_in(random, 3));
   const auto overflow = once_in(random, 2) ? QUILLON_HANDLER_QUEUE_OVERFLOW_DROP : QUILLON_HANDLER_QUEUE_OVERFLOW_CLOSE;
   quillon_config_set_handler_queue_bound(config, static_cast<int>(pick(random, 3) * 50), overflow);
+  quillon_config_set_handler_queue_bytes(config, 0, once_in(random, 3) ? 200'000 : 0);
   member.capability = test_support::make_capability("urn:stress", "Stress");
   member.connection = test_support::make_connection();
   member.watch = &watch;
