@@ -64,6 +64,7 @@ qlk::BulkTransfer::BulkTransfer(ThrdsSharedData &shared) : shared_(shared) {
 }
 
 qlk::BulkTransfer::~BulkTransfer() {
+  OPENSSL_thread_stop();  // else OpenSSL does that at the thread's end, perhaps when it has cleaned up
   Transfers &all = transfers();
   const std::lock_guard lock(all.mutex);
   std::erase(all.under_way, &shared_);
