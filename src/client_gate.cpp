@@ -1,8 +1,27 @@
 #include "client_gate.h"
 
-#include <algorithm>
+#include <utility>
 
 namespace qlk {
+
+namespace {
+
+std::mutex all_mutex;
+ClientGate *all = nullptr;  // the first; under all_mutex
+
+}  // namespace
+
+ClientGate::ClientGate() : previous_(nullptr) {
+  const std::lock_guard lock(all_mutex);
+  next_ = std::exchange(all, this);
+  if (next_ != nullptr) next_->previous_ = this;
+}
+
+ClientGate::~ClientGate() {
+  const std::lock_guard lock(all_mutex);
+  (previous_ != nullptr ? previous_->next_ : all) = next_;
+  if (next_ != nullptr) next_->previous_ = previous_;
+}
 
 ClientGate::Waiting::Waiting(ClientGate &gate, Waiter wake) : gate_(gate) {
   place_ = entry_.insert(entry_.end(), std::move(wake));
@@ -28,30 +47,15 @@ void ClientGate::close() {
   for (const Waiter &wake : waiters_) wake();
 }
 
+void ClientGate::close_all() {
+  const std::lock_guard lock(all_mutex);
+  for (ClientGate *gate = all; gate != nullptr; gate = gate->next_) gate->close();
+}
+
 void ClientGate::drain(bool on_loop) {
   if (on_loop) return;
   std::unique_lock lock(mutex_);
   unused_.wait(lock, [this] { return loop_uses_ == 0; });
-}
-
-void OpenGates::add(const std::shared_ptr<ClientGate> &gate) {
-  const std::lock_guard lock(mutex_);
-  if (gates_.size() >= swept_) {
-    std::erase_if(gates_, [](const std::weak_ptr<ClientGate> &other) { return other.expired(); });
-    swept_ = std::max(swept_, 2 * gates_.size());
-  }
-  gates_.push_back(gate);
-}
-
-void OpenGates::close_all() {
-  std::vector<std::weak_ptr<ClientGate>> gates;
-  {
-    const std::lock_guard lock(mutex_);
-    gates.swap(gates_);
-  }
-  for (const std::weak_ptr<ClientGate> &held : gates) {
-    if (const std::shared_ptr<ClientGate> gate = held.lock(); gate != nullptr) gate->close();
-  }
 }
 
 }  // namespace qlk

@@ -7,16 +7,15 @@
 #include <condition_variable>
 #include <functional>
 #include <list>
-#include <memory>
 #include <mutex>
 #include <shared_mutex>
-#include <vector>
 
 namespace qlk {
 
 class ClientGate {
  public:
-  ClientGate() = default;
+  ClientGate();
+  ~ClientGate();
   ClientGate(const ClientGate &) = delete;
   ClientGate &operator=(const ClientGate &) = delete;
 
@@ -75,6 +74,8 @@ class ClientGate {
 
   // Lets nobody in any more and wakes all who wait. Any thread; waits for calls of use, which are short.
   void close();
+  // Closes all that there are in the process.
+  static void close_all();
   // Waits until the loop is done with the client; not for the caller's own use of it, when it is the loop.
   void drain(bool on_loop);
 
@@ -87,19 +88,8 @@ class ClientGate {
   std::mutex waiters_mutex_;
   std::list<Waiter> waiters_;  // under waiters_mutex_
   bool closed_ = false;        // under waiters_mutex_
-};
 
-// The gates of the connections there are, so that all can be closed at once.
-class OpenGates {
- public:
-  // Throws std::bad_alloc. Any thread, as what follows.
-  void add(const std::shared_ptr<ClientGate> &gate);
-  void close_all();
-
- private:
-  std::mutex mutex_;
-  std::vector<std::weak_ptr<ClientGate>> gates_;  // under mutex_, those of connections that are gone too
-  size_t swept_ = 16;                             // so many are looked through for these
+  ClientGate *next_, *previous_;  // of all gates, under a lock of theirs
 };
 
 }  // namespace qlk

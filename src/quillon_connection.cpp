@@ -58,7 +58,6 @@ QUILLON_STATUS allocate(_quillon_lib_obj &library, quillon_connection *&out) {
   if (extra == nullptr || connection == nullptr) return fail("_quillon_connection malloc  failed", QUILLON_STATUS_MALLOC_ERROR);
   extra->loop = library.loop;
   extra->async_queries = std::make_shared<qlk::AsyncQueries>(*connection);
-  library.gates.add(extra->gate);
   connection->extra = extra.release();
   connection->qlnlib = &library;
   pthread_mutex_init(&connection->connect_lock, nullptr);

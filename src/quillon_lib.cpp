@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "client_gate.h"
 #include "guard.h"
 #include "owners.h"
 #include "quillon_grid.h"
@@ -192,7 +193,7 @@ void quillon_shutdown(void) {
     if (qlk::g_Qln_Lib == nullptr) return wb_log(WB_LOG_INFO, "quillon library is already uninitialized");
     std::shared_ptr<_quillon_lib_obj> lib = std::move(std::exchange(qlk::g_Qln_Lib, nullptr)->self);
     // Before anything goes that a session still up might be using, on the loop or on a thread that sends.
-    lib->gates.close_all();
+    qlk::ClientGate::close_all();
     lib->loop->close();
     if (lib->loop.use_count() > 1) wb_log(WB_LOG_WARN, "the event loop stays until the last connection is destroyed");
     lib.reset();

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <memory>
 
-#include "client_gate.h"
 #include "event_loop.h"
 #include "quillon.h"
 
@@ -16,7 +15,6 @@ struct _quillon_lib_obj {
   wb_htable *wb_base_config;               // owned; what the other three point to lives with the loop
   wb_workq *wb_workq_;                     // named so because wb_workq is the type
   std::shared_ptr<qlk::EventLoop> loop;    // private addition
-  qlk::OpenGates gates;                    // private addition: of the connections
   std::shared_ptr<_quillon_lib_obj> self;  // private addition: the library's own reference
 
   ~_quillon_lib_obj();
