@@ -176,6 +176,7 @@ void AsyncQueries::call_back_all(std::unique_lock<std::mutex> &lock) {
       last_ended_ = nullptr;
     }
     lock.unlock();
+    waiting_.log_if_high();  // those that nobody has answered have not been looked at
     // Callbacks often ask the next query.
     wb_client_leave_writing_to_loop(taken_->next != nullptr);
     while (taken_ != nullptr) call_back_first();

@@ -23,7 +23,7 @@ struct Transfers {
   std::mutex mutex;
   std::condition_variable changed;
   std::vector<qlk::ThrdsSharedData *> under_way;  // under mutex, as what follows
-  bool is_exiting = false;
+  bool is_exiting = false, is_watched = false;    // watched: the exit will be known
 };
 
 // Never destroyed: threads may still come here when the process has begun to destroy its statics.
@@ -42,9 +42,9 @@ void break_off() {
 }
 
 // What is registered last runs first at exit, so OpenSSL has to be up before.
-void break_off_before_openssl() {
-  static const bool registered = OPENSSL_init_ssl(0, nullptr) == 1 && std::atexit(break_off) == 0;
-  if (!registered) wb_log(WB_LOG_WARN, "an exit will not wait for bulk downloads");
+bool watch_exit_locked(Transfers &all) {
+  if (!all.is_watched) all.is_watched = OPENSSL_init_ssl(0, nullptr) == 1 && std::atexit(break_off) == 0;
+  return all.is_watched;
 }
 
 }  // namespace
@@ -56,11 +56,15 @@ void qlk::stop_transfer(ThrdsSharedData &shared) {
 }
 
 qlk::BulkTransfer::BulkTransfer(ThrdsSharedData &shared) : shared_(shared) {
-  break_off_before_openssl();
   Transfers &all = transfers();
-  const std::lock_guard lock(all.mutex);
-  all.under_way.push_back(&shared);
-  if (all.is_exiting) stop_transfer(shared);
+  bool is_watched = false;
+  {
+    const std::lock_guard lock(all.mutex);
+    all.under_way.push_back(&shared);
+    is_admitted_ = !all.is_exiting;
+    is_watched = watch_exit_locked(all);
+  }
+  if (!is_watched) wb_log(WB_LOG_WARN, "an exit will not wait for this bulk download");
 }
 
 qlk::BulkTransfer::~BulkTransfer() {

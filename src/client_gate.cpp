@@ -38,6 +38,7 @@ ClientGate::Waiting::~Waiting() {
 }
 
 void ClientGate::close() {
+  closing_ = true;
   {
     const std::unique_lock lock(mutex_);
     client_ = nullptr;

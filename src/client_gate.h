@@ -1,9 +1,11 @@
-// The way of other threads, and of what waits for the event loop, to a connection's XMPP client. When the connection is destroyed
-// the gate closes: nobody gets through any more, and whoever waits for an outcome is woken.
+// The way of other threads, and of what waits for the event loop, to a connection's XMPP client. When the connection is
+// destroyed, or the library shut down, the gate closes for good: nobody gets through any more, and whoever waits for an outcome
+// is woken.
 #pragma once
 
 #include <warbler/warbler.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <list>
@@ -21,12 +23,13 @@ class ClientGate {
 
   void open(wb_client *client) {
     const std::unique_lock lock(mutex_);
-    client_ = client;
+    if (!closing_) client_ = client;
   }
 
   // Passes the client to the function, which must raise no event; false when the gate is closed. Any thread.
   template <typename Function>
   bool use(Function &&function) {
+    if (closing_.load(std::memory_order_relaxed)) return false;
     const std::shared_lock lock(mutex_);
     if (client_ == nullptr) return false;
     function(client_);
@@ -80,6 +83,7 @@ class ClientGate {
   void drain(bool on_loop);
 
  private:
+  std::atomic<bool> closing_ = false;  // nobody begins any more: those who share the lock do not starve who closes
   mutable std::shared_mutex mutex_;
   std::condition_variable_any unused_;
   wb_client *client_ = nullptr;  // under mutex_

@@ -30,10 +30,13 @@ QueueGauge::Entry QueueGauge::enter(size_t bytes) {
                  .depth = depth_.fetch_add(1, std::memory_order_relaxed) + 1,
                  .all_bytes = bytes_.fetch_add(bytes, std::memory_order_relaxed) + bytes,
                  .is_high = false};
-  entry.is_high = entry.depth >= warning_.load(std::memory_order_relaxed) ||
-                  entry.all_bytes >= warning_bytes_.load(std::memory_order_relaxed);
+  entry.is_high = is_high(entry.depth, entry.all_bytes);
   if (!entry.is_high || !is_bounded()) note_highest(entry);
   return entry;
+}
+
+bool QueueGauge::is_high(size_t depth, size_t bytes) const {
+  return depth >= warning_.load(std::memory_order_relaxed) || bytes >= warning_bytes_.load(std::memory_order_relaxed);
 }
 
 void QueueGauge::note_highest(const Entry &entry) {
@@ -49,12 +52,21 @@ bool QueueGauge::fits(const Entry &entry, Admission admission) const {
          (entry.depth == 1 || is_within(entry.all_bytes, bound_bytes_.load(std::memory_order_relaxed), kReserveBytes));
 }
 
+// Once for each crossing.
+void QueueGauge::tell_of(const Entry &entry) {
+  if (!raise(Alarm::kHigh)) return;
+  wb_log(WB_LOG_WARN, "%zu %s, which is too slow for them; they take %zu KiB", entry.depth, content_, kibibytes(entry.all_bytes));
+}
+
+void QueueGauge::log_if_high() {
+  const Entry now = {.bytes = 0, .depth = depth(), .all_bytes = bytes(), .is_high = true};
+  if (is_high(now.depth, now.all_bytes)) tell_of(now);
+}
+
 bool QueueGauge::log_and_admit(const Entry &entry, Admission admission) {
   if (fits(entry, admission)) {
     note_highest(entry);
-    if (raise(Alarm::kHigh))
-      wb_log(WB_LOG_WARN, "%zu %s, which is too slow for them; they take %zu KiB", entry.depth, content_,
-             kibibytes(entry.all_bytes));
+    tell_of(entry);
     return true;
   }
   forget(1, entry.bytes);

@@ -41,6 +41,8 @@ class QueueGauge {
   // Logs what is new, and tells whether it may stay. When not it is counted as dropped and waits no longer. Any thread, without
   // a lock, since the log may be the application's.
   bool log_and_admit(const Entry &entry, Admission admission = Admission::kBounded);
+  // Logs that too much waits now, unless the log has been told. Any thread, without a lock.
+  void log_if_high();
   // One waits no longer. True when the log is to be told so, by calm.
   bool leave(size_t bytes);
   void calm();
@@ -58,8 +60,10 @@ class QueueGauge {
   enum class Alarm { kNone, kHigh, kFull };
 
   size_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
+  bool is_high(size_t depth, size_t bytes) const;
   bool fits(const Entry &entry, Admission admission) const;
   void note_highest(const Entry &entry);
+  void tell_of(const Entry &entry);
   bool raise(Alarm alarm);
 
   const char *const content_;

@@ -281,6 +281,8 @@ void *qlk::curlThrdFunc(void *userdata) {
   }
   const QUILLON_STATUS performed = guarded(__func__, [&]() -> QUILLON_STATUS {
     const BulkTransfer under_way(iter->thrdsSharedData);
+    iter->bulkdownload->status = QUILLON_STATUS_REST_ERROR;
+    if (!under_way) return QUILLON_STATUS_OK;
     Transfer transfer;
     perform(transfer, *iter);
     return QUILLON_STATUS_OK;

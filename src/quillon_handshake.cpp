@@ -60,12 +60,13 @@ unsigned open_session_number(quillon_connection &connection) {
 
 // ---- The end of a session
 
-// Waits until the end of the session has been reported: by then another may have begun. False on a time-out.
+// Waits until the end of the session has been reported: by then another may have begun. False on a time-out. When the connection
+// is destroyed, or the library shut down, there is nothing to wait for.
 bool wait_for_end(quillon_connection &connection, unsigned session) {
   const auto deadline = qlk::SteadyClock::now() + kDisconnectTime;
   for (;;) {
     quillon_monitor_clear(connection.disconnect_monitor);
-    if (open_session_number(connection) != session || connection.extra->destroyed) return true;
+    if (open_session_number(connection) != session || !connection.extra->gate->is_open()) return true;
     if (!qlk::wait_notified(*connection.disconnect_monitor, deadline)) return false;
   }
 }
@@ -233,7 +234,8 @@ QUILLON_STATUS begin_session(quillon_connection &connection) {
   if (!begun) {
     forget_session(*connection.extra);
     qlk::leave_loop(connection);
-    if (!is_there) return fail("the connection is destroyed while it connects", QUILLON_STATUS_CONNECTION_ERROR);
+    if (!is_there)
+      return fail("the connection is destroyed, or the library shut down, while it connects", QUILLON_STATUS_CONNECTION_ERROR);
     wb_log_err(WB_LOG_ERROR, &err, "could not connect to specified server");
     return QUILLON_STATUS_WB_ERROR;
   }
@@ -496,6 +498,16 @@ class Connecting {
   bool admitted_ = false;
 };
 
+// Nobody wants what the connect waits for any more.
+void call_off(quillon_connection &connection) {
+  {
+    const std::lock_guard lock(connection.extra->mutex);
+    connection.extra->cancelled = true;
+  }
+  quillon_monitor_notify(connection.xmpp_connection_monitor);
+  quillon_monitor_notify(connection.connection_update_monitor);
+}
+
 bool is_connecting_here(quillon_connection &connection) {
   const std::lock_guard lock(connection.extra->mutex);
   return connection.extra->connecting && pthread_equal(connection.extra->connect_thread, pthread_self()) != 0;
@@ -542,6 +554,9 @@ QUILLON_STATUS qlk::connect(quillon_connection &connection, const std::atomic<bo
   const Connecting connecting(connection, own_leaving);
   if (!connecting) return fail("the connection is left while it connects", QUILLON_STATUS_CONNECTION_ERROR);
   const PthreadLock lock(connection.connect_lock);
+  // After a shutdown nothing comes any more that would end a wait.
+  const ClientGate::Waiting woken(*connection.extra->gate, [&connection] { call_off(connection); });
+  if (!woken) return fail("the connection is destroyed, or the library shut down", QUILLON_STATUS_CONNECTION_ERROR);
   return connect_locked(connection, keep_running);
 }
 

@@ -213,7 +213,8 @@ struct _quillon_data {
 
 namespace {
 
-// Ends the operation when the connection is destroyed. Made before anything is sent or queued, since it takes memory.
+// Ends the operation when the connection is destroyed or the library shut down. Made before anything is sent or queued, since it
+// takes memory.
 class WokenByDestroy {
  public:
   explicit WokenByDestroy(Operation &operation)

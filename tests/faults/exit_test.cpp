@@ -147,5 +147,44 @@ TEST(Exit, WhileADownloadIsOpen) {
   for (Child &child : downloading) EXPECT_EQ(0, child.run(peer.url()));
 }
 
+// ---- A shutdown with connections that are left
+
+struct ShutdownRow {
+  std::string name;
+  Options options;
+
+  friend void PrintTo(const ShutdownRow &row, std::ostream *out) { *out << row.name; }
+};
+
+ShutdownRow pending() {
+  ShutdownRow row = {"Pending", correct()};
+  row.options.approval_status = "pending";
+  return row;
+}
+
+class Shutdown : public testing::TestWithParam<ShutdownRow> {};
+
+TEST_P(Shutdown, EndsAConnect) {
+  Application application;
+  application.allow(kPatient, kPatient);
+  const ScriptedPeer peer(GetParam().options);
+  application.use(peer.host());
+  QUILLON_STATUS status = QUILLON_STATUS_MAX;
+  std::thread connecting([&] { status = application.connect(); });
+  const bool is_pending = GetParam().options.approval_status == "pending";
+  EXPECT_TRUE(is_pending ? application.wait_until([](const Seen &seen) { return !seen.account.empty(); })
+                         : peer.wait_connections(1, kSoon));
+  const Stopwatch stopwatch;
+  quillon_shutdown();
+  connecting.join();
+  EXPECT_LT(stopwatch.passed(), seconds(10)) << application.log();
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, status);
+  EXPECT_EQ(QUILLON_STATUS_CONNECTION_ERROR, application.connect());
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, Shutdown,
+                         testing::Values(pending(), ShutdownRow{"Negotiating", with(Stage::sasl, Fault::silent())}),
+                         [](const testing::TestParamInfo<ShutdownRow> &row) { return row.param.name; });
+
 }  // namespace
 }  // namespace faults

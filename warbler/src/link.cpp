@@ -30,6 +30,8 @@ constexpr size_t kOutputBytesMax = 512 * 1024;
 // each key costs both of us a tenth of a millisecond, and a good server sends one in hours and a few tickets.
 constexpr unsigned kFillsPerCall = 2;
 constexpr size_t kFruitlessBytesMax = 64 * 1024;
+constexpr size_t kFruitlessBytesForgiven =
+    64;  // for each byte of data: with that, records of a byte each are not held against it
 
 // What others left in the thread's queue would be taken for a failure of ours. Clearing walks all of the queue each time, so an
 // empty one is left alone.
@@ -216,7 +218,7 @@ Link::Io Link::read_tls(char *buffer, size_t size, size_t &got) {
     const int result = SSL_read_ex(ssl_.get(), buffer + got, size - got, &piece);
     const Io io = result == 1 ? Io::done : tls_result(result);
     got += piece;
-    if (piece > 0) fruitless_ = 0;
+    fruitless_ -= std::min(fruitless_, kFruitlessBytesForgiven * piece);
     const bool is_noise = io == Io::again && fruitless_ > kFruitlessBytesMax;
     if (io == Io::again && !is_noise) return got > 0 ? Io::done : Io::again;
     if (is_noise) tls_error_ = "the server sends new keys or tickets, and no data";
