@@ -55,6 +55,7 @@ class SoakTest(unittest.TestCase):
                 rows = soak.judge(samples)
                 self.assertEqual({titles[title] for title, _, is_flat in rows if not is_flat}, rising, rows)
                 self.assertEqual(bool(soak.faults(samples, rows, 0)), bool(rising))
+                self.assertEqual("not judged: " in soak.report(samples, rows, []).splitlines()[-1], "others_cpu" in changed)
 
     def test_counts(self):
         rows = soak.judge(sampled())
