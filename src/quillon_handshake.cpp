@@ -413,19 +413,20 @@ bool mark_grid_connected(quillon_connection &connection) {
   return true;
 }
 
-// What the loop runs when it is done with what it is doing now.
+// What the loop runs when it is done with what it is doing now, which may be never: it must not keep the connection.
 struct LoopPass {
-  explicit LoopPass(quillon_connection &passed) : connection(passed), hold(passed) {}
-
   quillon_connection &connection;
-  const qlk::ConnectionHold hold;
+  const std::shared_ptr<qlk::ClientGate> gate;  // while it lets somebody pass the connection is there
 };
 
 void note_pass(void *arg, bool) {
   const std::unique_ptr<LoopPass> pass(static_cast<LoopPass *>(arg));
-  const std::lock_guard lock(pass->connection.extra->mutex);
-  ++pass->connection.extra->loop_passes;
-  pass->connection.extra->changed.notify_all();
+  pass->gate->use([&](wb_client *) {
+    qlk::ConnectionPrivate &extra = *pass->connection.extra;
+    const std::lock_guard lock(extra.mutex);
+    ++extra.loop_passes;
+    extra.changed.notify_all();
+  });
 }
 
 // A request without an answer may be the first sign of a session that has ended: the loop tells of that only afterwards. Waits
@@ -433,7 +434,7 @@ void note_pass(void *arg, bool) {
 void hear_of_end(quillon_connection &connection) {
   qlk::ConnectionPrivate &extra = *connection.extra;
   const auto deadline = qlk::SteadyClock::now() + std::chrono::seconds(qlk::send_timeout_seconds(connection));
-  std::unique_ptr<LoopPass> pass(new (std::nothrow) LoopPass(connection));
+  std::unique_ptr<LoopPass> pass(new (std::nothrow) LoopPass{connection, extra.gate});
   std::unique_lock lock(extra.mutex);
   const unsigned passes = extra.loop_passes;
   if (pass == nullptr || !wb_workq_put(extra.loop->queue(), note_pass, pass.get(), nullptr)) return;
