@@ -22,10 +22,12 @@ QUILLON_STATUS quillon_connection_set_stanza_trace(quillon_connection *connectio
                                                    void *user_data) {
   qlk::trace(__func__);
   if (connection == nullptr) return qlk::refuse("Invalid connection object");
-  const std::lock_guard lock(connection->extra->mutex);
-  connection->extra->stanza_trace = callback;
-  connection->extra->stanza_trace_user_data = user_data;
-  connection->extra->gate->use(
-      [&](wb_client *client) { wb_client_set_trace(client, callback != nullptr ? show : nullptr, connection); });
+  const auto set = [&](wb_client *client) {  // the gate before the mutex, as everywhere
+    const std::lock_guard lock(connection->extra->mutex);
+    connection->extra->stanza_trace = callback;
+    connection->extra->stanza_trace_user_data = user_data;
+    if (client != nullptr) wb_client_set_trace(client, callback != nullptr ? show : nullptr, connection);
+  };
+  if (!connection->extra->gate->use(set)) set(nullptr);
   return QUILLON_STATUS_OK;
 }
