@@ -69,8 +69,8 @@ class Line:
     contenders: tuple
     goals: tuple = ()
     rounds: int = 0  # 0: as many as the run has
-    rounds_factor: int = 1  # times that: for runs so short that the machine's mood of a moment would tell in a few of them
     notes: tuple = ()
+    rounds_factor: int = 1  # times that: for runs so short that the machine's mood of a moment would tell in a few of them
 
     def plotted(self):
         """The figures that have a goal, or else the first."""

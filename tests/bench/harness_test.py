@@ -53,6 +53,13 @@ class HarnessTest(unittest.TestCase):
         self.assertIn("| slow | ratio | 2.20, at most 2 | 11.0, at most 5: MISSED | MISSED |", self.text)
         self.assertRegex(self.text, r"\| broken \| KeyError.* FAILED \|")
 
+    def test_every_line_is_well_formed(self):
+        for one in lines.all_lines():
+            with self.subTest(one.key):
+                self.assertGreaterEqual(one.rounds * one.rounds_factor, 0)
+                self.assertTrue(all(isinstance(note, str) for note in one.notes))
+                self.assertTrue(all(isinstance(goal, lines.Goal) for goal in one.goals))
+
     def test_growths(self):
         cases = (  # panel, values, whether it is met
             (CPU, (5.9, 6.8, 8.4, 11.9, 52), True),  # mostly a fixed share
