@@ -12,7 +12,9 @@ namespace {
 size_t kibibytes(size_t bytes) { return (bytes + 1023) / 1024; }
 
 void raise_to(std::atomic<size_t> &highest, size_t value) {
-  if (value > highest.load(std::memory_order_relaxed)) highest.store(value, std::memory_order_relaxed);
+  size_t known = highest.load(std::memory_order_relaxed);
+  while (value > known && !highest.compare_exchange_weak(known, value, std::memory_order_relaxed)) {
+  }
 }
 
 }  // namespace

@@ -281,10 +281,12 @@ void *qlk::curlThrdFunc(void *userdata) {
   }
   const QUILLON_STATUS performed = guarded(__func__, [&]() -> QUILLON_STATUS {
     const BulkTransfer under_way(iter->thrdsSharedData);
-    iter->bulkdownload->status = QUILLON_STATUS_REST_ERROR;
-    if (!under_way) return QUILLON_STATUS_OK;
     Transfer transfer;
-    perform(transfer, *iter);
+    if (under_way) {
+      perform(transfer, *iter);
+    } else {
+      iter->bulkdownload->status = QUILLON_STATUS_REST_ERROR;
+    }
     return QUILLON_STATUS_OK;
   });
   if (performed != QUILLON_STATUS_OK) fail_for_memory(*iter->bulkdownload);

@@ -504,6 +504,7 @@ void call_off(quillon_connection &connection) {
   {
     const std::lock_guard lock(connection.extra->mutex);
     connection.extra->cancelled = true;
+    connection.extra->changed.notify_all();
   }
   quillon_monitor_notify(connection.xmpp_connection_monitor);
   quillon_monitor_notify(connection.connection_update_monitor);

@@ -30,8 +30,8 @@ constexpr size_t kOutputBytesMax = 512 * 1024;
 // each key costs both of us a tenth of a millisecond, and a good server sends one in hours and a few tickets.
 constexpr unsigned kFillsPerCall = 2;
 constexpr size_t kFruitlessBytesMax = 64 * 1024;
-constexpr size_t kFruitlessBytesForgiven =
-    64;  // for each byte of data: with that, records of a byte each are not held against it
+// For each byte of data: records of one byte each are not held against a server.
+constexpr size_t kFruitlessBytesForgiven = 64;
 
 // What others left in the thread's queue would be taken for a failure of ours. Clearing walks all of the queue each time, so an
 // empty one is left alone.
@@ -64,7 +64,7 @@ struct LinkBio {
   static int write(BIO *bio, const char *bytes, int size) {
     BIO_clear_retry_flags(bio);
     try {
-      if (link(bio).has_too_much_to_say()) return -1;
+      if (link(bio).end_if_piled_up()) return -1;
       link(bio).send_or_keep({bytes, static_cast<size_t>(size)});
       return size;
     } catch (const std::bad_alloc &) {
@@ -252,7 +252,7 @@ Link::Io Link::write_through(std::string_view bytes) {
   return io;
 }
 
-bool Link::has_too_much_to_say() {
+bool Link::end_if_piled_up() {
   if (waiting() <= kOutputBytesMax) return false;
   socket_error_ = ENOBUFS;
   tls_error_ = "the server asks and asks in TLS, and does not read the answers";

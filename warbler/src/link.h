@@ -84,7 +84,7 @@ class Link final : public Buriable {
   Io receive(char *room, size_t size, size_t &got);
   Io fill();
   Io read_buffered(char *buffer, size_t size, size_t &got);
-  bool has_too_much_to_say();
+  bool end_if_piled_up();
   void send_or_keep(std::string_view bytes);
   Io tls_result(int result);
   Io read_tls(char *buffer, size_t size, size_t &got);
